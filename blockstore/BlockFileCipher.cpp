@@ -1,0 +1,151 @@
+// Encryption of a BlockFileCore: payloads of data blocks enciphered under
+// a password whose digest the first directory block keeps.
+#include <cstring>
+#include <vector>
+
+#include "blockstore/BlockFileCore.h"
+#include "utility/BlowFish.h"
+#include "utility/MD5.h"
+
+using ZoStreamE::Status;
+namespace bf = blockformat;
+
+namespace {
+constexpr std::int32_t kCipherBlock = 8;
+constexpr std::int32_t kMaxCipher = 1000;  // the payload has no room for 1008
+
+std::unique_ptr<BlowFish::Context> MakeCipher(const char* password) {
+  return std::unique_ptr<BlowFish::Context>(
+      new BlowFish::Context(password, static_cast<unsigned>(std::strlen(password))));
+}
+}  // namespace
+
+std::int32_t BlockFileCore::CipherLength(std::int32_t usedLength) {
+  if (usedLength <= 0) return 0;
+  if (usedLength > kMaxCipher) return kMaxCipher;
+  return (usedLength + kCipherBlock - 1) / kCipherBlock * kCipherBlock;
+}
+
+bool BlockFileCore::IsEncrypted() const {
+  return status == ZoStreamE::StatusOk && !dirBlocks.empty() &&
+         (dirBlocks[0]->flags & bf::kFlagEncrypted) != 0 && HasEntries();
+}
+
+bool BlockFileCore::SetPassword(const char* password) {
+  if (status != ZoStreamE::StatusOk && status != ZoStreamE::StatusPasswordNeeded) return false;
+  if (dirBlocks.empty() || (dirBlocks[0]->flags & bf::kFlagEncrypted) == 0) return true;
+  if (password == nullptr) return false;
+  MD5 digest(password);
+  if (std::memcmp(digest.GetRawDigest(), dirBlocks[0]->passwordDigest, bf::kDigestSize) != 0) {
+    return false;
+  }
+  cipher = MakeCipher(password);
+  if (status == ZoStreamE::StatusPasswordNeeded) status = ZoStreamE::StatusOk;
+  return true;
+}
+
+// Before a pass rewrites every chain, each chain is walked once by its heads:
+// a chain that leaves the file, loops, or shares a block with another would
+// make the pass encipher some block twice or never end. Such a file is
+// refused before anything changes.
+bool BlockFileCore::ChainsAreSound() {
+  std::vector<bool> seen(static_cast<std::size_t>(BlockCount()) + 1, false);
+  unsigned char raw[bf::kBlockSize];
+  std::lock_guard<std::recursive_mutex> hold(readLock);
+  for (const auto& dirBlock : dirBlocks) {
+    for (const DirEntry& entry : dirBlock->entries) {
+      for (std::uint32_t n = entry.firstBlock; n != 0;) {
+        if (n > BlockCount() || seen[n] || !file->ReadBlock(n, raw)) return false;
+        seen[n] = true;
+        bf::BlockHead head;
+        bf::DecodeHead(raw, &head);
+        if (head.blockNumber != n || !bf::HasSignature(head)) return false;
+        n = head.nextBlock;
+      }
+    }
+  }
+  return true;
+}
+
+// One pass over every block of every chain in use. Deciphering reads a
+// block clear (the read path deciphers while the flag is set), applies the
+// cipher's inverse once more, and the write path enciphers that back to the
+// clear bytes. Enciphering runs with the flag clear, so neither path acts.
+void BlockFileCore::RunCipherPass(bool encrypt) {
+  DataBlock block;
+  for (const auto& dirBlock : dirBlocks) {
+    for (const DirEntry& entry : dirBlock->entries) {
+      for (std::uint32_t n = entry.firstBlock; n != 0; n = block.nextBlock) {
+        if (ReadDataBlock(n, block) != ZoStreamE::StatusOk) throw status;
+        const auto length = static_cast<unsigned>(CipherLength(block.usedLength));
+        if (encrypt) {
+          cipher->Encrypt(block.payload, length);
+        } else {
+          cipher->Decrypt(block.payload, length);
+        }
+        if (WriteDataBlock(block) != ZoStreamE::StatusOk) throw status;
+      }
+    }
+  }
+}
+
+// A pass that failed half-way leaves a file the flag cannot describe. The
+// first directory block loses its signature, so no open accepts the file
+// any more; this one write goes out although the status is set.
+void BlockFileCore::MarkUnusable() {
+  status = ZoStreamE::StatusFailed;
+  DirBlock& first = *dirBlocks[0];
+  first.signature[0] = '\0';
+  unsigned char raw[bf::kBlockSize];
+  bf::EncodeDirBlock(first, raw);
+  file->WriteBlock(first.blockNumber, raw);
+  file->Flush();
+}
+
+Status BlockFileCore::Decrypt() {
+  if (status != ZoStreamE::StatusOk || !IsEncrypted()) return status;
+  if (readOnly) return status = ZoStreamE::StatusFailed;
+  if (!cipher) return status = ZoStreamE::StatusPasswordNeeded;
+  if (!ChainsAreSound()) return status = ZoStreamE::StatusFailed;
+  directoryDirty = true;
+  try {
+    RunCipherPass(false);
+  } catch (Status) {
+    MarkUnusable();
+    return status;
+  }
+  cipher.reset();
+  DirBlock& first = *dirBlocks[0];
+  first.flags = static_cast<std::uint16_t>(first.flags & ~bf::kFlagEncrypted);
+  std::memset(first.passwordDigest, 0, bf::kDigestSize);
+  MarkDirBlockChanged(0);
+  WriteDirBlock(first);
+  return status;
+}
+
+Status BlockFileCore::Encrypt(const char* password) {
+  if (password == nullptr) return status == ZoStreamE::StatusOk ? ZoStreamE::StatusFailed : status;
+  if (status == ZoStreamE::StatusOk && IsEncrypted()) {
+    const Status result = Decrypt();
+    if (result != ZoStreamE::StatusOk) return result;
+  }
+  if (status != ZoStreamE::StatusOk) return status;
+  if (readOnly) return status = ZoStreamE::StatusFailed;
+  if (dirBlocks.empty()) return status;  // no place for the flag: nothing to do
+  if (!ChainsAreSound()) return status = ZoStreamE::StatusFailed;
+  directoryDirty = true;
+  cipher = MakeCipher(password);
+  try {
+    RunCipherPass(true);
+  } catch (Status) {
+    MarkUnusable();
+    return status;
+  }
+  DirBlock& first = *dirBlocks[0];
+  first.flags = static_cast<std::uint16_t>(first.flags | bf::kFlagEncrypted);
+  MD5 digest(password);
+  std::memcpy(first.passwordDigest, digest.GetRawDigest(), bf::kDigestSize);
+  MarkDirBlockChanged(0);
+  WriteDirBlock(first);
+  return status;
+}

@@ -1,0 +1,169 @@
+// Opening, closing and sharing of a BlockFileCore.
+#include "blockstore/BlockFileCore.h"
+
+#include <limits>
+#include <unordered_set>
+
+#include "blockstore/FileServer.h"
+#include "utility/BlowFish.h"
+#include "utility/Env.h"
+#include "utility/Path.h"
+#include "utility/ZoString.h"
+
+using ZoStreamE::Status;
+
+namespace {
+// Thrown inside Open to leave its steps; never leaves Open.
+struct Error {};
+}  // namespace
+
+BlockFileCore::BlockFileCore()
+    : fileSize(0),
+      fileName(nullptr),
+      readOnly(false),
+      directoryDirty(false),
+      status(ZoStreamE::StatusNotOpen),
+      blocksWritten(false),
+      refCount(1) {}
+
+BlockFileCore::~BlockFileCore() {
+  if (file) Close();
+  delete[] fileName;
+}
+
+std::uint32_t BlockFileCore::BlockCount() const {
+  return static_cast<std::uint32_t>(fileSize / blockformat::kBlockSize);
+}
+
+Status BlockFileCore::Open(const char* path, ZoStreamE::OpenMode mode) {
+  status = ZoStreamE::StatusOk;
+  readOnly = mode != ZoStreamE::OpenReadWrite;
+  try {
+    std::unique_ptr<tz::RandomAccessFile> raw;
+    if (path != nullptr && *path != '\0') raw = tz::CurrentEnv()->OpenLocked(path, !readOnly);
+    if (!raw) throw Error();
+    file.reset(new BlockIO(std::move(raw)));
+    std::uint64_t size = 0;
+    if (!file->DiskSize(&size)) throw Error();
+    // Block numbers are compared as signed 32-bit values: a file with more
+    // blocks than that cannot be addressed.
+    if (size % blockformat::kBlockSize != 0 ||
+        size / blockformat::kBlockSize > static_cast<std::uint64_t>(std::numeric_limits<std::int32_t>::max())) {
+      throw Error();
+    }
+    fileSize = static_cast<std::int64_t>(size);
+    if (fileSize != 0) {
+      unsigned char raw1[blockformat::kBlockSize];
+      blockformat::BlockHead head;
+      if (!file->ReadBlock(1, raw1)) throw Error();
+      blockformat::DecodeHead(raw1, &head);
+      if (!blockformat::HasSignature(head)) throw Error();
+    }
+    bool exact = false;
+    DirBlock* first = LoadDirBlock(1, &exact);
+    if (first == nullptr) {
+      if (status != ZoStreamE::StatusPastEnd) return status;
+      status = ZoStreamE::StatusOk;  // an empty file: no directory yet
+    } else {
+      LoadDirectoryChain(first, exact);
+    }
+    directoryDirty = false;
+    if (mode != ZoStreamE::OpenReadOnly) {
+      if (LoadBlockMap() == ZoStreamE::StatusFailed) throw Error();
+      CheckDirBlocksAgainstMap();
+    }
+    ZoString::SetStr(fileName, ZoGetCanonicalPath(path).c_str());
+    blocksWritten = false;
+    return status;
+  } catch (const Error&) {
+    Close();
+    status = ZoStreamE::StatusFailed;
+    return status;
+  }
+}
+
+void BlockFileCore::LoadDirectoryChain(DirBlock* first, bool exact) {
+  std::unordered_set<std::uint32_t> seen{1};
+  AppendLoadedDirBlock(first, exact);
+  for (std::uint32_t next = first->nextBlock; next != 0;) {
+    DirBlock* block = nullptr;
+    if (seen.insert(next).second) block = LoadDirBlock(next, &exact);
+    if (block == nullptr) {
+      // An unreadable or looping directory chain: nothing of this file may be
+      // written back, and the failure leaves Open as a thrown status.
+      status = ZoStreamE::StatusFailed;
+      throw ZoStreamE::StatusFailed;
+    }
+    AppendLoadedDirBlock(block, exact);
+    next = block->nextBlock;
+  }
+}
+
+Status BlockFileCore::LoadBlockMap() {
+  if (ReadFreeList()) return ZoStreamE::StatusOk;
+  status = ZoStreamE::StatusOk;
+  return ScanBlockHeads();
+}
+
+Status BlockFileCore::ScanBlockHeads() {
+  blockMap.Reset();
+  unsigned char raw[blockformat::kBlockSize];
+  const std::uint32_t count = BlockCount();
+  for (std::uint32_t k = 1; k <= count; ++k) {
+    blockformat::BlockHead head;
+    if (!file->ReadBlock(k, raw)) {
+      status = ZoStreamE::StatusFailed;
+      return status;
+    }
+    blockformat::DecodeHead(raw, &head);
+    if (head.blockNumber != k || !blockformat::HasSignature(head)) {
+      status = ZoStreamE::StatusFailed;
+      return status;
+    }
+    blockMap.SetBlock(static_cast<std::int32_t>(k), head.inUse);
+  }
+  return status;
+}
+
+bool BlockFileCore::FlushFile() {
+  if (file && !file->Flush()) {
+    status = ZoStreamE::StatusFailed;
+    return false;
+  }
+  return true;
+}
+
+Status BlockFileCore::Close() {
+  const Status result = status;
+  if (status == ZoStreamE::StatusOk) {
+    if (!readOnly && directoryDirty) {
+      WriteChangedDirBlocks();
+      directoryDirty = false;
+      if (status == ZoStreamE::StatusOk) FlushFile();
+    }
+    if (blocksWritten) WriteFreeList();
+  }
+  // Whatever was queued goes out as the file closes, as a buffered file
+  // stream would do at its destruction.
+  if (file) file->Flush();
+  file.reset();
+  fileSize = 0;
+  status = ZoStreamE::StatusNotOpen;
+  blockMap.Reset();
+  delete[] fileName;
+  fileName = nullptr;
+  cipher.reset();
+  blocksWritten = false;
+  return result;
+}
+
+void BlockFileCore::Release(const char* streamName) {
+  if (streamName != nullptr) {
+    auto it = openStreams.find(streamName);
+    if (it != openStreams.end() && --it->second == 0) openStreams.erase(it);
+  }
+  if (--refCount != 0) return;
+  FileServer::Instance()->Unregister(this);
+  openStreams.clear();
+  delete this;
+}

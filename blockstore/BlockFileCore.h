@@ -1,0 +1,183 @@
+// BlockFileCore: the engine of one open compound file.
+//
+// It owns the open file, the directory held in memory, the block map, the
+// cipher and a sticky status; it reads and writes whole blocks, allocates
+// them and keeps the directory. Nothing above it touches the file.
+//
+// Invariants:
+// (1) Directory blocks are never released while the object lives, so a
+//     DirEntry* handed out stays valid until the last holder has gone.
+// (2) The status is sticky: once it is not StatusOk, no block is read or
+//     written any more (but for the one mark of a failed cipher pass), until
+//     Close sets StatusNotOpen. Only SetPassword (out of
+//     StatusPasswordNeeded), the scan of block heads at open and Close
+//     change it back.
+// (3) A directory block that is not marked changed encodes to exactly the
+//     bytes the file holds for it, and its block-map byte equals its inUse
+//     byte. So writing only the changed blocks leaves the same bytes on disk
+//     as rewriting the whole directory.
+// (4) The name index holds exactly the entries in use, keyed by the
+//     ASCII-folded name, each key's slots in directory order.
+// (5) Every walk of a chain read from the file is bounded by the number of
+//     blocks in the file; a longer walk is a loop and sets StatusFailed.
+//
+// Ownership: refCount counts the CompoundFile handles and block streams
+// that hold the object; the last Release destroys it, which closes the file.
+//
+// Thread safety: block reads (ReadDataBlock, ReadDirBlock, LoadDataBlock)
+// may run on several threads at once; readLock serialises them. Everything
+// else, every write, allocation and directory change, needs the caller's
+// exclusive use of the file.
+#ifndef TESSELZOSTREAM_BLOCKSTORE_BLOCKFILECORE_H_
+#define TESSELZOSTREAM_BLOCKSTORE_BLOCKFILECORE_H_
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include <boost/shared_ptr.hpp>
+
+#include "blockstore/BlockFormat.h"
+#include "blockstore/BlockIO.h"
+#include "blockstore/BlockMap.h"
+#include "blockstore/DirectoryIndex.h"
+#include "tesselzostream/Status.h"
+
+namespace BlowFish {
+class Context;
+}
+class ZoIOStream;
+
+using blockformat::DataBlock;
+using blockformat::DirBlock;
+
+// Open block streams by name, as DirEntry holds it (compared with case).
+using StreamTable = std::map<std::string, std::int32_t>;
+
+class BlockFileCore {
+ public:
+  BlockFileCore();
+  ~BlockFileCore();  // closes the file if it is open
+  BlockFileCore(const BlockFileCore&) = delete;
+  BlockFileCore& operator=(const BlockFileCore&) = delete;
+
+  // --- Opening and closing (BlockFileCore.cpp) ---
+  // Opens or creates the file; returns the status. A failure to open, a
+  // length not a multiple of 1024, no "BlockFile" at offset 5, or a failed
+  // block map give StatusFailed with the file closed again. An unreadable
+  // first directory block returns its status with the file still open.
+  // A later directory block that cannot be read, or a directory chain that
+  // loops, throws ZoStreamE::StatusFailed by value.
+  // REQUIRES: called once, before the object is shared.
+  ZoStreamE::Status Open(const char* path, ZoStreamE::OpenMode mode);
+  // Writes what is pending (directory, saved block map) when the status is
+  // StatusOk, closes the file and returns the status as it was at the call.
+  ZoStreamE::Status Close();
+  ZoStreamE::Status LoadBlockMap();
+
+  // --- Sharing ---
+  void Retain() { ++refCount; }
+  // Ends one hold; a non-null name also lowers that name's open count.
+  // The last release unregisters the object and destroys it.
+  void Release(const char* streamName);
+
+  // --- Blocks (BlockFileCoreBlocks.cpp) ---
+  ZoStreamE::Status ReadDataBlock(std::uint32_t n, DataBlock& block);
+  DataBlock* LoadDataBlock(std::uint32_t n);  // caller owns; null on failure
+  ZoStreamE::Status WriteDataBlock(const DataBlock& block);
+  ZoStreamE::Status WriteRawDataBlock(const DataBlock& block);
+  DataBlock* AllocDataBlock(DataBlock* reuse);  // caller owns the result
+  // `exact`, when given, tells whether the block encodes back to the very
+  // bytes read (false for a text without its zero, which decoding cuts).
+  ZoStreamE::Status ReadDirBlock(std::uint32_t n, DirBlock& block, bool* exact = nullptr);
+  DirBlock* LoadDirBlock(std::uint32_t n, bool* exact = nullptr);  // caller owns; null on failure
+  ZoStreamE::Status WriteDirBlock(const DirBlock& block);
+  DirBlock* AllocDirBlock();
+  // Blocks the file holds, by the engine's count.
+  std::uint32_t BlockCount() const;
+
+  // --- Directory (BlockFileCoreDirectory.cpp) ---
+  void AppendDirBlock(DirBlock* block);  // takes ownership
+  // First entry in use, in directory order, whose name equals `name` without
+  // regard to ASCII case; null when none (also for null or over-long names).
+  DirEntry* FindDirEntry(const char* name);
+  // A new entry for `name` with its first data block written; null for a
+  // null, empty or over-long name (nothing changes) or a failed write.
+  DirEntry* AddDirEntry(const char* name);
+  // Releases the stream's blocks and frees the entry. False on a read-only
+  // file (status unchanged) or when a block cannot be read or written.
+  bool FreeChain(DirEntry* entry);
+  void FlushDirectory(bool force);
+  DirEntry* NextDirEntry(std::uint32_t& cursor);
+  bool HasEntries() const { return index.InUse() != 0; }
+  std::int32_t CountDirEntries() const { return static_cast<std::int32_t>(index.InUse()); }
+  // The stream device changed size or modified of this entry in place.
+  void EntryChanged(const DirEntry* entry);
+  std::uint32_t SlotOf(const DirEntry* entry) const;
+
+  // --- Streams (BlockFileCoreStreams.cpp) ---
+  ZoIOStream* OpenStream(const char* name, int modeBits);
+  ZoIOStream* OpenExisting(const char* name, int modeBits);
+  ZoIOStream* ReplaceStream(const char* name, int modeBits);
+
+  // --- Saved block map (SavedBlockMap.cpp) ---
+  bool ReadFreeList();
+  void ComputeDirectoryDigest(unsigned char out[blockformat::kDigestSize]) const;
+  void WriteFreeList();
+
+  // --- Cipher (BlockFileCipher.cpp) ---
+  static std::int32_t CipherLength(std::int32_t usedLength);
+  bool IsEncrypted() const;
+  bool SetPassword(const char* password);
+  ZoStreamE::Status Encrypt(const char* password);
+  ZoStreamE::Status Decrypt();
+
+  // Fields, in the order the engine's description gives them.
+  std::int64_t fileSize;
+  char* fileName;                  // canonical path; owned
+  std::unique_ptr<BlockIO> file;   // null when closed
+  BlockMap blockMap;
+  bool readOnly;
+  std::vector<boost::shared_ptr<DirBlock>> dirBlocks;
+  bool directoryDirty;
+  std::unique_ptr<BlowFish::Context> cipher;
+  ZoStreamE::Status status;
+  bool blocksWritten;
+  std::recursive_mutex readLock;
+  std::int32_t refCount;
+  StreamTable openStreams;
+
+ private:
+  // Bookkeeping behind the directory (BlockFileCoreDirectory.cpp).
+  void IndexBlock(std::uint32_t blockIndex, bool matchesFile);
+  void AppendLoadedDirBlock(DirBlock* block, bool exact);
+  void MarkEntryUsed(DirEntry* entry);
+  void MarkEntryFree(DirEntry* entry);
+  void MarkDirBlockChanged(std::uint32_t blockIndex);
+  void MarkIfDirBlock(std::uint32_t blockNumber);
+  void DirBlockWritten(const DirBlock& block);
+  void CheckDirBlocksAgainstMap();
+  void WriteChangedDirBlocks();
+  DirEntry* EntryAt(std::uint32_t slot) const;
+  void ResetDirectoryState();
+
+  // Helpers of Open and the passes.
+  void LoadDirectoryChain(DirBlock* first, bool exact);
+  ZoStreamE::Status ScanBlockHeads();
+  bool FlushFile();
+  bool ChainsAreSound();
+  void RunCipherPass(bool encrypt);
+  void MarkUnusable();
+
+  DirectoryIndex index;
+  std::vector<bool> dirBlockChanged;   // by chain index
+  std::vector<std::uint32_t> changedDirBlocks;
+  std::unordered_map<std::uint32_t, std::uint32_t> dirBlockByNumber;  // number -> chain index
+  std::unordered_map<const DirEntry*, std::uint32_t> slotByEntry;
+};
+
+#endif  // TESSELZOSTREAM_BLOCKSTORE_BLOCKFILECORE_H_

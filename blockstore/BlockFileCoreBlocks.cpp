@@ -1,0 +1,173 @@
+// Block reads, writes and allocation of a BlockFileCore.
+#include <cstring>
+
+#include "blockstore/BlockFileCore.h"
+#include "utility/BlowFish.h"
+
+using ZoStreamE::Status;
+namespace bf = blockformat;
+
+namespace {
+const unsigned char* SkippedBlockBytes(std::uint32_t n, unsigned char* buffer) {
+  bf::EncodeSkippedBlock(n, buffer);
+  return buffer;
+}
+}  // namespace
+
+Status BlockFileCore::ReadDataBlock(std::uint32_t n, DataBlock& block) {
+  if (status != ZoStreamE::StatusOk) return status;
+  std::lock_guard<std::recursive_mutex> hold(readLock);
+  if (static_cast<std::int64_t>(n) * bf::kBlockSize > fileSize) {
+    status = ZoStreamE::StatusPastEnd;
+    return status;
+  }
+  unsigned char raw[bf::kBlockSize];
+  if (n == 0 || !file->ReadBlock(n, raw)) {
+    status = ZoStreamE::StatusFailed;
+    return status;
+  }
+  bf::DecodeDataBlock(raw, &block);
+  // A head that names another block, or has no signature, is damage: a
+  // rewrite of it would land on some other block.
+  if (block.blockNumber != n || !bf::HasSignature(block)) {
+    status = ZoStreamE::StatusFailed;
+    return status;
+  }
+  if (IsEncrypted()) {
+    if (cipher) {
+      cipher->Decrypt(block.payload, static_cast<unsigned>(CipherLength(block.usedLength)));
+    } else {
+      status = ZoStreamE::StatusPasswordNeeded;
+    }
+  }
+  return status;
+}
+
+DataBlock* BlockFileCore::LoadDataBlock(std::uint32_t n) {
+  DataBlock* block = new DataBlock;
+  bf::InitDataBlock(block);
+  if (ReadDataBlock(n, *block) != ZoStreamE::StatusOk) {
+    delete block;
+    return nullptr;
+  }
+  return block;
+}
+
+Status BlockFileCore::WriteDataBlock(const DataBlock& block) {
+  if (status == ZoStreamE::StatusOk && IsEncrypted()) {
+    if (!cipher) {
+      status = ZoStreamE::StatusPasswordNeeded;
+      return status;
+    }
+    DataBlock copy = block;
+    cipher->Encrypt(copy.payload, static_cast<unsigned>(CipherLength(copy.usedLength)));
+    return WriteRawDataBlock(copy);
+  }
+  return WriteRawDataBlock(block);
+}
+
+// The steps shared by both block writes: refusals, growth of the file with
+// skipped blocks, the block map, the file size. `encoded` holds the block's
+// 1024 bytes.
+namespace {
+struct BlockWrite {
+  std::uint32_t number;
+  std::uint8_t inUse;
+  const unsigned char* encoded;
+};
+}  // namespace
+
+static Status WriteBlockBytes(BlockFileCore& core, const BlockWrite& w) {
+  if (core.status != ZoStreamE::StatusOk) return core.status;
+  if (core.readOnly) {
+    core.status = ZoStreamE::StatusFailed;
+    return core.status;
+  }
+  core.blocksWritten = true;
+  // A legitimate write targets a block of the file or one the map handed
+  // out; any other number came from a damaged head.
+  const std::uint32_t n = w.number;
+  const std::int64_t limit = std::max<std::int64_t>(core.blockMap.highest(), core.BlockCount());
+  if (n == 0 || static_cast<std::int64_t>(n) > limit) {
+    core.status = ZoStreamE::StatusFailed;
+    return core.status;
+  }
+  bool ok = true;
+  unsigned char skipped[bf::kBlockSize];
+  for (std::uint32_t k = core.BlockCount() + 1; k < n && ok; ++k) {
+    ok = core.file->WriteBlock(k, SkippedBlockBytes(k, skipped));
+  }
+  if (!ok) {
+    core.status = ZoStreamE::StatusFailed;
+    return core.status;
+  }
+  core.blockMap.SetBlock(static_cast<std::int32_t>(n), w.inUse);
+  ok = core.file->WriteBlock(n, w.encoded);
+  core.fileSize = std::max<std::int64_t>(core.fileSize, static_cast<std::int64_t>(n) * bf::kBlockSize);
+  if (!ok) core.status = ZoStreamE::StatusFailed;
+  return core.status;
+}
+
+Status BlockFileCore::WriteRawDataBlock(const DataBlock& block) {
+  unsigned char raw[bf::kBlockSize];
+  bf::EncodeDataBlock(block, raw);
+  const Status result = WriteBlockBytes(*this, {block.blockNumber, block.inUse, raw});
+  if (result == ZoStreamE::StatusOk) MarkIfDirBlock(block.blockNumber);
+  return result;
+}
+
+Status BlockFileCore::WriteDirBlock(const DirBlock& block) {
+  unsigned char raw[bf::kBlockSize];
+  bf::EncodeDirBlock(block, raw);
+  const Status result = WriteBlockBytes(*this, {block.blockNumber, block.inUse, raw});
+  if (result == ZoStreamE::StatusOk) DirBlockWritten(block);
+  return result;
+}
+
+DataBlock* BlockFileCore::AllocDataBlock(DataBlock* reuse) {
+  DataBlock* block = reuse != nullptr ? reuse : new DataBlock;
+  bf::InitDataBlock(block);
+  block->blockNumber = static_cast<std::uint32_t>(blockMap.AllocBlock());
+  block->inUse = 1;
+  MarkIfDirBlock(block->blockNumber);
+  return block;
+}
+
+Status BlockFileCore::ReadDirBlock(std::uint32_t n, DirBlock& block, bool* exact) {
+  if (status != ZoStreamE::StatusOk) return status;
+  std::lock_guard<std::recursive_mutex> hold(readLock);
+  if (static_cast<std::int64_t>(n) * bf::kBlockSize > fileSize) {
+    status = ZoStreamE::StatusPastEnd;
+    return status;
+  }
+  unsigned char raw[bf::kBlockSize];
+  if (n == 0 || !file->ReadBlock(n, raw) || !bf::DecodeDirBlock(raw, &block) ||
+      block.blockNumber != n) {
+    status = ZoStreamE::StatusFailed;
+    return status;
+  }
+  if (exact != nullptr) {
+    unsigned char encoded[bf::kBlockSize];
+    bf::EncodeDirBlock(block, encoded);
+    *exact = std::memcmp(encoded, raw, bf::kBlockSize) == 0;
+  }
+  return status;
+}
+
+DirBlock* BlockFileCore::LoadDirBlock(std::uint32_t n, bool* exact) {
+  DirBlock* block = new DirBlock;
+  bf::InitDirBlock(block);
+  if (ReadDirBlock(n, *block, exact) != ZoStreamE::StatusOk) {
+    delete block;
+    return nullptr;
+  }
+  return block;
+}
+
+DirBlock* BlockFileCore::AllocDirBlock() {
+  DirBlock* block = new DirBlock;
+  bf::InitDirBlock(block);
+  block->blockNumber = static_cast<std::uint32_t>(blockMap.AllocBlock());
+  block->inUse = 1;
+  return block;
+}

@@ -1,0 +1,203 @@
+// The directory of a BlockFileCore: look-up, new entries, release of
+// chains, and writing the directory back.
+#include <algorithm>
+#include <cstring>
+#include <memory>
+
+#include "blockstore/BlockFileCore.h"
+#include "utility/Time.h"
+
+namespace bf = blockformat;
+
+namespace {
+constexpr std::uint32_t kPerBlock = bf::kEntriesPerBlock;
+
+bool NameFits(const char* name) {
+  return name != nullptr && strnlen(name, bf::kMaxNameLength + 1) <= bf::kMaxNameLength;
+}
+}  // namespace
+
+DirEntry* BlockFileCore::EntryAt(std::uint32_t slot) const {
+  return &dirBlocks[slot / kPerBlock]->entries[slot % kPerBlock];
+}
+
+std::uint32_t BlockFileCore::SlotOf(const DirEntry* entry) const {
+  auto it = slotByEntry.find(entry);
+  return it == slotByEntry.end() ? ~0u : it->second;
+}
+
+void BlockFileCore::ResetDirectoryState() {
+  index.Clear();
+  dirBlockChanged.clear();
+  changedDirBlocks.clear();
+  dirBlockByNumber.clear();
+  slotByEntry.clear();
+}
+
+void BlockFileCore::AppendDirBlock(DirBlock* block) {
+  directoryDirty = true;
+  dirBlocks.push_back(boost::shared_ptr<DirBlock>(block));
+  IndexBlock(static_cast<std::uint32_t>(dirBlocks.size() - 1), false);
+}
+
+void BlockFileCore::AppendLoadedDirBlock(DirBlock* block, bool exact) {
+  directoryDirty = true;
+  dirBlocks.push_back(boost::shared_ptr<DirBlock>(block));
+  IndexBlock(static_cast<std::uint32_t>(dirBlocks.size() - 1), exact);
+}
+
+// Registers a block just appended to dirBlocks with every piece of
+// bookkeeping. It counts as changed unless the file holds exactly its bytes.
+void BlockFileCore::IndexBlock(std::uint32_t blockIndex, bool matchesFile) {
+  DirBlock& block = *dirBlocks[blockIndex];
+  index.AddBlock();
+  dirBlockChanged.push_back(false);
+  dirBlockByNumber[block.blockNumber] = blockIndex;
+  for (std::uint32_t e = 0; e < kPerBlock; ++e) {
+    const std::uint32_t slot = blockIndex * kPerBlock + e;
+    slotByEntry[&block.entries[e]] = slot;
+    if (block.entries[e].firstBlock != 0) index.EntryUsed(slot, block.entries[e].name);
+  }
+  if (!matchesFile) MarkDirBlockChanged(blockIndex);
+}
+
+void BlockFileCore::MarkDirBlockChanged(std::uint32_t blockIndex) {
+  if (dirBlockChanged[blockIndex]) return;
+  dirBlockChanged[blockIndex] = true;
+  changedDirBlocks.push_back(blockIndex);
+}
+
+void BlockFileCore::MarkIfDirBlock(std::uint32_t blockNumber) {
+  auto it = dirBlockByNumber.find(blockNumber);
+  if (it != dirBlockByNumber.end()) MarkDirBlockChanged(it->second);
+}
+
+void BlockFileCore::EntryChanged(const DirEntry* entry) {
+  const std::uint32_t slot = SlotOf(entry);
+  if (slot != ~0u) MarkDirBlockChanged(slot / kPerBlock);
+}
+
+void BlockFileCore::CheckDirBlocksAgainstMap() {
+  for (std::uint32_t i = 0; i < dirBlocks.size(); ++i) {
+    const DirBlock& block = *dirBlocks[i];
+    const auto n = static_cast<std::int32_t>(block.blockNumber);
+    if (n > blockMap.highest() || blockMap.Get(n) != block.inUse) MarkDirBlockChanged(i);
+  }
+}
+
+void BlockFileCore::MarkEntryUsed(DirEntry* entry) {
+  const std::uint32_t slot = SlotOf(entry);
+  index.EntryUsed(slot, entry->name);
+  MarkDirBlockChanged(slot / kPerBlock);
+}
+
+void BlockFileCore::MarkEntryFree(DirEntry* entry) {
+  const std::uint32_t slot = SlotOf(entry);
+  index.EntryFreed(slot, entry->name);
+  MarkDirBlockChanged(slot / kPerBlock);
+}
+
+DirEntry* BlockFileCore::FindDirEntry(const char* name) {
+  if (!NameFits(name)) return nullptr;
+  std::uint32_t slot = 0;
+  return index.Find(name, &slot) ? EntryAt(slot) : nullptr;
+}
+
+DirEntry* BlockFileCore::AddDirEntry(const char* name) {
+  if (!NameFits(name) || *name == '\0') return nullptr;
+  directoryDirty = true;
+  DirEntry* entry = nullptr;
+  std::uint32_t blockIndex = 0;
+  if (index.LastBlockWithFree(&blockIndex)) {
+    for (DirEntry& candidate : dirBlocks[blockIndex]->entries) {
+      if (candidate.firstBlock == 0) {
+        entry = &candidate;
+        break;
+      }
+    }
+  } else {
+    DirBlock* block = AllocDirBlock();
+    if (!dirBlocks.empty()) {
+      dirBlocks.back()->nextBlock = block->blockNumber;
+      MarkDirBlockChanged(static_cast<std::uint32_t>(dirBlocks.size() - 1));
+    }
+    AppendDirBlock(block);
+    entry = &block->entries[0];
+  }
+  // The name is copied with its zero only: the bytes behind it keep
+  // whatever an older, longer name left there.
+  std::memcpy(entry->name, name, std::strlen(name) + 1);
+  ZoCurrentTimeText(entry->created);
+  std::memcpy(entry->modified, entry->created, DirEntry::kTimeSize);
+  std::unique_ptr<DataBlock> first(AllocDataBlock(nullptr));
+  entry->firstBlock = first->blockNumber;
+  MarkEntryUsed(entry);
+  if (WriteDataBlock(*first) != ZoStreamE::StatusOk) return nullptr;
+  return entry;
+}
+
+bool BlockFileCore::FreeChain(DirEntry* entry) {
+  if (readOnly) return false;
+  std::unique_ptr<DataBlock> block(LoadDataBlock(entry->firstBlock));
+  if (!block) return false;
+  const std::uint32_t limit = BlockCount();
+  for (std::uint32_t walked = 1;; ++walked) {
+    block->inUse = 0;
+    if (WriteDataBlock(*block) != ZoStreamE::StatusOk) return false;
+    if (block->nextBlock == 0) break;
+    if (walked >= limit) {  // longer than the file: the chain loops
+      status = ZoStreamE::StatusFailed;
+      return false;
+    }
+    ReadDataBlock(block->nextBlock, *block);
+  }
+  MarkEntryFree(entry);
+  entry->firstBlock = 0;
+  entry->size = 0;
+  directoryDirty = true;
+  return true;
+}
+
+void BlockFileCore::WriteChangedDirBlocks() {
+  if (status != ZoStreamE::StatusOk || dirBlocks.empty()) return;
+  // Rewriting the whole directory would count as written blocks; so does
+  // writing only the changed ones.
+  blocksWritten = true;
+  std::vector<std::uint32_t> todo;
+  todo.swap(changedDirBlocks);
+  std::sort(todo.begin(), todo.end());
+  for (std::uint32_t i : todo) {
+    if (dirBlockChanged[i] && status == ZoStreamE::StatusOk) WriteDirBlock(*dirBlocks[i]);
+  }
+  for (std::uint32_t i : todo) dirBlockChanged[i] = false;
+}
+
+void BlockFileCore::FlushDirectory(bool force) {
+  if (readOnly) return;
+  if (!directoryDirty && !force) return;
+  WriteChangedDirBlocks();
+  directoryDirty = false;
+  if (status == ZoStreamE::StatusOk) FlushFile();
+}
+
+DirEntry* BlockFileCore::NextDirEntry(std::uint32_t& cursor) {
+  ++cursor;
+  const std::uint64_t slots = static_cast<std::uint64_t>(dirBlocks.size()) * kPerBlock;
+  for (std::uint64_t slot = cursor; slot < slots; ++slot) {
+    DirEntry* entry = EntryAt(static_cast<std::uint32_t>(slot));
+    if (entry->firstBlock != 0) {
+      cursor = static_cast<std::uint32_t>(slot);
+      return entry;
+    }
+  }
+  return nullptr;
+}
+
+// A directory block that reached the file (or its queue) now matches it,
+// and the block map holds its inUse byte.
+void BlockFileCore::DirBlockWritten(const DirBlock& block) {
+  auto it = dirBlockByNumber.find(block.blockNumber);
+  if (it != dirBlockByNumber.end() && dirBlocks[it->second].get() == &block) {
+    dirBlockChanged[it->second] = false;
+  }
+}

@@ -1,0 +1,119 @@
+#include "blockstore/BlockFormat.h"
+
+#include <cstring>
+
+#include "utility/Endian.h"
+
+namespace blockformat {
+
+const char kSignature[kSignatureSize] = "BlockFile";
+const char kFileSignature[kFileSignatureSize] = "ZoCompoundFile";
+const char kFreeListName[] = "zorvanet_block_file_free_list";
+
+namespace {
+
+void CopyText(char* dst, const unsigned char* src, std::uint32_t width) {
+  std::memcpy(dst, src, width);
+  dst[width - 1] = '\0';
+}
+
+}  // namespace
+
+void InitDataBlock(DataBlock* block) {
+  std::memset(static_cast<void*>(block), 0, sizeof *block);
+  std::memcpy(block->signature, kSignature, kSignatureSize);
+}
+
+void InitDirBlock(DirBlock* block) {
+  std::memset(static_cast<void*>(block), 0, sizeof *block);
+  std::memcpy(block->signature, kSignature, kSignatureSize);
+  std::memcpy(block->fileSignature, kFileSignature, kFileSignatureSize);
+}
+
+void EncodeHead(const BlockHead& head, unsigned char* out) {
+  tz::EncodeFixed32(out + kOffBlockNumber, head.blockNumber);
+  out[kOffInUse] = head.inUse;
+  std::memcpy(out + kOffSignature, head.signature, kSignatureSize);
+  tz::EncodeFixed32(out + kOffNextBlock, head.nextBlock);
+}
+
+void DecodeHead(const unsigned char* in, BlockHead* head) {
+  head->blockNumber = tz::DecodeFixed32(in + kOffBlockNumber);
+  head->inUse = in[kOffInUse];
+  std::memcpy(head->signature, in + kOffSignature, kSignatureSize);
+  head->nextBlock = tz::DecodeFixed32(in + kOffNextBlock);
+}
+
+bool HasSignature(const BlockHead& head) {
+  return std::memcmp(head.signature, kSignature, kSignatureSize) == 0;
+}
+
+void EncodeDataBlock(const DataBlock& block, unsigned char* out) {
+  EncodeHead(block, out);
+  tz::EncodeFixed16(out + kOffUsedLength, block.usedLength);
+  std::memcpy(out + kOffPayload, block.payload, kPayloadSize);
+}
+
+void DecodeDataBlock(const unsigned char* in, DataBlock* block) {
+  DecodeHead(in, block);
+  block->usedLength = tz::DecodeFixed16(in + kOffUsedLength);
+  std::memcpy(block->payload, in + kOffPayload, kPayloadSize);
+}
+
+void EncodeDirEntry(const DirEntry& entry, unsigned char* out) {
+  std::memcpy(out + kOffName, entry.name, DirEntry::kNameSize);
+  std::memcpy(out + kOffCreated, entry.created, DirEntry::kTimeSize);
+  std::memcpy(out + kOffModified, entry.modified, DirEntry::kTimeSize);
+  tz::EncodeFixed32(out + kOffFirstBlock, entry.firstBlock);
+  tz::EncodeFixed32(out + kOffSize, entry.size);
+}
+
+void DecodeDirEntry(const unsigned char* in, DirEntry* entry) {
+  CopyText(entry->name, in + kOffName, DirEntry::kNameSize);
+  CopyText(entry->created, in + kOffCreated, DirEntry::kTimeSize);
+  CopyText(entry->modified, in + kOffModified, DirEntry::kTimeSize);
+  entry->firstBlock = tz::DecodeFixed32(in + kOffFirstBlock);
+  entry->size = tz::DecodeFixed32(in + kOffSize);
+}
+
+void EncodeDirBlock(const DirBlock& block, unsigned char* out) {
+  EncodeHead(block, out);
+  for (std::uint32_t i = 0; i < kEntriesPerBlock; ++i) {
+    EncodeDirEntry(block.entries[i], out + kOffEntries + i * kEntrySize);
+  }
+  std::memcpy(out + kOffFileSignature, block.fileSignature, kFileSignatureSize);
+  std::memcpy(out + kOffReserved, block.reserved, kReservedSize);
+  std::memcpy(out + kOffPasswordDigest, block.passwordDigest, kDigestSize);
+  tz::EncodeFixed16(out + kOffFlags, block.flags);
+}
+
+bool DecodeDirBlock(const unsigned char* in, DirBlock* block) {
+  DecodeHead(in, block);
+  for (std::uint32_t i = 0; i < kEntriesPerBlock; ++i) {
+    DecodeDirEntry(in + kOffEntries + i * kEntrySize, &block->entries[i]);
+  }
+  std::memcpy(block->fileSignature, in + kOffFileSignature, kFileSignatureSize);
+  if (std::memcmp(block->fileSignature, kFileSignature, kFileSignatureSize) != 0) {
+    return false;
+  }
+  std::memcpy(block->reserved, in + kOffReserved, kReservedSize);
+  std::memcpy(block->passwordDigest, in + kOffPasswordDigest, kDigestSize);
+  block->flags = tz::DecodeFixed16(in + kOffFlags);
+  return true;
+}
+
+void EncodeSkippedBlock(std::uint32_t n, unsigned char* out) {
+  std::memset(out, 0, kBlockSize);
+  BlockHead head{};
+  head.blockNumber = n;
+  std::memcpy(head.signature, kSignature, kSignatureSize);
+  EncodeHead(head, out);
+}
+
+std::uint32_t FieldLength(const char* text, std::uint32_t width) {
+  const void* zero = std::memchr(text, 0, width);
+  return zero == nullptr ? width
+                         : static_cast<std::uint32_t>(static_cast<const char*>(zero) - text);
+}
+
+}  // namespace blockformat

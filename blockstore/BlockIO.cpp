@@ -1,0 +1,97 @@
+#include "blockstore/BlockIO.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "blockstore/BlockFormat.h"
+
+namespace {
+constexpr std::size_t kBlock = blockformat::kBlockSize;
+constexpr std::size_t kMaxPending = 1u << 20;  // bytes gathered before a flush
+constexpr std::size_t kAheadBlocks = 128;      // one read-ahead run
+}  // namespace
+
+BlockIO::BlockIO(std::unique_ptr<tz::RandomAccessFile> file)
+    : file_(std::move(file)), ahead_(kAheadBlocks * kBlock) {}
+
+std::uint64_t BlockIO::Offset(std::uint32_t n) {
+  return (static_cast<std::uint64_t>(n) - 1) * kBlock;
+}
+
+bool BlockIO::DiskSize(std::uint64_t* size) { return file_->Size(size); }
+
+void BlockIO::OverlayPending(std::uint64_t start, unsigned char* data,
+                             std::size_t length) const {
+  if (pending_.empty()) return;
+  const std::uint64_t end = start + length;
+  const std::uint64_t pendingEnd = pendingStart_ + pending_.size();
+  const std::uint64_t from = std::max(start, pendingStart_);
+  const std::uint64_t to = std::min(end, pendingEnd);
+  if (from >= to) return;
+  std::memcpy(data + (from - start), pending_.data() + (from - pendingStart_),
+              static_cast<std::size_t>(to - from));
+}
+
+bool BlockIO::ReadAhead(std::uint64_t offset) {
+  std::size_t got = 0;
+  aheadLength_ = 0;
+  if (!file_->ReadAt(offset, ahead_.data(), ahead_.size(), &got)) return false;
+  aheadStart_ = offset;
+  aheadLength_ = got - got % kBlock;
+  OverlayPending(aheadStart_, ahead_.data(), aheadLength_);
+  return true;
+}
+
+bool BlockIO::ReadBlock(std::uint32_t n, unsigned char* out) {
+  if (n == 0) return false;
+  const std::uint64_t offset = Offset(n);
+  const bool sequential = offset == lastRead_ + kBlock;
+  lastRead_ = offset;
+  if (!pending_.empty() && offset >= pendingStart_ &&
+      offset + kBlock <= pendingStart_ + pending_.size()) {
+    std::memcpy(out, pending_.data() + (offset - pendingStart_), kBlock);
+    return true;
+  }
+  const bool cached = offset >= aheadStart_ &&
+                      offset + kBlock <= aheadStart_ + aheadLength_;
+  if (!cached && sequential) {
+    if (!ReadAhead(offset)) return false;
+  }
+  if (offset >= aheadStart_ && offset + kBlock <= aheadStart_ + aheadLength_) {
+    std::memcpy(out, ahead_.data() + (offset - aheadStart_), kBlock);
+    return true;
+  }
+  std::size_t got = 0;
+  if (!file_->ReadAt(offset, out, kBlock, &got)) return false;
+  OverlayPending(offset, out, got);
+  if (got == kBlock) return true;
+  // The block lies (partly) beyond the disk's end: only the queue has it.
+  return !pending_.empty() && offset >= pendingStart_ &&
+         offset + kBlock <= pendingStart_ + pending_.size();
+}
+
+bool BlockIO::WriteBlock(std::uint32_t n, const unsigned char* in) {
+  const std::uint64_t offset = Offset(n);
+  if (offset >= aheadStart_ && offset < aheadStart_ + aheadLength_) {
+    std::memcpy(ahead_.data() + (offset - aheadStart_), in, kBlock);
+  }
+  const std::uint64_t pendingEnd = pendingStart_ + pending_.size();
+  if (!pending_.empty() && offset >= pendingStart_ && offset + kBlock <= pendingEnd) {
+    std::memcpy(pending_.data() + (offset - pendingStart_), in, kBlock);
+    return true;
+  }
+  bool ok = true;
+  if (!pending_.empty() && (offset != pendingEnd || pending_.size() >= kMaxPending)) {
+    ok = Flush();
+  }
+  if (pending_.empty()) pendingStart_ = offset;
+  pending_.insert(pending_.end(), in, in + kBlock);
+  return ok;
+}
+
+bool BlockIO::Flush() {
+  if (pending_.empty()) return true;
+  const bool ok = file_->WriteAt(pendingStart_, pending_.data(), pending_.size());
+  pending_.clear();
+  return ok;
+}

@@ -1,0 +1,61 @@
+// BlockIO: whole-block reads and writes of one open compound file, with a
+// write-behind buffer and sequential read-ahead.
+//
+// Writes of consecutive blocks are gathered and go to the file in one call
+// at Flush (or when the buffer fills); a rewrite of a block that is still
+// buffered replaces it there. Reads are always coherent with writes that
+// have not reached the file yet: a block still buffered is served from the
+// buffer, and the read-ahead copy is updated by every write.
+//
+// What reaches the disk at Flush is exactly the sequence of block writes
+// made since the previous Flush, applied in order.
+//
+// Ownership: owns the platform file; destroying a BlockIO does not flush
+// (the engine decides what reaches the disk). Thread safety: one caller at
+// a time (the engine serialises reads under its readLock; writes are the
+// writer's, never beside a read).
+#ifndef TESSELZOSTREAM_BLOCKSTORE_BLOCKIO_H_
+#define TESSELZOSTREAM_BLOCKSTORE_BLOCKIO_H_
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "utility/Env.h"
+
+class BlockIO {
+ public:
+  explicit BlockIO(std::unique_ptr<tz::RandomAccessFile> file);
+  BlockIO(const BlockIO&) = delete;
+  BlockIO& operator=(const BlockIO&) = delete;
+
+  // Length of the file on disk; false on an I/O error.
+  bool DiskSize(std::uint64_t* size);
+
+  // Block n (from 1) into out[1024]. False on an I/O error or when the
+  // block is not wholly in the file or the write-behind buffer.
+  bool ReadBlock(std::uint32_t n, unsigned char* out);
+
+  // Queues block n (in[1024]) for writing. False when an earlier queued
+  // write had to be flushed to make room and failed.
+  bool WriteBlock(std::uint32_t n, const unsigned char* in);
+
+  // Sends queued writes to the file. False when any of them failed; the
+  // queue is emptied either way.
+  bool Flush();
+
+ private:
+  static std::uint64_t Offset(std::uint32_t n);
+  bool ReadAhead(std::uint64_t offset);
+  void OverlayPending(std::uint64_t start, unsigned char* data, std::size_t length) const;
+
+  std::unique_ptr<tz::RandomAccessFile> file_;
+  std::vector<unsigned char> pending_;  // queued writes, contiguous
+  std::uint64_t pendingStart_ = 0;      // file offset of pending_[0]
+  std::vector<unsigned char> ahead_;    // read-ahead copy
+  std::uint64_t aheadStart_ = 0;
+  std::size_t aheadLength_ = 0;
+  std::uint64_t lastRead_ = ~std::uint64_t{0};  // offset of the last block read
+};
+
+#endif  // TESSELZOSTREAM_BLOCKSTORE_BLOCKIO_H_

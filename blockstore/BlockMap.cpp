@@ -1,0 +1,73 @@
+#include "blockstore/BlockMap.h"
+
+#include <cstring>
+
+namespace {
+constexpr std::int32_t kLinearStep = 10000;
+constexpr std::int32_t kInitialRequest = 100;
+}  // namespace
+
+BlockMap::BlockMap() { Reset(); }
+
+void BlockMap::Reset() {
+  table_.reset();
+  capacity_ = 0;
+  highest_ = 0;
+  nextFree_ = 1;
+  Grow(kInitialRequest);
+}
+
+void BlockMap::Grow(std::int32_t n) {
+  std::int64_t grown = capacity_ > kLinearStep
+                           ? static_cast<std::int64_t>(capacity_) + kLinearStep
+                           : static_cast<std::int64_t>(capacity_) * 2;
+  if (grown < n) grown = static_cast<std::int64_t>(n) + 10;
+  const std::int32_t newCapacity = static_cast<std::int32_t>(grown);
+  std::unique_ptr<std::uint8_t[]> table(new std::uint8_t[static_cast<std::size_t>(newCapacity) + 1]);
+  std::int32_t kept = 0;
+  if (table_) {
+    kept = highest_ + 1;
+    std::memcpy(table.get(), table_.get(), static_cast<std::size_t>(kept));
+  }
+  std::memset(table.get() + kept, 0, static_cast<std::size_t>(newCapacity + 1 - kept));
+  table_ = std::move(table);
+  capacity_ = newCapacity;
+}
+
+void BlockMap::AdvanceCursor() {
+  ++nextFree_;
+  while (nextFree_ <= highest_ && table_[nextFree_] != 0) ++nextFree_;
+}
+
+void BlockMap::SetBlock(std::int32_t n, std::uint8_t value) {
+  if (n > capacity_) Grow(n);
+  if (n > highest_) highest_ = n;
+  table_[n] = value;
+  if (n < nextFree_ && value == 0) nextFree_ = n;
+  if (n == nextFree_ && value != 0) AdvanceCursor();
+}
+
+std::int32_t BlockMap::AllocBlock() {
+  const std::int32_t n = nextFree_;
+  if (n > highest_) {
+    if (n > capacity_) Grow(n);
+    highest_ = n;
+  }
+  AdvanceCursor();
+  SetBlock(n, 1);
+  return n;
+}
+
+void BlockMap::AdoptTable(std::unique_ptr<std::uint8_t[]> table, std::int32_t h) {
+  table_ = std::move(table);
+  capacity_ = h;
+  highest_ = h;
+  nextFree_ = 1;
+  while (nextFree_ <= h && table_[nextFree_] != 0) ++nextFree_;
+}
+
+std::int32_t BlockMap::CountUsed() const {
+  std::int32_t used = 0;
+  for (std::int32_t i = 1; i <= highest_; ++i) used += table_[i] != 0;
+  return used;
+}

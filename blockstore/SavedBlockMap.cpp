@@ -1,0 +1,140 @@
+// The saved block map: the free-list stream written at close and read at
+// an open for writing, tied to the directory by a digest.
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "blockstore/BlockFileCore.h"
+#include "utility/Endian.h"
+#include "utility/MD5.h"
+
+namespace bf = blockformat;
+
+namespace {
+
+void FeedNumber(MD5& md5, std::uint32_t value) {
+  unsigned char raw[4];
+  tz::EncodeFixed32(raw, value);
+  md5.Update(raw, sizeof raw);
+}
+
+void FeedText(MD5& md5, const char* text, std::uint32_t width) {
+  md5.Update(static_cast<const void*>(text), bf::FieldLength(text, width));
+}
+
+void FeedDirBlock(MD5& md5, const DirBlock& block) {
+  FeedNumber(md5, block.blockNumber);
+  md5.Update(&block.inUse, 1);
+  FeedText(md5, block.signature, bf::kSignatureSize);
+  FeedNumber(md5, block.nextBlock);
+  for (const DirEntry& entry : block.entries) {
+    FeedText(md5, entry.name, DirEntry::kNameSize);
+    FeedText(md5, entry.created, DirEntry::kTimeSize);
+    FeedText(md5, entry.modified, DirEntry::kTimeSize);
+    FeedNumber(md5, entry.firstBlock);
+    FeedNumber(md5, entry.size);
+  }
+  FeedText(md5, block.fileSignature, bf::kFileSignatureSize);
+  md5.Update(block.reserved, bf::kReservedSize);
+  md5.Update(block.passwordDigest, bf::kDigestSize);
+  unsigned char flags[2];
+  tz::EncodeFixed16(flags, block.flags);
+  md5.Update(flags, sizeof flags);
+}
+
+// Bytes of the map held by the chain's k-th block (from 0).
+std::uint32_t MapRoom(std::size_t k) {
+  return k == 0 ? bf::kListMapRoomFirst : bf::kPayloadSize;
+}
+
+std::uint32_t MapOffset(std::size_t k) { return k == 0 ? bf::kOffListMap : 0; }
+
+}  // namespace
+
+void BlockFileCore::ComputeDirectoryDigest(unsigned char out[bf::kDigestSize]) const {
+  MD5 md5;
+  for (const auto& block : dirBlocks) FeedDirBlock(md5, *block);
+  md5.Finalize();
+  std::memcpy(out, md5.GetRawDigest(), bf::kDigestSize);
+}
+
+bool BlockFileCore::ReadFreeList() {
+  std::uint32_t cursor = ~0u;
+  DirEntry* entry = nullptr;
+  while ((entry = NextDirEntry(cursor)) != nullptr) {
+    if (std::strcmp(entry->name, bf::kFreeListName) == 0) break;
+  }
+  if (entry == nullptr) return false;
+  DataBlock block;
+  if (ReadDataBlock(entry->firstBlock, block) != ZoStreamE::StatusOk) return false;
+  unsigned char digest[bf::kDigestSize];
+  ComputeDirectoryDigest(digest);
+  if (std::memcmp(block.payload + bf::kOffListDigest, digest, bf::kDigestSize) != 0) return false;
+  const std::uint32_t h = tz::DecodeFixed32(block.payload + bf::kOffListHighest);
+  // A writer's H never exceeds the blocks of the file it closed; anything
+  // larger is damage, and no table is sized by it.
+  if (h > BlockCount()) return false;
+  std::unique_ptr<std::uint8_t[]> table(new std::uint8_t[static_cast<std::size_t>(h) + 1]);
+  std::uint32_t remaining = h + 1;
+  std::uint32_t done = 0;
+  for (std::size_t k = 0; remaining != 0; ++k) {
+    if (k != 0) {
+      if (ReadDataBlock(block.nextBlock, block) != ZoStreamE::StatusOk) return false;
+    }
+    const std::uint32_t chunk = std::min(remaining, MapRoom(k));
+    std::memcpy(table.get() + done, block.payload + MapOffset(k), chunk);
+    done += chunk;
+    remaining -= chunk;
+  }
+  blockMap.AdoptTable(std::move(table), static_cast<std::int32_t>(h));
+  return true;
+}
+
+void BlockFileCore::WriteFreeList() {
+  DirEntry* entry = FindDirEntry(bf::kFreeListName);
+  if (entry != nullptr) {
+    FreeChain(entry);
+  } else {
+    entry = AddDirEntry(bf::kFreeListName);
+  }
+  if (status != ZoStreamE::StatusOk || entry == nullptr) return;
+  std::strcpy(entry->name, bf::kFreeListName);
+
+  std::vector<std::unique_ptr<DataBlock>> chain;
+  if (entry->firstBlock != 0) {
+    chain.emplace_back(LoadDataBlock(entry->firstBlock));
+    if (!chain.back()) return;
+  } else {
+    chain.emplace_back(AllocDataBlock(nullptr));
+    entry->firstBlock = chain.back()->blockNumber;
+    MarkEntryUsed(entry);
+  }
+  while (static_cast<std::int64_t>(blockMap.highest()) + 20 >=
+         static_cast<std::int64_t>(chain.size()) * bf::kPayloadSize) {
+    chain.emplace_back(AllocDataBlock(nullptr));
+    chain[chain.size() - 2]->nextBlock = chain.back()->blockNumber;
+  }
+  if (status != ZoStreamE::StatusOk) return;
+
+  const auto h = static_cast<std::uint32_t>(blockMap.highest());
+  entry->size = h + 20;
+  EntryChanged(entry);
+  unsigned char digest[bf::kDigestSize];
+  ComputeDirectoryDigest(digest);
+  std::memcpy(chain[0]->payload + bf::kOffListDigest, digest, bf::kDigestSize);
+  tz::EncodeFixed32(chain[0]->payload + bf::kOffListHighest, h);
+  std::uint32_t remaining = h + 1;
+  const std::uint8_t* source = blockMap.table();
+  for (std::size_t k = 0; k < chain.size() && remaining != 0; ++k) {
+    const std::uint32_t chunk = std::min(remaining, MapRoom(k));
+    std::memcpy(chain[k]->payload + MapOffset(k), source, chunk);
+    source += chunk;
+    remaining -= chunk;
+  }
+  for (const auto& block : chain) WriteDataBlock(*block);
+
+  const std::uint32_t blockIndex = SlotOf(entry) / bf::kEntriesPerBlock;
+  WriteDirBlock(*dirBlocks[blockIndex]);
+  if (blockIndex > 0) WriteDirBlock(*dirBlocks[blockIndex - 1]);
+}

@@ -1,0 +1,193 @@
+#include "blockstore/ZoIOStream.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <system_error>
+
+#include "blockstore/BlockFileCore.h"
+#include "utility/Time.h"
+
+namespace bf = blockformat;
+namespace io = boost::iostreams;
+
+namespace {
+constexpr std::uint32_t kPayload = bf::kPayloadSize;
+constexpr std::int64_t kMaxPosition = std::numeric_limits<std::uint32_t>::max();
+}  // namespace
+
+ZoIOStreamDevice::ZoIOException::ZoIOException(const std::string& message)
+    : std::ios_base::failure(message, std::error_code(1, std::iostream_category())) {}
+
+ZoIOStreamDevice::Data::Data(BlockFileCore* c, DirEntry* e, int m)
+    : core(c), entry(e), mode(m) {
+  core->Retain();
+  current = core->LoadDataBlock(entry->firstBlock);
+  if (current != nullptr) blockNumbers.push_back(current->blockNumber);
+  spare = new bf::DataBlock;
+  bf::InitDataBlock(spare);
+}
+
+ZoIOStreamDevice::Data::~Data() {
+  if (dirty && current != nullptr) core->WriteDataBlock(*current);
+  delete current;
+  delete spare;
+  core->FlushDirectory(written);
+  core->Release(entry->name);  // the engine may be gone after this
+}
+
+ZoIOStreamDevice::ZoIOStreamDevice(BlockFileCore* core, DirEntry* entry, int mode)
+    : data_(new Data(core, entry, mode)) {}
+
+bool ZoIOStreamDevice::Failed() const {
+  return data_->core->status != ZoStreamE::StatusOk;
+}
+
+void ZoIOStreamDevice::SaveCurrentBlock() {
+  Data& d = *data_;
+  if (!d.dirty) return;
+  ZoCurrentTimeText(d.entry->modified);
+  d.core->EntryChanged(d.entry);
+  d.core->WriteDataBlock(*d.current);
+  d.dirty = false;
+}
+
+// One step along the chain. Reading never extends a chain: a chain that
+// ends where the size says more bytes follow is damaged, as is one that
+// runs longer than the file has blocks (a loop).
+void ZoIOStreamDevice::NextBlock(bool mayGrow) {
+  Data& d = *data_;
+  SaveCurrentBlock();
+  if (d.current->nextBlock == 0) {
+    if (!mayGrow) {
+      d.core->status = ZoStreamE::StatusFailed;
+      return;
+    }
+    d.core->AllocDataBlock(d.spare);
+    d.current->nextBlock = d.spare->blockNumber;
+    d.core->WriteDataBlock(*d.current);
+    std::swap(d.current, d.spare);
+    d.dirty = true;
+  } else {
+    if (d.blockIndex >= d.core->BlockCount()) {
+      d.core->status = ZoStreamE::StatusFailed;
+      return;
+    }
+    d.core->ReadDataBlock(d.current->nextBlock, *d.current);
+  }
+  ++d.blockIndex;
+  if (d.blockNumbers.size() < d.blockIndex) d.blockNumbers.push_back(d.current->blockNumber);
+}
+
+void ZoIOStreamDevice::GoToBlock(std::uint32_t n) {
+  Data& d = *data_;
+  if (n == d.blockIndex) return;
+  SaveCurrentBlock();
+  if (n == 1) {
+    d.core->ReadDataBlock(d.entry->firstBlock, *d.current);
+    if (d.blockNumbers.empty()) d.blockNumbers.push_back(d.entry->firstBlock);
+    d.dirty = false;
+    d.blockIndex = 1;
+  } else if (n <= d.blockNumbers.size()) {
+    d.core->ReadDataBlock(d.blockNumbers[n - 1], *d.current);
+    d.blockIndex = n;
+  } else {
+    GoToBlock(static_cast<std::uint32_t>(d.blockNumbers.size()));
+    while (d.blockIndex < n && !Failed()) NextBlock(true);
+  }
+}
+
+std::streamsize ZoIOStreamDevice::read(char* s, std::streamsize n) {
+  Data& d = *data_;
+  if (Failed()) throw ZoIOException("Error in ZoIOStreamDevice::read");
+  if (d.position >= d.entry->size) return -1;
+  if (static_cast<std::int64_t>(d.position) + n > d.entry->size) n = d.entry->size - d.position;
+  if (n == 0) return 0;
+  std::streamsize done = 0;
+  while (done < n) {
+    const auto chunk = static_cast<std::uint32_t>(
+        std::min<std::streamsize>(n - done, kPayload - d.blockOffset));
+    std::memcpy(s + done, d.current->payload + d.blockOffset, chunk);
+    d.blockOffset += chunk;
+    if (d.blockOffset == kPayload) {
+      NextBlock(false);
+      if (Failed()) throw ZoIOException("Error in ZoIOStreamDevice::read");
+      d.blockOffset = 0;
+    }
+    d.position += chunk;
+    done += chunk;
+  }
+  return n;
+}
+
+std::streamsize ZoIOStreamDevice::write(const char* s, std::streamsize n) {
+  Data& d = *data_;
+  d.written = true;
+  // Only the low 32 bits of a count are meaningful, and no byte may land
+  // beyond the largest position a stream can have.
+  std::int64_t count = static_cast<std::uint32_t>(n);
+  count = std::min<std::int64_t>(count, kMaxPosition - d.position);
+  if (count == 0) return 0;
+  std::int64_t done = 0;
+  while (done < count) {
+    if (d.current == nullptr) return done;
+    const auto chunk = static_cast<std::uint32_t>(
+        std::min<std::int64_t>(count - done, kPayload - d.blockOffset));
+    std::memcpy(d.current->payload + d.blockOffset, s + done, chunk);
+    d.dirty = true;
+    d.blockOffset += chunk;
+    if (d.blockOffset > d.current->usedLength) {
+      d.current->usedLength = static_cast<std::uint16_t>(d.blockOffset);
+    }
+    if (d.blockOffset == kPayload) {
+      NextBlock(true);
+      if (Failed()) throw ZoIOException("Error in ZoIOStreamDevice::write");
+      d.blockOffset = 0;
+    }
+    d.position += chunk;
+    done += chunk;
+    if (d.position > d.entry->size) {
+      d.entry->size = d.position;
+      d.core->EntryChanged(d.entry);
+    }
+  }
+  return done;
+}
+
+io::stream_offset ZoIOStreamDevice::seek(io::stream_offset off, std::ios_base::seekdir way) {
+  Data& d = *data_;
+  if (Failed()) throw ZoIOException("Error in ZoIOStreamDevice::seek");
+  std::int64_t base = 0;
+  if (way == std::ios_base::cur) base = d.position;
+  if (way == std::ios_base::end) base = d.entry->size;
+  // Offsets near the 64-bit limits cannot make a valid target; refusing
+  // them before adding keeps the sum defined.
+  if (off < -kMaxPosition - 1 || off > kMaxPosition) return -1;
+  const std::int64_t target = base + off;
+  if (target == d.position) return target;
+  if (target < 0 || target > kMaxPosition) return -1;
+  const auto index = static_cast<std::uint32_t>(target / kPayload);
+  GoToBlock(index + 1);
+  if (Failed()) throw ZoIOException("Error in ZoIOStreamDevice::seek");
+  d.blockOffset = static_cast<std::uint32_t>(target - static_cast<std::int64_t>(index) * kPayload);
+  d.position = static_cast<std::uint32_t>(target);
+  return target;
+}
+
+bool ZoIOStreamDevice::flush() {
+  if (Failed()) throw ZoIOException("Error in ZoIOStreamDevice::flush");
+  SaveCurrentBlock();
+  if (Failed()) throw ZoIOException("Error in ZoIOStreamDevice::flush");
+  return true;
+}
+
+ZoIOStream::ZoIOStream(BlockFileCore* core, DirEntry* entry, int mode) : entry_(entry) {
+  open(ZoIOStreamDevice(core, entry, mode), kBufferSize, kPutbackSize);
+  if ((mode & kModeBinary) == 0 || core->status != ZoStreamE::StatusOk) {
+    setstate(std::ios_base::badbit);
+  }
+}
+
+ZoIOStream::~ZoIOStream() = default;
+
+const char* ZoIOStream::GetStreamName() const { return entry_->name; }

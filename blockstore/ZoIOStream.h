@@ -1,0 +1,120 @@
+// ZoIOStream: a seekable binary iostream on one stream of a compound file.
+//
+// The device turns one flat 32-bit position into a place in the stream's
+// chain of data blocks. It keeps exactly one block in memory (`current`),
+// walks and extends the chain through the engine, and keeps the stream's
+// size in its DirEntry. One position serves reading and writing.
+//
+// Invariants (between operations):
+// (1) position == (blockIndex - 1) * 1003 + blockOffset, 0 <= blockOffset
+//     < 1003. Block k of a chain holds the bytes (k-1)*1003 .. k*1003-1.
+// (2) blockNumbers[k-1] is the number of the k-th block, for every block
+//     the device has walked; it only grows.
+// (3) A chain holds at least size/1003 + 1 blocks: a write that fills a
+//     block links the next one at once.
+// (4) usedLength of a block is the highest payload offset written in it.
+//
+// Failures: the device throws ZoIOException with one of four fixed texts,
+// which the standard stream layer turns into badbit; the cause stays in the
+// engine's status (CompoundFile::GetStatus). Where the chain ends before the
+// stream's size says, or loops, a read sets StatusFailed rather than
+// extending the chain or walking forever. A seek to a negative target or
+// beyond 32 bits fails (the stream's seek reports -1) and changes nothing;
+// a read while the position lies beyond the size gives end of stream; a
+// write that would take the position beyond 32 bits takes only the bytes
+// that fit.
+//
+// Ownership: the stream holds one reference on its engine from construction
+// to destruction, so the file stays open while the stream lives. The caller
+// who got the stream deletes it; that writes what is pending and, if the
+// stream was written, the directory.
+//
+// Thread safety: one stream belongs to one thread at a time. Streams on
+// different names of one file may be read on different threads.
+#ifndef TESSELZOSTREAM_BLOCKSTORE_ZOIOSTREAM_H_
+#define TESSELZOSTREAM_BLOCKSTORE_ZOIOSTREAM_H_
+
+#include <cstdint>
+#include <ios>
+#include <string>
+#include <vector>
+
+#include <boost/iostreams/categories.hpp>
+#include <boost/iostreams/positioning.hpp>
+#include <boost/iostreams/stream.hpp>
+#include <boost/shared_ptr.hpp>
+
+#include "blockstore/BlockFormat.h"
+#include "tesselzostream/DirEntry.h"
+
+class BlockFileCore;
+
+// Open-mode bits of a block stream.
+constexpr int kModeIn = 1;
+constexpr int kModeOut = 2;
+constexpr int kModeBinary = 32;
+
+class ZoIOStreamDevice {
+ public:
+  typedef char char_type;
+  struct category : boost::iostreams::seekable_device_tag,
+                    boost::iostreams::flushable_tag {};
+
+  class ZoIOException : public std::ios_base::failure {
+   public:
+    explicit ZoIOException(const std::string& message);
+  };
+
+  struct Data {
+    Data(BlockFileCore* core, DirEntry* entry, int mode);
+    ~Data();
+    Data(const Data&) = delete;
+    Data& operator=(const Data&) = delete;
+
+    bool dirty = false;
+    bool written = false;
+    BlockFileCore* core;
+    DirEntry* entry;
+    blockformat::DataBlock* current = nullptr;
+    blockformat::DataBlock* spare = nullptr;
+    std::uint32_t position = 0;
+    std::uint32_t blockIndex = 1;
+    std::uint32_t blockOffset = 0;
+    std::vector<std::uint32_t> blockNumbers;
+    int mode;
+  };
+
+  ZoIOStreamDevice(BlockFileCore* core, DirEntry* entry, int mode);
+
+  std::streamsize read(char* s, std::streamsize n);
+  std::streamsize write(const char* s, std::streamsize n);
+  boost::iostreams::stream_offset seek(boost::iostreams::stream_offset off,
+                                       std::ios_base::seekdir way);
+  bool flush();
+
+  const Data& data() const { return *data_; }
+
+ private:
+  void SaveCurrentBlock();
+  void NextBlock(bool mayGrow);
+  void GoToBlock(std::uint32_t n);
+  bool Failed() const;
+
+  boost::shared_ptr<Data> data_;
+};
+
+class ZoIOStream : public boost::iostreams::stream<ZoIOStreamDevice> {
+ public:
+  static constexpr std::streamsize kBufferSize = 10240;
+  static constexpr std::streamsize kPutbackSize = 4;
+
+  ZoIOStream(BlockFileCore* core, DirEntry* entry, int mode);
+  ~ZoIOStream() override;
+
+  const char* GetStreamName() const;
+
+ private:
+  DirEntry* entry_;
+};
+
+#endif  // TESSELZOSTREAM_BLOCKSTORE_ZOIOSTREAM_H_

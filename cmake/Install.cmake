@@ -1,0 +1,28 @@
+# Installation: the library, its headers, a CMake package and a pkg-config
+# file.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS tesselzostream EXPORT tesselzostreamTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(DIRECTORY include/tesselzostream DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(EXPORT tesselzostreamTargets
+  NAMESPACE tesselzostream::
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tesselzostream)
+
+configure_package_config_file(cmake/tesselzostreamConfig.cmake.in
+  ${CMAKE_CURRENT_BINARY_DIR}/tesselzostreamConfig.cmake
+  INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tesselzostream)
+write_basic_package_version_file(
+  ${CMAKE_CURRENT_BINARY_DIR}/tesselzostreamConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES
+  ${CMAKE_CURRENT_BINARY_DIR}/tesselzostreamConfig.cmake
+  ${CMAKE_CURRENT_BINARY_DIR}/tesselzostreamConfigVersion.cmake
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tesselzostream)
+
+configure_file(cmake/tesselzostream.pc.in ${CMAKE_CURRENT_BINARY_DIR}/tesselzostream.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tesselzostream.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

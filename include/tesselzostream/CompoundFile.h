@@ -1,0 +1,105 @@
+// CompoundFile: the application's handle on a compound file.
+//
+// A compound file keeps many named byte streams in one file of 1024-byte
+// blocks. A handle holds one reference on the process-wide engine object of
+// its path: two handles opened on one path share one engine, and the file
+// stays open until the last handle and the last stream on it have gone. The
+// last holder's release writes the directory and the saved block map.
+//
+// Ownership: streams returned by GetIOStream belong to the caller, who
+// deletes them; deleting a stream closes it. DirEntry pointers and names
+// handed out stay valid until the last holder of the file has gone.
+//
+// Copying: the copy constructor and operator= copy the pointer only, without
+// a new reference; of a handle and its copies only one may be closed or
+// destroyed with the file in it (the others must be reopened or left alone).
+//
+// Thread safety: several threads may read different streams of one file at
+// once. Every write, open, close and delete on one file, each handle and
+// each stream, belongs to one thread at a time; that is the caller's duty.
+//
+// Reporting: Status values, bool and null. Open may also throw two things
+// out of the engine: a ZoStreamE::Status (value StatusFailed) when a
+// directory block after the first cannot be read, and a
+// boost::filesystem::filesystem_error if the size of the file cannot be had.
+#ifndef TESSELZOSTREAM_COMPOUNDFILE_H_
+#define TESSELZOSTREAM_COMPOUNDFILE_H_
+
+#include <istream>
+
+#include "tesselzostream/DirEntry.h"
+#include "tesselzostream/Export.h"
+#include "tesselzostream/Status.h"
+
+class BlockFileCore;
+
+class TZ_EXPORT CompoundFile {
+ public:
+  CompoundFile();
+  CompoundFile(const CompoundFile& other);
+  ~CompoundFile();
+  CompoundFile& operator=(const CompoundFile& other);
+
+  // Opens or creates the file at `name`. A missing file is created empty.
+  // A handle that already has a file releases it first, also when the new
+  // open fails. If another handle of this process holds the path, this
+  // handle joins it and the first open's mode stands (see IsReadOnly).
+  // Returns the file's status, or StatusNotOpen when the file cannot be
+  // opened, is locked by anybody else, or is no compound file.
+  ZoStreamE::Status Open(const char* name, ZoStreamE::OpenMode mode);
+
+  // Gives up this handle's reference and returns the status the file had at
+  // the call. StatusNotOpen without a file. The file itself is closed, with
+  // its directory and saved block map written, when its last holder goes.
+  ZoStreamE::Status Close();
+
+  ZoStreamE::Status GetStatus() const;
+  bool IsReadOnly() const;
+  // Canonical path of the file; null without a file.
+  const char* GetCompoundFileName() const;
+
+  // Iteration over every stream in use, in directory order, the saved
+  // block-map stream among them. Null at the end and without a file.
+  const DirEntry* GetFirstDirEntry(unsigned long* cursor) const;
+  const DirEntry* GetNextDirEntry(unsigned long* cursor) const;
+  const char* GetFirstDirName(unsigned long* cursor) const;
+  const char* GetNextDirName(unsigned long* cursor) const;
+
+  int GetNumDirEntrys() const;   // streams in use
+  int GetNumUsedBlocks() const;  // 0 for a file opened read-only
+
+  // True when a stream of that name exists; names compare without regard to
+  // ASCII case. False for null or over-long names and without a file.
+  bool Exists(const char* name) const;
+
+  // Writes the directory if it changed since it was last written.
+  void Flush();
+
+  // Releases the stream's blocks and frees its entry. False when the name
+  // is missing, the file is read-only, or a block cannot be freed.
+  bool DeleteCFFile(const char* name);
+
+  // A seekable, binary iostream on the named stream, or null.
+  // mode "rb": an existing stream, read; "r+b": an existing stream, read and
+  // overwrite or grow; "wb": a new empty stream, replacing one of that name.
+  // Null for a missing name with "r", for a null, empty or over-long name,
+  // for "w" on a read-only file, for any other mode text, and without a
+  // file. A mode text without "b" gives a stream with badbit set.
+  std::basic_iostream<char>* GetIOStream(const char* name, const char* mode);
+
+  // Encryption under a password. Encrypt enciphers every stream (after
+  // deciphering it first if the file is already encrypted, which needs the
+  // old password given); Decrypt turns the file clear again; SetPassword
+  // unlocks an encrypted file after Open, false for a wrong password.
+  // The scheme keeps casual readers out and nothing more: an unsalted digest
+  // of the password is stored in the file and the cipher runs in ECB mode.
+  ZoStreamE::Status Encrypt(const char* password);
+  ZoStreamE::Status Decrypt();
+  bool SetPassword(const char* password);
+  bool IsEncrypted() const;
+
+ private:
+  BlockFileCore* core_;
+};
+
+#endif  // TESSELZOSTREAM_COMPOUNDFILE_H_

@@ -1,0 +1,14 @@
+// Export macro for the public classes of libtesselzostream.
+//
+// The shared object is built with hidden visibility; only what carries
+// TZ_EXPORT is reachable from an application.
+#ifndef TESSELZOSTREAM_EXPORT_H_
+#define TESSELZOSTREAM_EXPORT_H_
+
+#if defined(__GNUC__) || defined(__clang__)
+#define TZ_EXPORT __attribute__((visibility("default")))
+#else
+#define TZ_EXPORT
+#endif
+
+#endif  // TESSELZOSTREAM_EXPORT_H_

@@ -1,0 +1,11 @@
+// The public API of libtesselzostream.
+#ifndef TESSELZOSTREAM_TESSELZOSTREAM_H_
+#define TESSELZOSTREAM_TESSELZOSTREAM_H_
+
+#include "tesselzostream/CompoundFile.h"
+#include "tesselzostream/DirEntry.h"
+#include "tesselzostream/Exception.h"
+#include "tesselzostream/Export.h"
+#include "tesselzostream/Status.h"
+
+#endif  // TESSELZOSTREAM_TESSELZOSTREAM_H_

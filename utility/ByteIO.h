@@ -1,0 +1,39 @@
+// Byte and number helpers on standard streams.
+//
+// Numbers are written little-endian, two or four bytes each, whatever the
+// machine. Every helper returns false when the stream did not take or give
+// all the bytes; the stream's state bits then tell the cause.
+#ifndef TESSELZOSTREAM_UTILITY_BYTEIO_H_
+#define TESSELZOSTREAM_UTILITY_BYTEIO_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <istream>
+#include <ostream>
+
+bool ReadBytes(void* buffer, std::size_t count, std::istream& in);
+bool WriteBytes(const void* buffer, std::size_t count, std::ostream& out);
+
+// `count` numbers of two or four bytes each.
+bool ReadTwoBytes(std::uint16_t* items, std::size_t count, std::istream& in);
+bool ReadFourBytes(std::uint32_t* items, std::size_t count, std::istream& in);
+bool WriteTwoBytes(const std::uint16_t* items, std::size_t count,
+                   std::ostream& out);
+bool WriteFourBytes(const std::uint32_t* items, std::size_t count,
+                    std::ostream& out);
+
+// Writes the text's length (four bytes), then its characters without the
+// terminating zero. REQUIRES: text is not null.
+bool WriteBinaryString(const char* text, std::ostream& out);
+
+// Reads what WriteBinaryString wrote into `buffer`, zero-terminated.
+// `capacity` is the size of `buffer` in bytes (0 when there is none); when
+// the text does not fit, the buffer is replaced by one from new[] (the old
+// one is freed with delete[]) and `capacity` updated. The caller frees the
+// buffer with delete[]. A length that the stream cannot hold (more bytes
+// than remain in a seekable stream, or a read that comes up short) gives
+// false with the stream's failbit set, and no huge allocation.
+bool ReadBinaryString(char*& buffer, std::uint32_t& capacity,
+                      std::istream& in);
+
+#endif  // TESSELZOSTREAM_UTILITY_BYTEIO_H_

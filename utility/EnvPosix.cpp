@@ -1,0 +1,104 @@
+// Env on POSIX: pread/pwrite, an advisory flock held while the file is open.
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <ctime>
+
+#include "utility/Env.h"
+
+namespace tz {
+namespace {
+
+class PosixFile : public RandomAccessFile {
+ public:
+  explicit PosixFile(int fd) : fd_(fd) {}
+  ~PosixFile() override { ::close(fd_); }  // closing drops the lock
+
+  bool ReadAt(std::uint64_t offset, void* buffer, std::size_t n,
+              std::size_t* got) override {
+    auto* out = static_cast<char*>(buffer);
+    std::size_t done = 0;
+    while (done < n) {
+      const ssize_t r = ::pread(fd_, out + done, n - done,
+                                static_cast<off_t>(offset + done));
+      if (r < 0 && errno == EINTR) continue;
+      if (r < 0) return false;
+      if (r == 0) break;
+      done += static_cast<std::size_t>(r);
+    }
+    *got = done;
+    return true;
+  }
+
+  bool WriteAt(std::uint64_t offset, const void* buffer,
+               std::size_t n) override {
+    const auto* in = static_cast<const char*>(buffer);
+    std::size_t done = 0;
+    while (done < n) {
+      const ssize_t w = ::pwrite(fd_, in + done, n - done,
+                                 static_cast<off_t>(offset + done));
+      if (w < 0 && errno == EINTR) continue;
+      if (w <= 0) return false;
+      done += static_cast<std::size_t>(w);
+    }
+    return true;
+  }
+
+  bool Size(std::uint64_t* size) override {
+    struct stat st;
+    if (::fstat(fd_, &st) != 0) return false;
+    *size = static_cast<std::uint64_t>(st.st_size);
+    return true;
+  }
+
+ private:
+  int fd_;
+};
+
+class PosixEnv : public Env {
+ public:
+  std::unique_ptr<RandomAccessFile> OpenLocked(const std::string& path,
+                                               bool writable) override {
+    if (::access(path.c_str(), F_OK) != 0) {
+      const int made = ::open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0666);
+      if (made < 0) return nullptr;
+      ::close(made);
+    }
+    const int fd = ::open(path.c_str(), (writable ? O_RDWR : O_RDONLY) | O_CLOEXEC);
+    if (fd < 0) return nullptr;
+    struct stat st;
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) ||
+        ::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+      ::close(fd);
+      return nullptr;
+    }
+    return std::unique_ptr<RandomAccessFile>(new PosixFile(fd));
+  }
+
+  std::int64_t Now() override { return static_cast<std::int64_t>(std::time(nullptr)); }
+};
+
+std::atomic<Env*> g_env{nullptr};
+
+}  // namespace
+
+RandomAccessFile::~RandomAccessFile() = default;
+Env::~Env() = default;
+
+Env* Env::Default() {
+  static PosixEnv* env = new PosixEnv;  // lives to process exit
+  return env;
+}
+
+Env* CurrentEnv() {
+  Env* env = g_env.load(std::memory_order_acquire);
+  return env != nullptr ? env : Env::Default();
+}
+
+void SetEnv(Env* env) { g_env.store(env, std::memory_order_release); }
+
+}  // namespace tz

@@ -1,0 +1,12 @@
+// Canonical paths: one text for all the forms of a path to one file.
+#ifndef TESSELZOSTREAM_UTILITY_PATH_H_
+#define TESSELZOSTREAM_UTILITY_PATH_H_
+
+#include <string>
+
+// The absolute path with "." and ".." removed and symbolic links resolved
+// as far as the path exists. Empty for a null, empty or unusable path.
+// Never throws.
+std::string ZoGetCanonicalPath(const char* path);
+
+#endif  // TESSELZOSTREAM_UTILITY_PATH_H_
