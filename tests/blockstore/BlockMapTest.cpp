@@ -1,0 +1,102 @@
+// The block map: growth steps, cursor rules, and a model test against a
+// plain vector.
+#include <random>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "blockstore/BlockMap.h"
+
+TEST(BlockMap, GrowthSteps) {
+  BlockMap map;
+  EXPECT_EQ(map.capacity(), 110);  // doubling 0 falls short of 100
+  map.Grow(5000);
+  EXPECT_EQ(map.capacity(), 5010);  // far above the doubling
+  map.Grow(5011);
+  EXPECT_EQ(map.capacity(), 10020);  // above 10000: linear steps
+  map.Grow(10021);
+  EXPECT_EQ(map.capacity(), 20020);
+
+  BlockMap exact;
+  exact.Grow(10000 - 10);  // capacity exactly 10000 still doubles
+  ASSERT_EQ(exact.capacity(), 10000);
+  exact.Grow(10001);
+  EXPECT_EQ(exact.capacity(), 20000);
+}
+
+TEST(BlockMap, FreedBlocksComeBackLowestFirst) {
+  BlockMap map;
+  for (int i = 1; i <= 9; ++i) EXPECT_EQ(map.AllocBlock(), i);
+  map.SetBlock(7, 0);
+  map.SetBlock(5, 0);
+  EXPECT_EQ(map.nextFree(), 5);
+  EXPECT_EQ(map.AllocBlock(), 5);
+  EXPECT_EQ(map.AllocBlock(), 7);
+  EXPECT_EQ(map.AllocBlock(), 10);
+  EXPECT_EQ(map.CountUsed(), 10);
+}
+
+TEST(BlockMap, CursorMovesOnlyDownwardForFrees) {
+  BlockMap map;
+  map.AllocBlock();
+  map.AllocBlock();  // cursor at 3
+  map.SetBlock(8, 0);
+  EXPECT_EQ(map.nextFree(), 3);
+  map.SetBlock(9, 1);
+  EXPECT_EQ(map.nextFree(), 3);
+  EXPECT_EQ(map.highest(), 9);
+  map.SetBlock(3, 1);  // taking the cursor's block advances it over used ones
+  EXPECT_EQ(map.nextFree(), 4);
+}
+
+TEST(BlockMap, AdoptedTables) {
+  BlockMap map;
+  std::unique_ptr<std::uint8_t[]> full(new std::uint8_t[5]{0, 1, 1, 1, 1});
+  map.AdoptTable(std::move(full), 4);
+  EXPECT_EQ(map.nextFree(), 5);
+  EXPECT_EQ(map.capacity(), 4);
+  EXPECT_EQ(map.AllocBlock(), 5);  // widens highest and grows the table
+  EXPECT_EQ(map.highest(), 5);
+  EXPECT_GE(map.capacity(), 5);
+
+  BlockMap holes;
+  holes.AdoptTable(std::unique_ptr<std::uint8_t[]>(new std::uint8_t[4]{7, 1, 0, 1}), 3);
+  EXPECT_EQ(holes.nextFree(), 2);
+  EXPECT_EQ(holes.CountUsed(), 2);
+
+  BlockMap empty;
+  empty.AdoptTable(std::unique_ptr<std::uint8_t[]>(new std::uint8_t[1]{0}), 0);
+  EXPECT_EQ(empty.nextFree(), 1);
+  EXPECT_EQ(empty.CountUsed(), 0);
+}
+
+// Random allocations, frees and marks against a plain vector whose rule is
+// "the lowest free number, else one past the highest".
+TEST(BlockMap, ModelAgainstVector) {
+  std::mt19937 rng(20261123);
+  BlockMap map;
+  std::vector<std::uint8_t> model(1, 0);  // index 0 unused
+  for (int step = 0; step < 100000; ++step) {
+    const int op = static_cast<int>(rng() % 10);
+    if (op < 5) {
+      int expected = 1;
+      while (expected < static_cast<int>(model.size()) && model[expected] != 0) ++expected;
+      ASSERT_EQ(map.AllocBlock(), expected) << "step " << step;
+      if (expected == static_cast<int>(model.size())) model.push_back(0);
+      model[expected] = 1;
+    } else {
+      const int n = 1 + static_cast<int>(rng() % (model.size() + 30));
+      const std::uint8_t value = op < 8 ? 0 : 1;
+      map.SetBlock(n, value);
+      if (n >= static_cast<int>(model.size())) model.resize(n + 1, 0);
+      model[n] = value;
+    }
+    ASSERT_EQ(map.highest(), static_cast<int>(model.size()) - 1);
+  }
+  int used = 0;
+  for (std::size_t i = 1; i < model.size(); ++i) {
+    ASSERT_EQ(map.Get(static_cast<int>(i)) != 0, model[i] != 0) << i;
+    used += model[i] != 0;
+  }
+  EXPECT_EQ(map.CountUsed(), used);
+}

@@ -1,0 +1,264 @@
+// Block streams: the chains they leave in the file, a model test against a
+// std::string, and the edges of reading, writing and seeking.
+#include <cstring>
+#include <memory>
+#include <random>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "blockstore/BlockFileCore.h"
+#include "blockstore/BlockFormat.h"
+#include "blockstore/FileServer.h"
+#include "tests/TestUtil.h"
+#include "utility/Endian.h"
+
+namespace bf = blockformat;
+using ZoStreamE::OpenReadOnly;
+using ZoStreamE::OpenReadWrite;
+using ZoStreamE::StatusOk;
+
+namespace {
+
+struct ChainBlock {
+  std::uint32_t number;
+  std::uint16_t usedLength;
+};
+
+// The chain of stream `name` as the closed file holds it.
+std::vector<ChainBlock> ChainInFile(const std::string& path, const char* name, std::uint32_t* size) {
+  const std::vector<unsigned char> bytes = tztest::ReadAll(path);
+  std::vector<ChainBlock> chain;
+  for (std::uint32_t dir = 1; dir != 0;) {
+    const unsigned char* block = bytes.data() + (dir - 1) * bf::kBlockSize;
+    for (std::uint32_t e = 0; e < bf::kEntriesPerBlock; ++e) {
+      const unsigned char* entry = block + bf::kOffEntries + e * bf::kEntrySize;
+      if (std::strcmp(reinterpret_cast<const char*>(entry), name) != 0) continue;
+      if (tz::DecodeFixed32(entry + bf::kOffFirstBlock) == 0) continue;
+      *size = tz::DecodeFixed32(entry + bf::kOffSize);
+      for (std::uint32_t n = tz::DecodeFixed32(entry + bf::kOffFirstBlock); n != 0;) {
+        const unsigned char* data = bytes.data() + (n - 1) * bf::kBlockSize;
+        chain.push_back({n, tz::DecodeFixed16(data + bf::kOffUsedLength)});
+        n = tz::DecodeFixed32(data + bf::kOffNextBlock);
+      }
+      return chain;
+    }
+    dir = tz::DecodeFixed32(block + bf::kOffNextBlock);
+  }
+  return chain;
+}
+
+class StreamTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    path_ = dir_.Path("s.cf");
+    ASSERT_EQ(file_.Open(path_.c_str(), OpenReadWrite), StatusOk);
+  }
+  std::unique_ptr<std::iostream> Get(const char* name, const char* mode) {
+    return std::unique_ptr<std::iostream>(file_.GetIOStream(name, mode));
+  }
+
+  tztest::ScratchDir dir_;
+  std::string path_;
+  CompoundFile file_;
+};
+
+}  // namespace
+
+TEST_F(StreamTest, ChainsLeftByWrites) {
+  struct Case {
+    const char* name;
+    std::int64_t seekTo;
+    std::size_t bytes;
+    std::vector<std::uint16_t> used;
+    std::uint32_t size;
+  };
+  const Case cases[] = {
+      {"nothing", -1, 0, {0}, 0},
+      {"one-block", -1, 1003, {1003, 0}, 1003},
+      {"three", -1, 2500, {1003, 1003, 494}, 2500},
+      {"gap", 5000, 1, {0, 0, 0, 0, 989}, 5001},
+  };
+  for (const Case& c : cases) {
+    auto out = Get(c.name, "wb");
+    ASSERT_TRUE(out);
+    if (c.seekTo >= 0) out->seekp(c.seekTo);
+    const std::string bytes = tztest::Pattern(c.bytes, 1);
+    out->write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  }
+  file_.Close();
+  for (const Case& c : cases) {
+    std::uint32_t size = 0;
+    const std::vector<ChainBlock> chain = ChainInFile(path_, c.name, &size);
+    ASSERT_EQ(chain.size(), c.used.size()) << c.name;
+    for (std::size_t i = 0; i < chain.size(); ++i) EXPECT_EQ(chain[i].usedLength, c.used[i]) << c.name << " block " << i;
+    EXPECT_EQ(size, c.size) << c.name;
+  }
+  ASSERT_EQ(file_.Open(path_.c_str(), OpenReadOnly), StatusOk);
+  const std::string gap = tztest::GetStream(file_, "gap");
+  ASSERT_EQ(gap.size(), 5001u);
+  EXPECT_EQ(gap.substr(0, 5000), std::string(5000, '\0'));
+  EXPECT_EQ(tztest::GetStream(file_, "three"), tztest::Pattern(2500, 1));
+}
+
+// Random seeks, reads and writes with chunk sizes that straddle the 1003-byte
+// payload and the 10240-byte stream buffer, mirrored on a std::string.
+TEST_F(StreamTest, ModelAgainstString) {
+  std::mt19937 rng(59023);
+  const std::size_t chunks[] = {1, 23, 59, 1002, 1003, 1004, 10239, 10240, 10241, 30000};
+  std::string model;
+  auto stream = Get("model", "wb");
+  std::size_t pos = 0;
+  for (int step = 0; step < 3000; ++step) {
+    const int op = static_cast<int>(rng() % 10);
+    const std::size_t n = chunks[rng() % (sizeof chunks / sizeof chunks[0])];
+    if (op < 4) {
+      const std::string bytes = tztest::Pattern(n, static_cast<std::uint32_t>(step));
+      stream->seekp(static_cast<std::streamoff>(pos));
+      stream->write(bytes.data(), static_cast<std::streamsize>(n));
+      if (model.size() < pos + n) model.resize(pos + n, '\0');
+      model.replace(pos, n, bytes);
+      pos += n;
+    } else if (op < 7) {
+      std::string got(n, '\0');
+      stream->seekg(static_cast<std::streamoff>(pos));
+      stream->read(&got[0], static_cast<std::streamsize>(n));
+      const std::size_t expect = pos < model.size() ? std::min(n, model.size() - pos) : 0;
+      ASSERT_EQ(static_cast<std::size_t>(stream->gcount()), expect) << "step " << step;
+      ASSERT_EQ(got.substr(0, expect), model.substr(pos, expect)) << "step " << step;
+      pos += expect;
+      stream->clear();
+    } else if (op < 9) {
+      pos = model.empty() ? 0 : rng() % (model.size() + 1);
+    } else {
+      stream.reset();  // closing and reopening keeps every byte
+      stream = Get("model", "r+b");
+      ASSERT_TRUE(stream);
+    }
+    ASSERT_FALSE(stream->bad()) << "step " << step;
+  }
+  stream->seekg(0, std::ios::end);
+  EXPECT_EQ(static_cast<std::size_t>(stream->tellg()), model.size());
+  stream.reset();
+  file_.Close();
+  ASSERT_EQ(file_.Open(path_.c_str(), OpenReadWrite), StatusOk);
+  EXPECT_EQ(tztest::GetStream(file_, "model"), model);
+}
+
+TEST_F(StreamTest, ReadingAtAndPastTheEnd) {
+  auto fresh = Get("new", "wb");
+  char c;
+  EXPECT_FALSE(fresh->read(&c, 1));  // a new stream is at its end at once
+  fresh->clear();
+  fresh->seekg(0, std::ios::end);
+  EXPECT_EQ(fresh->tellg(), 0);
+  fresh->write("abcdef", 6);
+  fresh->seekg(4);
+  char buf[10];
+  fresh->read(buf, 10);
+  EXPECT_EQ(fresh->gcount(), 2);
+  fresh->clear();
+  fresh->seekg(100);  // beyond the size: nothing to read, nothing grows
+  EXPECT_FALSE(fresh->read(buf, 1));
+  fresh->clear();
+  fresh->seekg(-1, std::ios::beg);  // refused, position kept
+  EXPECT_TRUE(fresh->fail());
+  fresh->clear();
+  fresh->seekg(0);
+  EXPECT_TRUE(fresh->read(buf, 6));
+  EXPECT_EQ(std::string(buf, 6), "abcdef");
+}
+
+TEST_F(StreamTest, OverwriteInTheMiddleKeepsSizeAndFullBlocks) {
+  ASSERT_TRUE(tztest::PutStream(file_, "s", std::string(3000, 'a')));
+  {
+    auto io = Get("s", "r+b");
+    io->seekp(1500);
+    io->write("XYZ", 3);
+  }
+  std::string expect(3000, 'a');
+  expect.replace(1500, 3, "XYZ");
+  EXPECT_EQ(tztest::GetStream(file_, "s"), expect);
+  file_.Close();
+  std::uint32_t size = 0;
+  const auto chain = ChainInFile(path_, "s", &size);
+  EXPECT_EQ(size, 3000u);
+  ASSERT_EQ(chain.size(), 3u);
+  EXPECT_EQ(chain[0].usedLength, 1003);
+  EXPECT_EQ(chain[1].usedLength, 1003);
+}
+
+TEST_F(StreamTest, ModesNamesAndOpenCounts) {
+  ASSERT_TRUE(tztest::PutStream(file_, "Mixed.Case", "data"));
+  EXPECT_EQ(tztest::GetStream(file_, "mIXED.cASE"), "data");
+  EXPECT_EQ(file_.GetIOStream("missing", "rb"), nullptr);
+  EXPECT_EQ(file_.GetIOStream("", "wb"), nullptr);
+  EXPECT_EQ(file_.GetIOStream(nullptr, "wb"), nullptr);
+  EXPECT_EQ(file_.GetIOStream("x", "a+b"), nullptr);
+  EXPECT_EQ(file_.GetIOStream(std::string(257, 'n').c_str(), "wb"), nullptr);
+  EXPECT_TRUE(tztest::PutStream(file_, std::string(256, 'n').c_str(), "longest name"));
+
+  auto text = Get("Mixed.Case", "r");  // no "b": a stream in a failed state
+  ASSERT_TRUE(text);
+  EXPECT_TRUE(text->bad());
+
+  auto a = Get("mixed.case", "rb");
+  auto b = Get("MIXED.CASE", "rb");
+  // Both streams count under the name as the directory holds it.
+  BlockFileCore* core = OpenShared(path_.c_str(), OpenReadWrite);
+  ASSERT_NE(core, nullptr);
+  EXPECT_EQ(core->refCount, 5);  // handle, three streams, this probe
+  EXPECT_EQ(core->openStreams["Mixed.Case"], 3);  // the failed text stream too
+  core->Release(nullptr);
+  char first[2] = {}, second[4] = {};
+  a->read(first, 2);
+  b->read(second, 4);
+  EXPECT_EQ(std::string(first, 2), "da");
+  EXPECT_EQ(std::string(second, 4), "data");
+}
+
+TEST_F(StreamTest, StreamKeepsTheFileOpenAfterItsHandleCloses) {
+  auto out = Get("late", "wb");
+  EXPECT_EQ(file_.Close(), StatusOk);
+  out->write("still here", 10);
+  out.reset();  // the last holder: the file closes now
+  CompoundFile again;
+  ASSERT_EQ(again.Open(path_.c_str(), OpenReadOnly), StatusOk);
+  EXPECT_EQ(tztest::GetStream(again, "late"), "still here");
+}
+
+TEST_F(StreamTest, ReadOnlyFileRefusesWrites) {
+  ASSERT_TRUE(tztest::PutStream(file_, "s", "abc"));
+  file_.Close();
+  ASSERT_EQ(file_.Open(path_.c_str(), OpenReadOnly), StatusOk);
+  EXPECT_EQ(file_.GetIOStream("s", "wb"), nullptr);
+  EXPECT_EQ(file_.GetStatus(), StatusOk);
+  EXPECT_FALSE(file_.DeleteCFFile("s"));
+  {
+    auto io = Get("s", "r+b");
+    io->write("X", 1);
+    io->flush();  // the engine refuses the block
+    EXPECT_TRUE(io->bad());
+  }
+  EXPECT_EQ(file_.GetStatus(), ZoStreamE::StatusFailed);
+  file_.Close();
+  ASSERT_EQ(file_.Open(path_.c_str(), OpenReadOnly), StatusOk);
+  EXPECT_EQ(tztest::GetStream(file_, "s"), "abc");
+}
+
+TEST_F(StreamTest, TwoThreadsReadDifferentStreams) {
+  const std::string one = tztest::Pattern(300000, 1), two = tztest::Pattern(250000, 2);
+  ASSERT_TRUE(tztest::PutStream(file_, "one", one));
+  ASSERT_TRUE(tztest::PutStream(file_, "two", two));
+  file_.Close();
+  ASSERT_EQ(file_.Open(path_.c_str(), OpenReadOnly), StatusOk);
+  std::string got1, got2;
+  for (int round = 0; round < 5; ++round) {
+    std::thread t1([&] { got1 = tztest::GetStream(file_, "one"); });
+    std::thread t2([&] { got2 = tztest::GetStream(file_, "two"); });
+    t1.join();
+    t2.join();
+    ASSERT_EQ(got1, one);
+    ASSERT_EQ(got2, two);
+  }
+}
