@@ -131,7 +131,9 @@ Status BlockFileCore::Encrypt(const char* password) {
   }
   if (status != ZoStreamE::StatusOk) return status;
   if (readOnly) return status = ZoStreamE::StatusFailed;
-  if (dirBlocks.empty()) return status;  // no place for the flag: nothing to do
+  // A file without a directory block has no place for the flag: refused,
+  // without making the refusal sticky.
+  if (dirBlocks.empty()) return ZoStreamE::StatusFailed;
   if (!ChainsAreSound()) return status = ZoStreamE::StatusFailed;
   directoryDirty = true;
   cipher = MakeCipher(password);

@@ -91,6 +91,10 @@ class TZ_EXPORT CompoundFile {
   // deciphering it first if the file is already encrypted, which needs the
   // old password given); Decrypt turns the file clear again; SetPassword
   // unlocks an encrypted file after Open, false for a wrong password.
+  // Encrypt on a file that has no stream yet (no directory to hold the
+  // flag), or with a null password, returns StatusFailed and changes
+  // nothing, not even the file's status. Streams are enciphered in place;
+  // a pass that fails half-way marks the file so that no open accepts it.
   // The scheme keeps casual readers out and nothing more: an unsalted digest
   // of the password is stored in the file and the cipher runs in ECB mode.
   ZoStreamE::Status Encrypt(const char* password);
