@@ -23,6 +23,10 @@ install(FILES
   ${CMAKE_CURRENT_BINARY_DIR}/tesselzostreamConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tesselzostream)
 
+# The pkg-config file finds its prefix from its own place, so an install
+# with `cmake --install --prefix` elsewhere stays correct.
+file(RELATIVE_PATH TZ_PC_TO_PREFIX
+  /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 configure_file(cmake/tesselzostream.pc.in ${CMAKE_CURRENT_BINARY_DIR}/tesselzostream.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tesselzostream.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
