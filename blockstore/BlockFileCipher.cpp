@@ -60,7 +60,7 @@ bool BlockFileCore::ChainsAreSound() {
         bf::BlockHead head;
         bf::DecodeHead(raw, &head);
         if (head.blockNumber != n || !bf::HasSignature(head)) return false;
-        n = head.nextBlock;
+        n = ChainNext(head);
       }
     }
   }
@@ -75,7 +75,7 @@ void BlockFileCore::RunCipherPass(bool encrypt) {
   DataBlock block;
   for (const auto& dirBlock : dirBlocks) {
     for (const DirEntry& entry : dirBlock->entries) {
-      for (std::uint32_t n = entry.firstBlock; n != 0; n = block.nextBlock) {
+      for (std::uint32_t n = entry.firstBlock; n != 0; n = ChainNext(block)) {
         if (ReadDataBlock(n, block) != ZoStreamE::StatusOk) throw status;
         const auto length = static_cast<unsigned>(CipherLength(block.usedLength));
         if (encrypt) {
@@ -89,9 +89,39 @@ void BlockFileCore::RunCipherPass(bool encrypt) {
   }
 }
 
-// A pass that failed half-way leaves a file the flag cannot describe. The
-// first directory block loses its signature, so no open accepts the file
-// any more; this one write goes out although the status is set.
+std::uint32_t BlockFileCore::ChainNext(const bf::BlockHead& head) const {
+  return head.nextBlock != 0 && LinkIsSound(head.blockNumber, head.nextBlock) ? head.nextBlock : 0;
+}
+
+// A pass rewrites blocks in place, so a pass cut short leaves a file that
+// the flag cannot describe. Before the first block changes, the file on
+// disk is marked: the first directory block without its signature, which
+// no open accepts. The pass's last write puts the signature back with the
+// new flag, and goes to disk at once. If the mark cannot be written, the
+// pass does not start.
+Status BlockFileCore::RunMarkedPass(bool encrypt) {
+  if (!ChainsAreSound()) return status = ZoStreamE::StatusFailed;
+  directoryDirty = true;
+  DirBlock marked = *dirBlocks[0];
+  marked.signature[0] = '\0';
+  if (WriteDirBlock(marked) != ZoStreamE::StatusOk || !FlushFile()) return status;
+  try {
+    RunCipherPass(encrypt);
+  } catch (Status) {
+    MarkUnusable();
+  }
+  return status;
+}
+
+void BlockFileCore::FinishPass() {
+  MarkDirBlockChanged(0);
+  WriteDirBlock(*dirBlocks[0]);
+  if (status == ZoStreamE::StatusOk) FlushFile();
+}
+
+// A pass that failed half-way: the first directory block loses its
+// signature in memory too, and is written again; this one write goes out
+// although the status is set.
 void BlockFileCore::MarkUnusable() {
   status = ZoStreamE::StatusFailed;
   DirBlock& first = *dirBlocks[0];
@@ -106,20 +136,12 @@ Status BlockFileCore::Decrypt() {
   if (status != ZoStreamE::StatusOk || !IsEncrypted()) return status;
   if (readOnly) return status = ZoStreamE::StatusFailed;
   if (!cipher) return status = ZoStreamE::StatusPasswordNeeded;
-  if (!ChainsAreSound()) return status = ZoStreamE::StatusFailed;
-  directoryDirty = true;
-  try {
-    RunCipherPass(false);
-  } catch (Status) {
-    MarkUnusable();
-    return status;
-  }
+  if (RunMarkedPass(false) != ZoStreamE::StatusOk) return status;
   cipher.reset();
   DirBlock& first = *dirBlocks[0];
   first.flags = static_cast<std::uint16_t>(first.flags & ~bf::kFlagEncrypted);
   std::memset(first.passwordDigest, 0, bf::kDigestSize);
-  MarkDirBlockChanged(0);
-  WriteDirBlock(first);
+  FinishPass();
   return status;
 }
 
@@ -134,20 +156,12 @@ Status BlockFileCore::Encrypt(const char* password) {
   // A file without a directory block has no place for the flag: refused,
   // without making the refusal sticky.
   if (dirBlocks.empty()) return ZoStreamE::StatusFailed;
-  if (!ChainsAreSound()) return status = ZoStreamE::StatusFailed;
-  directoryDirty = true;
   cipher = MakeCipher(password);
-  try {
-    RunCipherPass(true);
-  } catch (Status) {
-    MarkUnusable();
-    return status;
-  }
+  if (RunMarkedPass(true) != ZoStreamE::StatusOk) return status;
   DirBlock& first = *dirBlocks[0];
   first.flags = static_cast<std::uint16_t>(first.flags | bf::kFlagEncrypted);
   MD5 digest(password);
   std::memcpy(first.passwordDigest, digest.GetRawDigest(), bf::kDigestSize);
-  MarkDirBlockChanged(0);
-  WriteDirBlock(first);
+  FinishPass();
   return status;
 }

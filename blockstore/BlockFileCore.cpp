@@ -70,6 +70,7 @@ Status BlockFileCore::Open(const char* path, ZoStreamE::OpenMode mode) {
     directoryDirty = false;
     if (mode != ZoStreamE::OpenReadOnly) {
       if (LoadBlockMap() == ZoStreamE::StatusFailed) throw Error();
+      DropDanglingEntries();
       CheckDirBlocksAgainstMap();
     }
     ZoString::SetStr(fileName, ZoGetCanonicalPath(path).c_str());
@@ -154,6 +155,7 @@ Status BlockFileCore::Close() {
   fileName = nullptr;
   cipher.reset();
   blocksWritten = false;
+  linkedFrom.clear();
   return result;
 }
 

@@ -20,6 +20,15 @@
 //     ASCII-folded name, each key's slots in directory order.
 // (5) Every walk of a chain read from the file is bounded by the number of
 //     blocks in the file; a longer walk is a loop and sets StatusFailed.
+// (6) In a file open for writing, a link read from the file is followed only
+//     when it can still belong to its chain (LinkIsSound): never to a block
+//     the map calls free, nor to a block this session allocated for another
+//     chain. A run that crashed can leave such links behind (blocks it
+//     appended or released without writing the directory); following them
+//     would free or overwrite another stream's blocks. Writes and deletions
+//     treat such a link as the end of the chain; reads report StatusFailed.
+//     For the same reason an open for writing frees every entry whose first
+//     block lies beyond the end of the file or is free in the map.
 //
 // Ownership: refCount counts the CompoundFile handles and block streams
 // that hold the object; the last Release destroys it, which closes the file.
@@ -115,6 +124,11 @@ class BlockFileCore {
   DirEntry* NextDirEntry(std::uint32_t& cursor);
   bool HasEntries() const { return index.InUse() != 0; }
   std::int32_t CountDirEntries() const { return static_cast<std::int32_t>(index.InUse()); }
+  // True when following the link from block `from` to block `to` (read from
+  // the file) stays inside the chain of `from`; see invariant (6).
+  bool LinkIsSound(std::uint32_t from, std::uint32_t to) const;
+  // Block `from` now links to `to`, which this session allocated.
+  void NoteLink(std::uint32_t from, std::uint32_t to) { linkedFrom[to] = from; }
   // The stream device changed size or modified of this entry in place.
   void EntryChanged(const DirEntry* entry);
   std::uint32_t SlotOf(const DirEntry* entry) const;
@@ -130,6 +144,11 @@ class BlockFileCore {
   void WriteFreeList();
 
   // --- Cipher (BlockFileCipher.cpp) ---
+  // Encrypt and Decrypt rewrite every chain in place. Chains that leave the
+  // file, loop or share blocks are refused (StatusFailed) before anything
+  // changes. While a pass runs, the file on disk carries a mark that makes
+  // every open refuse it; a pass that completes removes the mark with its
+  // last write and flushes, one that fails leaves it.
   static std::int32_t CipherLength(std::int32_t usedLength);
   bool IsEncrypted() const;
   bool SetPassword(const char* password);
@@ -161,6 +180,7 @@ class BlockFileCore {
   void MarkIfDirBlock(std::uint32_t blockNumber);
   void DirBlockWritten(const DirBlock& block);
   void CheckDirBlocksAgainstMap();
+  void DropDanglingEntries();
   void WriteChangedDirBlocks();
   DirEntry* EntryAt(std::uint32_t slot) const;
   void ResetDirectoryState();
@@ -170,7 +190,10 @@ class BlockFileCore {
   ZoStreamE::Status ScanBlockHeads();
   bool FlushFile();
   bool ChainsAreSound();
+  std::uint32_t ChainNext(const blockformat::BlockHead& head) const;
+  ZoStreamE::Status RunMarkedPass(bool encrypt);
   void RunCipherPass(bool encrypt);
+  void FinishPass();
   void MarkUnusable();
 
   DirectoryIndex index;
@@ -178,6 +201,9 @@ class BlockFileCore {
   std::vector<std::uint32_t> changedDirBlocks;
   std::unordered_map<std::uint32_t, std::uint32_t> dirBlockByNumber;  // number -> chain index
   std::unordered_map<const DirEntry*, std::uint32_t> slotByEntry;
+  // Blocks allocated since open, each with the block whose link names it
+  // (0 while only a directory entry or nothing names it).
+  std::unordered_map<std::uint32_t, std::uint32_t> linkedFrom;
 };
 
 #endif  // TESSELZOSTREAM_BLOCKSTORE_BLOCKFILECORE_H_

@@ -129,6 +129,7 @@ DataBlock* BlockFileCore::AllocDataBlock(DataBlock* reuse) {
   bf::InitDataBlock(block);
   block->blockNumber = static_cast<std::uint32_t>(blockMap.AllocBlock());
   block->inUse = 1;
+  linkedFrom[block->blockNumber] = 0;
   MarkIfDirBlock(block->blockNumber);
   return block;
 }
@@ -170,4 +171,13 @@ DirBlock* BlockFileCore::AllocDirBlock() {
   block->blockNumber = static_cast<std::uint32_t>(blockMap.AllocBlock());
   block->inUse = 1;
   return block;
+}
+
+bool BlockFileCore::LinkIsSound(std::uint32_t from, std::uint32_t to) const {
+  if (readOnly) return true;  // no map to ask, and the file cannot change
+  auto it = linkedFrom.find(to);
+  if (it != linkedFrom.end()) return it->second == from;
+  // Beyond the end, the read itself reports StatusPastEnd.
+  if (to > BlockCount()) return true;
+  return blockMap.Get(static_cast<std::int32_t>(to)) != 0;
 }

@@ -85,6 +85,27 @@ void BlockFileCore::CheckDirBlocksAgainstMap() {
   }
 }
 
+// An entry whose first block is beyond the end of the file or free in the
+// map names blocks that this session may hand out to another stream; its
+// stream was lost (a cut file) or released by a run that did not finish.
+// It is freed as a deletion would, and the change reaches the file with the
+// next directory write.
+void BlockFileCore::DropDanglingEntries() {
+  for (const auto& block : dirBlocks) {
+    for (DirEntry& entry : block->entries) {
+      if (entry.firstBlock == 0) continue;
+      if (entry.firstBlock <= BlockCount() &&
+          blockMap.Get(static_cast<std::int32_t>(entry.firstBlock)) != 0) {
+        continue;
+      }
+      MarkEntryFree(&entry);
+      entry.firstBlock = 0;
+      entry.size = 0;
+      directoryDirty = true;
+    }
+  }
+}
+
 void BlockFileCore::MarkEntryUsed(DirEntry* entry) {
   const std::uint32_t slot = SlotOf(entry);
   index.EntryUsed(slot, entry->name);
@@ -144,7 +165,7 @@ bool BlockFileCore::FreeChain(DirEntry* entry) {
   for (std::uint32_t walked = 1;; ++walked) {
     block->inUse = 0;
     if (WriteDataBlock(*block) != ZoStreamE::StatusOk) return false;
-    if (block->nextBlock == 0) break;
+    if (block->nextBlock == 0 || !LinkIsSound(block->blockNumber, block->nextBlock)) break;
     if (walked >= limit) {  // longer than the file: the chain loops
       status = ZoStreamE::StatusFailed;
       return false;

@@ -114,6 +114,7 @@ void BlockFileCore::WriteFreeList() {
          static_cast<std::int64_t>(chain.size()) * bf::kPayloadSize) {
     chain.emplace_back(AllocDataBlock(nullptr));
     chain[chain.size() - 2]->nextBlock = chain.back()->blockNumber;
+    NoteLink(chain[chain.size() - 2]->blockNumber, chain.back()->blockNumber);
   }
   if (status != ZoStreamE::StatusOk) return;
 

@@ -58,13 +58,18 @@ void ZoIOStreamDevice::SaveCurrentBlock() {
 void ZoIOStreamDevice::NextBlock(bool mayGrow) {
   Data& d = *data_;
   SaveCurrentBlock();
-  if (d.current->nextBlock == 0) {
+  // A link that cannot belong to this chain any more ends it: a writer
+  // replaces it with a fresh block, a reader has met damage.
+  const bool sound = d.current->nextBlock != 0 &&
+                     d.core->LinkIsSound(d.current->blockNumber, d.current->nextBlock);
+  if (!sound) {
     if (!mayGrow) {
       d.core->status = ZoStreamE::StatusFailed;
       return;
     }
     d.core->AllocDataBlock(d.spare);
     d.current->nextBlock = d.spare->blockNumber;
+    d.core->NoteLink(d.current->blockNumber, d.spare->blockNumber);
     d.core->WriteDataBlock(*d.current);
     std::swap(d.current, d.spare);
     d.dirty = true;

@@ -1,1 +1,211 @@
+// Injected write failures. Each operation runs on a fresh copy of a known
+// good file with the platform's Nth write failing, as on a full disk, for
+// N = 1, 2, 3, ... until the operation completes without reaching the
+// fault. After every round the file, reopened with the real platform, must
+// hold what the last clean close saved: every stream the operation did not
+// target reads back unchanged, the target holds its old or its new bytes,
+// and the file takes further writes without one stream spoiling another.
+//
+// A "write" is one platform call; the engine gathers consecutive blocks
+// into one call, so N counts calls, not blocks.
 #include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "blockstore/BlockFormat.h"
+#include "tests/TestUtil.h"
+
+namespace {
+
+using ZoStreamE::OpenReadOnly;
+using ZoStreamE::OpenReadWrite;
+using ZoStreamE::Status;
+using tztest::GetStream;
+using tztest::Pattern;
+using tztest::PutStream;
+
+const char kPassword[] = "full disk";
+// Upper bound on the rounds of one operation; far above what any of them
+// needs, so reaching it means the operation never stops writing.
+constexpr int kMaxRounds = 400;
+
+struct Operation {
+  const char* label;
+  std::function<void(CompoundFile&)> run;
+  const char* target;   // the stream the operation changes; null for none
+  bool removesTarget;   // the target is gone after success
+  std::string after;    // the target's bytes after success, unless removed
+  bool mayMarkUnusable; // a failed cipher pass may leave a refused file
+};
+
+class FaultInjectionTest : public ::testing::Test {
+ protected:
+  // Five streams, one of them deleted again so that the file has free
+  // blocks in its middle: new chains then land in the hole and at the end,
+  // which splits their writes into several platform calls.
+  void SetUp() override {
+    path_ = dir_.Path("faults.zo");
+    streams_ = {{"one", Pattern(5000, 11)}, {"two", Pattern(1200, 12)}, {"hole", Pattern(2100, 13)},
+                {"three", Pattern(3, 14)}, {"four", Pattern(2600, 15)}};
+    CompoundFile f;
+    ASSERT_EQ(ZoStreamE::StatusOk, f.Open(path_.c_str(), OpenReadWrite));
+    for (const auto& s : streams_) ASSERT_TRUE(PutStream(f, s.first.c_str(), s.second));
+    ASSERT_TRUE(f.DeleteCFFile("hole"));
+    ASSERT_EQ(ZoStreamE::StatusOk, f.Close());
+    streams_.erase(streams_.begin() + 2);
+    good_ = tztest::ReadAll(path_);
+  }
+
+  const std::string* OldContent(const char* name) const {
+    for (const auto& s : streams_) {
+      if (s.first == name) return &s.second;
+    }
+    return nullptr;
+  }
+
+  // One round: the operation with write `n` failing. True when a write
+  // failed, false when the operation finished before write `n`.
+  bool RunWithFault(const Operation& op, int n) {
+    tztest::WriteAll(path_, good_);
+    tztest::FaultyEnv env;
+    env.Reset(n);
+    tztest::ScopedEnv scoped(&env);
+    CompoundFile f;
+    EXPECT_EQ(ZoStreamE::StatusOk, f.Open(path_.c_str(), OpenReadWrite));
+    op.run(f);
+    f.Flush();
+    // A failed write is reported on the handle as StatusFailed, and only then.
+    const bool failedBeforeClose = env.writes() >= n;
+    EXPECT_EQ(failedBeforeClose ? ZoStreamE::StatusFailed : ZoStreamE::StatusOk, f.GetStatus());
+    f.Close();
+    return env.writes() >= n;
+  }
+
+  // The streams of the reopened file against what the round may leave.
+  void CheckStreams(CompoundFile& f, const Operation& op, bool hit, const std::string& later) {
+    std::set<std::string> allowed = {blockformat::kFreeListName, later};
+    for (const auto& s : streams_) {
+      allowed.insert(s.first);
+      if (op.target != nullptr && s.first == op.target) continue;
+      bool ok = false;
+      EXPECT_TRUE(GetStream(f, s.first.c_str(), &ok) == s.second) << s.first << " changed";
+      EXPECT_TRUE(ok) << s.first;
+    }
+    if (op.target != nullptr) {
+      allowed.insert(op.target);
+      const std::string* old = OldContent(op.target);
+      if (f.Exists(op.target)) {
+        bool ok = false;
+        const std::string got = GetStream(f, op.target, &ok);
+        EXPECT_TRUE(ok);
+        const bool asBefore = old != nullptr && got == *old;
+        const bool asAfter = !op.removesTarget && got == op.after;
+        EXPECT_TRUE(asBefore || asAfter) << op.target << " holds neither its old nor its new bytes";
+        EXPECT_TRUE(hit || asAfter) << op.target << " not updated by a clean run";
+      } else {
+        EXPECT_TRUE(old == nullptr || op.removesTarget) << op.target << " lost";
+        EXPECT_TRUE(hit || op.removesTarget) << op.target << " missing after a clean run";
+      }
+    }
+    unsigned long cursor = 0;
+    for (const char* n = f.GetFirstDirName(&cursor); n != nullptr; n = f.GetNextDirName(&cursor)) {
+      EXPECT_EQ(1u, allowed.count(n)) << "unexpected stream " << n;
+    }
+  }
+
+  // Reopens with the real platform and checks the file; then writes one
+  // more stream and checks again, so that a block map that disagrees with
+  // the directory shows as one stream overwriting another.
+  void CheckSurvivor(const Operation& op, bool hit) {
+    {
+      CompoundFile f;
+      Status opened = ZoStreamE::StatusNotOpen;
+      try {
+        opened = f.Open(path_.c_str(), OpenReadWrite);
+      } catch (Status thrown) {
+        ADD_FAILURE() << "open threw status " << thrown;
+        return;
+      }
+      if (opened == ZoStreamE::StatusNotOpen && hit && op.mayMarkUnusable) return;
+      ASSERT_EQ(ZoStreamE::StatusOk, opened);
+      if (f.IsEncrypted()) {
+        ASSERT_TRUE(f.SetPassword(kPassword));
+      }
+      CheckStreams(f, op, hit, "");
+      ASSERT_TRUE(PutStream(f, "later", Pattern(3500, 99)));
+      ASSERT_EQ(ZoStreamE::StatusOk, f.Close());
+    }
+    CompoundFile f;
+    ASSERT_EQ(ZoStreamE::StatusOk, f.Open(path_.c_str(), OpenReadOnly));
+    if (f.IsEncrypted()) {
+      ASSERT_TRUE(f.SetPassword(kPassword));
+    }
+    CheckStreams(f, op, hit, "later");
+    EXPECT_TRUE(GetStream(f, "later") == Pattern(3500, 99));
+  }
+
+  void RunUntilClean(const Operation& op) {
+    for (int n = 1; n <= kMaxRounds; ++n) {
+      SCOPED_TRACE(std::string(op.label) + ", failing write " + std::to_string(n));
+      const bool hit = RunWithFault(op, n);
+      CheckSurvivor(op, hit);
+      if (!hit) return;
+      if (::testing::Test::HasFailure()) return;  // one broken round tells enough
+    }
+    ADD_FAILURE() << op.label << " still writing after " << kMaxRounds << " rounds";
+  }
+
+  tztest::ScratchDir dir_;
+  std::string path_;
+  std::vector<std::pair<std::string, std::string>> streams_;
+  std::vector<unsigned char> good_;
+};
+
+TEST_F(FaultInjectionTest, NewStream) {
+  const std::string bytes = Pattern(5000, 21);
+  RunUntilClean({"new stream", [bytes](CompoundFile& f) { PutStream(f, "fresh", bytes); },
+                 "fresh", false, bytes, false});
+}
+
+TEST_F(FaultInjectionTest, OverwriteInPlace) {
+  const std::string patch = Pattern(3000, 22);
+  std::string after = *OldContent("one");
+  after.replace(1500, patch.size(), patch);
+  RunUntilClean({"overwrite with r+b",
+                 [patch](CompoundFile& f) {
+                   std::unique_ptr<std::iostream> s(f.GetIOStream("one", "r+b"));
+                   if (!s) return;
+                   s->seekp(1500);
+                   s->write(patch.data(), static_cast<std::streamsize>(patch.size()));
+                 },
+                 "one", false, after, false});
+}
+
+// Growing a stream takes blocks from the hole and from the end of the file.
+TEST_F(FaultInjectionTest, AppendToStream) {
+  const std::string tail = Pattern(4000, 23);
+  const std::string after = *OldContent("two") + tail;
+  RunUntilClean({"append with r+b",
+                 [tail](CompoundFile& f) {
+                   std::unique_ptr<std::iostream> s(f.GetIOStream("two", "r+b"));
+                   if (!s) return;
+                   s->seekp(0, std::ios_base::end);
+                   s->write(tail.data(), static_cast<std::streamsize>(tail.size()));
+                 },
+                 "two", false, after, false});
+}
+
+TEST_F(FaultInjectionTest, DeleteStream) {
+  RunUntilClean({"delete", [](CompoundFile& f) { f.DeleteCFFile("four"); }, "four", true, "", false});
+}
+
+TEST_F(FaultInjectionTest, EncryptFile) {
+  RunUntilClean({"encrypt", [](CompoundFile& f) { f.Encrypt(kPassword); }, nullptr, false, "", true});
+}
+
+}  // namespace
