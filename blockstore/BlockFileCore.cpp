@@ -155,7 +155,7 @@ Status BlockFileCore::Close() {
   fileName = nullptr;
   cipher.reset();
   blocksWritten = false;
-  linkedFrom.clear();
+  linkSource.clear();
   return result;
 }
 

@@ -128,9 +128,13 @@ class BlockFileCore {
   // the file) stays inside the chain of `from`; see invariant (6).
   bool LinkIsSound(std::uint32_t from, std::uint32_t to) const;
   // Block `from` now links to `to`, which this session allocated.
-  void NoteLink(std::uint32_t from, std::uint32_t to) { linkedFrom[to] = from; }
-  // The stream device changed size or modified of this entry in place.
+  void NoteLink(std::uint32_t from, std::uint32_t to);
+  // The stream device changed size or modified of this entry in place;
+  // the slot form saves the look-up for a caller that knows it.
   void EntryChanged(const DirEntry* entry);
+  void EntryChangedAt(std::uint32_t slot) {
+    if (slot / blockformat::kEntriesPerBlock < dirBlockChanged.size()) MarkDirBlockChanged(slot / blockformat::kEntriesPerBlock);
+  }
   std::uint32_t SlotOf(const DirEntry* entry) const;
 
   // --- Streams (BlockFileCoreStreams.cpp) ---
@@ -201,9 +205,12 @@ class BlockFileCore {
   std::vector<std::uint32_t> changedDirBlocks;
   std::unordered_map<std::uint32_t, std::uint32_t> dirBlockByNumber;  // number -> chain index
   std::unordered_map<const DirEntry*, std::uint32_t> slotByEntry;
-  // Blocks allocated since open, each with the block whose link names it
-  // (0 while only a directory entry or nothing names it).
-  std::unordered_map<std::uint32_t, std::uint32_t> linkedFrom;
+  // By block number: kNotAllocated for blocks not allocated since open,
+  // else the block whose link names it (0 while only a directory entry or
+  // nothing names it). One number a block, like the block map's byte.
+  static constexpr std::uint32_t kNotAllocated = 0xFFFFFFFFu;
+  std::vector<std::uint32_t> linkSource;
+  std::vector<bool> isDirBlock;  // by block number
 };
 
 #endif  // TESSELZOSTREAM_BLOCKSTORE_BLOCKFILECORE_H_

@@ -21,12 +21,13 @@ Status BlockFileCore::ReadDataBlock(std::uint32_t n, DataBlock& block) {
     status = ZoStreamE::StatusPastEnd;
     return status;
   }
-  unsigned char raw[bf::kBlockSize];
-  if (n == 0 || !file->ReadBlock(n, raw)) {
+  unsigned char scratch[bf::kBlockSize];
+  unsigned char* target = bf::DataBlockTarget(&block, scratch);
+  if (n == 0 || !file->ReadBlock(n, target)) {
     status = ZoStreamE::StatusFailed;
     return status;
   }
-  bf::DecodeDataBlock(raw, &block);
+  bf::FinishDataBlock(target, &block);
   // A head that names another block, or has no signature, is damage: a
   // rewrite of it would land on some other block.
   if (block.blockNumber != n || !bf::HasSignature(block)) {
@@ -109,9 +110,9 @@ static Status WriteBlockBytes(BlockFileCore& core, const BlockWrite& w) {
 }
 
 Status BlockFileCore::WriteRawDataBlock(const DataBlock& block) {
-  unsigned char raw[bf::kBlockSize];
-  bf::EncodeDataBlock(block, raw);
-  const Status result = WriteBlockBytes(*this, {block.blockNumber, block.inUse, raw});
+  unsigned char scratch[bf::kBlockSize];
+  const Status result = WriteBlockBytes(
+      *this, {block.blockNumber, block.inUse, bf::DataBlockBytes(block, scratch)});
   if (result == ZoStreamE::StatusOk) MarkIfDirBlock(block.blockNumber);
   return result;
 }
@@ -129,8 +130,10 @@ DataBlock* BlockFileCore::AllocDataBlock(DataBlock* reuse) {
   bf::InitDataBlock(block);
   block->blockNumber = static_cast<std::uint32_t>(blockMap.AllocBlock());
   block->inUse = 1;
-  linkedFrom[block->blockNumber] = 0;
-  MarkIfDirBlock(block->blockNumber);
+  const std::uint32_t n = block->blockNumber;
+  if (n >= linkSource.size()) linkSource.resize(std::max<std::size_t>(n + 1, 2 * linkSource.size()), kNotAllocated);
+  linkSource[n] = 0;
+  MarkIfDirBlock(n);
   return block;
 }
 
@@ -173,10 +176,13 @@ DirBlock* BlockFileCore::AllocDirBlock() {
   return block;
 }
 
+void BlockFileCore::NoteLink(std::uint32_t from, std::uint32_t to) {
+  if (to < linkSource.size()) linkSource[to] = from;
+}
+
 bool BlockFileCore::LinkIsSound(std::uint32_t from, std::uint32_t to) const {
   if (readOnly) return true;  // no map to ask, and the file cannot change
-  auto it = linkedFrom.find(to);
-  if (it != linkedFrom.end()) return it->second == from;
+  if (to < linkSource.size() && linkSource[to] != kNotAllocated) return linkSource[to] == from;
   // Beyond the end, the read itself reports StatusPastEnd.
   if (to > BlockCount()) return true;
   return blockMap.Get(static_cast<std::int32_t>(to)) != 0;

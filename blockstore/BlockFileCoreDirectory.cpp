@@ -53,6 +53,8 @@ void BlockFileCore::IndexBlock(std::uint32_t blockIndex, bool matchesFile) {
   index.AddBlock();
   dirBlockChanged.push_back(false);
   dirBlockByNumber[block.blockNumber] = blockIndex;
+  if (block.blockNumber >= isDirBlock.size()) isDirBlock.resize(block.blockNumber + 1, false);
+  isDirBlock[block.blockNumber] = true;
   for (std::uint32_t e = 0; e < kPerBlock; ++e) {
     const std::uint32_t slot = blockIndex * kPerBlock + e;
     slotByEntry[&block.entries[e]] = slot;
@@ -68,6 +70,7 @@ void BlockFileCore::MarkDirBlockChanged(std::uint32_t blockIndex) {
 }
 
 void BlockFileCore::MarkIfDirBlock(std::uint32_t blockNumber) {
+  if (blockNumber >= isDirBlock.size() || !isDirBlock[blockNumber]) return;
   auto it = dirBlockByNumber.find(blockNumber);
   if (it != dirBlockByNumber.end()) MarkDirBlockChanged(it->second);
 }
@@ -136,7 +139,8 @@ DirEntry* BlockFileCore::AddDirEntry(const char* name) {
         break;
       }
     }
-  } else {
+  }
+  if (entry == nullptr) {  // no block has a free entry: the directory grows
     DirBlock* block = AllocDirBlock();
     if (!dirBlocks.empty()) {
       dirBlocks.back()->nextBlock = block->blockNumber;

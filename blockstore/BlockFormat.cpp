@@ -48,6 +48,10 @@ bool HasSignature(const BlockHead& head) {
   return std::memcmp(head.signature, kSignature, kSignatureSize) == 0;
 }
 
+namespace {
+constexpr bool kFileLayoutInMemory = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__;
+}  // namespace
+
 void EncodeDataBlock(const DataBlock& block, unsigned char* out) {
   EncodeHead(block, out);
   tz::EncodeFixed16(out + kOffUsedLength, block.usedLength);
@@ -58,6 +62,20 @@ void DecodeDataBlock(const unsigned char* in, DataBlock* block) {
   DecodeHead(in, block);
   block->usedLength = tz::DecodeFixed16(in + kOffUsedLength);
   std::memcpy(block->payload, in + kOffPayload, kPayloadSize);
+}
+
+unsigned char* DataBlockTarget(DataBlock* block, unsigned char* scratch) {
+  return kFileLayoutInMemory ? reinterpret_cast<unsigned char*>(block) : scratch;
+}
+
+void FinishDataBlock(const unsigned char* target, DataBlock* block) {
+  if (target != reinterpret_cast<const unsigned char*>(block)) DecodeDataBlock(target, block);
+}
+
+const unsigned char* DataBlockBytes(const DataBlock& block, unsigned char* scratch) {
+  if (kFileLayoutInMemory) return reinterpret_cast<const unsigned char*>(&block);
+  EncodeDataBlock(block, scratch);
+  return scratch;
 }
 
 void EncodeDirEntry(const DirEntry& entry, unsigned char* out) {

@@ -20,7 +20,7 @@ ZoIOStreamDevice::ZoIOException::ZoIOException(const std::string& message)
     : std::ios_base::failure(message, std::error_code(1, std::iostream_category())) {}
 
 ZoIOStreamDevice::Data::Data(BlockFileCore* c, DirEntry* e, int m)
-    : core(c), entry(e), mode(m) {
+    : core(c), entry(e), slot(c->SlotOf(e)), mode(m) {
   core->Retain();
   current = core->LoadDataBlock(entry->firstBlock);
   if (current != nullptr) blockNumbers.push_back(current->blockNumber);
@@ -47,7 +47,7 @@ void ZoIOStreamDevice::SaveCurrentBlock() {
   Data& d = *data_;
   if (!d.dirty) return;
   ZoCurrentTimeText(d.entry->modified);
-  d.core->EntryChanged(d.entry);
+  d.core->EntryChangedAt(d.slot);
   d.core->WriteDataBlock(*d.current);
   d.dirty = false;
 }
@@ -55,25 +55,35 @@ void ZoIOStreamDevice::SaveCurrentBlock() {
 // One step along the chain. Reading never extends a chain: a chain that
 // ends where the size says more bytes follow is damaged, as is one that
 // runs longer than the file has blocks (a loop).
+//
+// At the end of the chain a dirty block would be saved and then written once
+// more with its new link; the next block is allocated first instead, so the
+// block goes out once, link and all. The file holds the same bytes either
+// way: nothing reaches the disk between the two writes.
 void ZoIOStreamDevice::NextBlock(bool mayGrow) {
   Data& d = *data_;
-  SaveCurrentBlock();
   // A link that cannot belong to this chain any more ends it: a writer
   // replaces it with a fresh block, a reader has met damage.
   const bool sound = d.current->nextBlock != 0 &&
                      d.core->LinkIsSound(d.current->blockNumber, d.current->nextBlock);
   if (!sound) {
     if (!mayGrow) {
+      SaveCurrentBlock();
       d.core->status = ZoStreamE::StatusFailed;
       return;
     }
     d.core->AllocDataBlock(d.spare);
     d.current->nextBlock = d.spare->blockNumber;
     d.core->NoteLink(d.current->blockNumber, d.spare->blockNumber);
-    d.core->WriteDataBlock(*d.current);
+    if (d.dirty) {
+      SaveCurrentBlock();
+    } else {
+      d.core->WriteDataBlock(*d.current);
+    }
     std::swap(d.current, d.spare);
     d.dirty = true;
   } else {
+    SaveCurrentBlock();
     if (d.blockIndex >= d.core->BlockCount()) {
       d.core->status = ZoStreamE::StatusFailed;
       return;
@@ -153,7 +163,7 @@ std::streamsize ZoIOStreamDevice::write(const char* s, std::streamsize n) {
     done += chunk;
     if (d.position > d.entry->size) {
       d.entry->size = d.position;
-      d.core->EntryChanged(d.entry);
+      d.core->EntryChangedAt(d.slot);
     }
   }
   return done;

@@ -75,6 +75,7 @@ class ZoIOStreamDevice {
     bool written = false;
     BlockFileCore* core;
     DirEntry* entry;
+    std::uint32_t slot;  // the entry's place in the directory
     blockformat::DataBlock* current = nullptr;
     blockformat::DataBlock* spare = nullptr;
     std::uint32_t position = 0;
