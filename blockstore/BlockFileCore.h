@@ -28,7 +28,8 @@
 //     would free or overwrite another stream's blocks. Writes and deletions
 //     treat such a link as the end of the chain; reads report StatusFailed.
 //     For the same reason an open for writing frees every entry whose first
-//     block lies beyond the end of the file or is free in the map.
+//     block lies beyond the end of the file, is free in the map, is a
+//     directory block, or is the first block of an earlier entry.
 //
 // Ownership: refCount counts the CompoundFile handles and block streams
 // that hold the object; the last Release destroys it, which closes the file.

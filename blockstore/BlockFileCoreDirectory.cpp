@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
+#include <unordered_set>
 
 #include "blockstore/BlockFileCore.h"
 #include "utility/Time.h"
@@ -90,17 +91,22 @@ void BlockFileCore::CheckDirBlocksAgainstMap() {
 
 // An entry whose first block is beyond the end of the file or free in the
 // map names blocks that this session may hand out to another stream; its
-// stream was lost (a cut file) or released by a run that did not finish.
-// It is freed as a deletion would, and the change reaches the file with the
-// next directory write.
+// stream was lost (a cut file) or released by a run that did not finish. An
+// entry whose first block is a directory block, or the first block of an
+// earlier entry, would have a deletion free blocks that are not its own.
+// Such entries are freed as a deletion would, and the change reaches the
+// file with the next directory write.
 void BlockFileCore::DropDanglingEntries() {
+  std::unordered_set<std::uint32_t> firstBlocks;
   for (const auto& block : dirBlocks) {
     for (DirEntry& entry : block->entries) {
-      if (entry.firstBlock == 0) continue;
-      if (entry.firstBlock <= BlockCount() &&
-          blockMap.Get(static_cast<std::int32_t>(entry.firstBlock)) != 0) {
-        continue;
-      }
+      const std::uint32_t first = entry.firstBlock;
+      if (first == 0) continue;
+      const bool owned = first <= BlockCount() &&
+                         blockMap.Get(static_cast<std::int32_t>(first)) != 0 &&
+                         !(first < isDirBlock.size() && isDirBlock[first]) &&
+                         firstBlocks.insert(first).second;
+      if (owned) continue;
       MarkEntryFree(&entry);
       entry.firstBlock = 0;
       entry.size = 0;

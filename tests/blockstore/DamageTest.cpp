@@ -480,3 +480,32 @@ TEST_F(DamageTest, LinkLeftByACrashedRunNeverReachesANewStream) {
     EXPECT_EQ(grow, f.Exists("beta"));
   }
 }
+
+// Entries that name blocks not their own are dropped at an open for
+// writing: one whose first block is a directory block, one that shares its
+// first block with an earlier entry. Deleting what is left never touches the
+// directory or another stream.
+TEST_F(DamageTest, EntriesNamingBlocksNotTheirOwnAreDropped) {
+  const std::size_t gamma = EntryAt(good_, "gamma");
+  const std::size_t delta = EntryAt(good_, "delta");
+  const std::uint32_t betaFirst = FirstBlockOf(good_, "beta");
+  const std::uint32_t secondDir = Chain(good_, 1)[1];
+  Install(With([&](Bytes& b) {
+    Put32(b, gamma + bf::kOffFirstBlock, betaFirst);  // shares beta's chain
+    Put32(b, delta + bf::kOffFirstBlock, secondDir);  // a directory block
+  }));
+  {
+    CompoundFile f;
+    ASSERT_EQ(ZoStreamE::StatusOk, f.Open(path_.c_str(), OpenReadWrite));
+    EXPECT_FALSE(f.Exists("gamma"));
+    EXPECT_FALSE(f.Exists("delta"));
+    EXPECT_TRUE(f.DeleteCFFile("alpha"));
+    ASSERT_TRUE(PutStream(f, "epsilon", Pattern(4000, 8)));
+    EXPECT_EQ(ZoStreamE::StatusOk, f.Close());
+  }
+  CompoundFile f;
+  ASSERT_EQ(ZoStreamE::StatusOk, f.Open(path_.c_str(), OpenReadWrite));
+  EXPECT_EQ(Pattern(3000, 2), GetStream(f, "beta"));
+  EXPECT_EQ(Pattern(4000, 8), GetStream(f, "epsilon"));
+  EXPECT_EQ(3, f.GetNumDirEntrys());  // beta, epsilon, the saved map
+}
