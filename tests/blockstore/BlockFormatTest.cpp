@@ -55,39 +55,6 @@ TEST(BlockFormat, RecordsRoundTripThroughTheirBytes) {
   }
 }
 
-TEST(BlockFormat, FieldsLieWhereTheTableSays) {
-  bf::DirBlock dir;
-  bf::InitDirBlock(&dir);
-  dir.blockNumber = 0x11223344;
-  dir.inUse = 1;
-  dir.nextBlock = 7;
-  std::strcpy(dir.entries[1].name, "b");
-  dir.entries[1].firstBlock = 0xAABBCCDD;
-  dir.entries[1].size = 5;
-  dir.passwordDigest[0] = 0x5A;
-  dir.flags = bf::kFlagEncrypted;
-  unsigned char raw[bf::kBlockSize];
-  bf::EncodeDirBlock(dir, raw);
-  EXPECT_EQ(tz::DecodeFixed32(raw + 0), 0x11223344u);
-  EXPECT_EQ(raw[0], 0x44);  // little-endian
-  EXPECT_EQ(raw[4], 1);
-  EXPECT_EQ(std::memcmp(raw + 5, "BlockFile", 10), 0);
-  EXPECT_EQ(tz::DecodeFixed32(raw + 15), 7u);
-  EXPECT_EQ(raw[336], 'b');
-  EXPECT_EQ(tz::DecodeFixed32(raw + 336 + 309), 0xAABBCCDDu);
-  EXPECT_EQ(tz::DecodeFixed32(raw + 336 + 313), 5u);
-  EXPECT_EQ(std::memcmp(raw + 970, "ZoCompoundFile", 15), 0);
-  EXPECT_EQ(raw[1006], 0x5A);
-  EXPECT_EQ(tz::DecodeFixed16(raw + 1022), 1);
-
-  unsigned char skipped[bf::kBlockSize];
-  bf::EncodeSkippedBlock(9, skipped);
-  EXPECT_EQ(tz::DecodeFixed32(skipped), 9u);
-  EXPECT_EQ(skipped[4], 0);
-  EXPECT_EQ(std::memcmp(skipped + 5, "BlockFile", 10), 0);
-  for (std::uint32_t i = 15; i < bf::kBlockSize; ++i) ASSERT_EQ(skipped[i], 0) << i;
-}
-
 TEST(BlockFormat, TextsWithoutTheirZeroAreCut) {
   unsigned char raw[bf::kBlockSize];
   bf::DirBlock dir;
