@@ -38,8 +38,8 @@ TEST(BlockFormat, RecordsRoundTripThroughTheirBytes) {
     unsigned char again[bf::kBlockSize];
     bf::EncodeDataBlock(back, again);
     ASSERT_EQ(std::memcmp(raw, again, bf::kBlockSize), 0);
-    EXPECT_EQ(back.blockNumber, data.blockNumber);
-    EXPECT_EQ(back.usedLength, data.usedLength);
+    EXPECT_EQ(+back.blockNumber, +data.blockNumber);  // packed fields: compare values
+    EXPECT_EQ(+back.usedLength, +data.usedLength);
 
     bf::DirBlock dir;
     bf::InitDirBlock(&dir);
