@@ -120,6 +120,18 @@ bool DecodeDirBlock(const unsigned char* in, DirBlock* block) {
   return true;
 }
 
+void EncodeFreeListHead(const unsigned char digest[kDigestSize], std::uint32_t highest,
+                        unsigned char* payload) {
+  std::memcpy(payload + kOffListDigest, digest, kDigestSize);
+  tz::EncodeFixed32(payload + kOffListHighest, highest);
+}
+
+void DecodeFreeListHead(const unsigned char* payload, unsigned char digest[kDigestSize],
+                        std::uint32_t* highest) {
+  std::memcpy(digest, payload + kOffListDigest, kDigestSize);
+  *highest = tz::DecodeFixed32(payload + kOffListHighest);
+}
+
 void EncodeSkippedBlock(std::uint32_t n, unsigned char* out) {
   std::memset(out, 0, kBlockSize);
   BlockHead head{};

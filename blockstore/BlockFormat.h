@@ -150,6 +150,13 @@ void EncodeDirBlock(const DirBlock& block, unsigned char* out);
 // it are then left as they were.
 bool DecodeDirBlock(const unsigned char* in, DirBlock* block);
 
+// The head of the saved block map, at the start of its first payload: the
+// directory digest and H; the map bytes follow at kOffListMap.
+void EncodeFreeListHead(const unsigned char digest[kDigestSize], std::uint32_t highest,
+                        unsigned char* payload);
+void DecodeFreeListHead(const unsigned char* payload, unsigned char digest[kDigestSize],
+                        std::uint32_t* highest);
+
 // The 1024 bytes of a skipped block with number n.
 void EncodeSkippedBlock(std::uint32_t n, unsigned char* out);
 

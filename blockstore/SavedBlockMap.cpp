@@ -68,10 +68,11 @@ bool BlockFileCore::ReadFreeList() {
   if (entry == nullptr) return false;
   DataBlock block;
   if (ReadDataBlock(entry->firstBlock, block) != ZoStreamE::StatusOk) return false;
-  unsigned char digest[bf::kDigestSize];
+  unsigned char digest[bf::kDigestSize], saved[bf::kDigestSize];
+  std::uint32_t h = 0;
+  bf::DecodeFreeListHead(block.payload, saved, &h);
   ComputeDirectoryDigest(digest);
-  if (std::memcmp(block.payload + bf::kOffListDigest, digest, bf::kDigestSize) != 0) return false;
-  const std::uint32_t h = tz::DecodeFixed32(block.payload + bf::kOffListHighest);
+  if (std::memcmp(saved, digest, bf::kDigestSize) != 0) return false;
   // A writer's H never exceeds the blocks of the file it closed; anything
   // larger is damage, and no table is sized by it.
   if (h > BlockCount()) return false;
@@ -123,8 +124,7 @@ void BlockFileCore::WriteFreeList() {
   EntryChanged(entry);
   unsigned char digest[bf::kDigestSize];
   ComputeDirectoryDigest(digest);
-  std::memcpy(chain[0]->payload + bf::kOffListDigest, digest, bf::kDigestSize);
-  tz::EncodeFixed32(chain[0]->payload + bf::kOffListHighest, h);
+  bf::EncodeFreeListHead(digest, h, chain[0]->payload);
   std::uint32_t remaining = h + 1;
   const std::uint8_t* source = blockMap.table();
   for (std::size_t k = 0; k < chain.size() && remaining != 0; ++k) {
