@@ -183,6 +183,8 @@ void BlockFileCore::NoteLink(std::uint32_t from, std::uint32_t to) {
 bool BlockFileCore::LinkIsSound(std::uint32_t from, std::uint32_t to) const {
   if (readOnly) return true;  // no map to ask, and the file cannot change
   if (to < linkSource.size() && linkSource[to] != kNotAllocated) return linkSource[to] == from;
+  // A data chain never runs through the directory.
+  if (to < isDirBlock.size() && isDirBlock[to]) return false;
   // Beyond the end, the read itself reports StatusPastEnd.
   if (to > BlockCount()) return true;
   return blockMap.Get(static_cast<std::int32_t>(to)) != 0;

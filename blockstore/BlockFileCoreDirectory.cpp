@@ -81,11 +81,21 @@ void BlockFileCore::EntryChanged(const DirEntry* entry) {
   if (slot != ~0u) MarkDirBlockChanged(slot / kPerBlock);
 }
 
+// A directory block is in use whatever its head or a saved map says: were
+// the map to call it free, its number would be handed out to a stream and
+// the directory overwritten. A block whose head or map byte says otherwise
+// is set right in memory and counts as changed, so the next directory
+// write repairs the file too.
 void BlockFileCore::CheckDirBlocksAgainstMap() {
   for (std::uint32_t i = 0; i < dirBlocks.size(); ++i) {
-    const DirBlock& block = *dirBlocks[i];
+    DirBlock& block = *dirBlocks[i];
     const auto n = static_cast<std::int32_t>(block.blockNumber);
-    if (n > blockMap.highest() || blockMap.Get(n) != block.inUse) MarkDirBlockChanged(i);
+    if (block.inUse != 1 || n > blockMap.highest() || blockMap.Get(n) != 1) {
+      block.inUse = 1;
+      blockMap.SetBlock(n, 1);
+      MarkDirBlockChanged(i);
+      directoryDirty = true;
+    }
   }
 }
 
@@ -158,6 +168,7 @@ DirEntry* BlockFileCore::AddDirEntry(const char* name) {
   // The name is copied with its zero only: the bytes behind it keep
   // whatever an older, longer name left there.
   std::memcpy(entry->name, name, std::strlen(name) + 1);
+  entry->size = 0;  // a free entry has size 0; a damaged one may not
   ZoCurrentTimeText(entry->created);
   std::memcpy(entry->modified, entry->created, DirEntry::kTimeSize);
   std::unique_ptr<DataBlock> first(AllocDataBlock(nullptr));

@@ -107,8 +107,11 @@ void ZoIOStreamDevice::GoToBlock(std::uint32_t n) {
     d.core->ReadDataBlock(d.blockNumbers[n - 1], *d.current);
     d.blockIndex = n;
   } else {
+    // A chain holds every block its size needs; only steps beyond those
+    // may grow it. A chain that ends sooner is damaged.
+    const std::uint32_t needed = d.entry->size / kPayload + 1;
     GoToBlock(static_cast<std::uint32_t>(d.blockNumbers.size()));
-    while (d.blockIndex < n && !Failed()) NextBlock(true);
+    while (d.blockIndex < n && !Failed()) NextBlock(d.blockIndex >= needed);
   }
 }
 
