@@ -85,6 +85,13 @@ class TZ_EXPORT CompoundFile {
   // Null for a missing name with "r", for a null, empty or over-long name,
   // for "w" on a read-only file, for any other mode text, and without a
   // file. A mode text without "b" gives a stream with badbit set.
+  // The mode texts "rb" and "r+b" give the same stream: both may write.
+  // A seek beyond the end extends the stream's chain with zero-filled
+  // blocks at once (its size changes only when something is written).
+  // Failures show as badbit; the cause is in GetStatus(). One exception:
+  // once the file's status has failed, a seek throws std::ios_base::failure
+  // from the stream's device, which seekg and tellg turn into badbit but
+  // this standard library's seekp and tellp pass on to the caller.
   std::basic_iostream<char>* GetIOStream(const char* name, const char* mode);
 
   // Encryption under a password. Encrypt enciphers every stream (after
