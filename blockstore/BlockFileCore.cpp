@@ -85,7 +85,7 @@ Status BlockFileCore::Open(const char* path, ZoStreamE::OpenMode mode) {
 
 void BlockFileCore::LoadDirectoryChain(DirBlock* first, bool exact) {
   std::unordered_set<std::uint32_t> seen{1};
-  AppendLoadedDirBlock(first, exact);
+  AppendDirBlock(first, exact);
   for (std::uint32_t next = first->nextBlock; next != 0;) {
     DirBlock* block = nullptr;
     if (seen.insert(next).second) block = LoadDirBlock(next, &exact);
@@ -95,7 +95,7 @@ void BlockFileCore::LoadDirectoryChain(DirBlock* first, bool exact) {
       status = ZoStreamE::StatusFailed;
       throw ZoStreamE::StatusFailed;
     }
-    AppendLoadedDirBlock(block, exact);
+    AppendDirBlock(block, exact);
     next = block->nextBlock;
   }
 }

@@ -111,7 +111,9 @@ class BlockFileCore {
   std::uint32_t BlockCount() const;
 
   // --- Directory (BlockFileCoreDirectory.cpp) ---
-  void AppendDirBlock(DirBlock* block);  // takes ownership
+  // Takes ownership. `matchesFile`: the block was just read and encodes to
+  // exactly the bytes the file holds (else it counts as changed).
+  void AppendDirBlock(DirBlock* block, bool matchesFile = false);
   // First entry in use, in directory order, whose name equals `name` without
   // regard to ASCII case; null when none (also for null or over-long names).
   DirEntry* FindDirEntry(const char* name);
@@ -178,7 +180,6 @@ class BlockFileCore {
  private:
   // Bookkeeping behind the directory (BlockFileCoreDirectory.cpp).
   void IndexBlock(std::uint32_t blockIndex, bool matchesFile);
-  void AppendLoadedDirBlock(DirBlock* block, bool exact);
   void MarkEntryUsed(DirEntry* entry);
   void MarkEntryFree(DirEntry* entry);
   void MarkDirBlockChanged(std::uint32_t blockIndex);
@@ -188,7 +189,6 @@ class BlockFileCore {
   void DropDanglingEntries();
   void WriteChangedDirBlocks();
   DirEntry* EntryAt(std::uint32_t slot) const;
-  void ResetDirectoryState();
 
   // Helpers of Open and the passes.
   void LoadDirectoryChain(DirBlock* first, bool exact);

@@ -27,24 +27,10 @@ std::uint32_t BlockFileCore::SlotOf(const DirEntry* entry) const {
   return it == slotByEntry.end() ? ~0u : it->second;
 }
 
-void BlockFileCore::ResetDirectoryState() {
-  index.Clear();
-  dirBlockChanged.clear();
-  changedDirBlocks.clear();
-  dirBlockByNumber.clear();
-  slotByEntry.clear();
-}
-
-void BlockFileCore::AppendDirBlock(DirBlock* block) {
+void BlockFileCore::AppendDirBlock(DirBlock* block, bool matchesFile) {
   directoryDirty = true;
   dirBlocks.push_back(boost::shared_ptr<DirBlock>(block));
-  IndexBlock(static_cast<std::uint32_t>(dirBlocks.size() - 1), false);
-}
-
-void BlockFileCore::AppendLoadedDirBlock(DirBlock* block, bool exact) {
-  directoryDirty = true;
-  dirBlocks.push_back(boost::shared_ptr<DirBlock>(block));
-  IndexBlock(static_cast<std::uint32_t>(dirBlocks.size() - 1), exact);
+  IndexBlock(static_cast<std::uint32_t>(dirBlocks.size() - 1), matchesFile);
 }
 
 // Registers a block just appended to dirBlocks with every piece of
