@@ -208,4 +208,13 @@ TEST_F(FaultInjectionTest, EncryptFile) {
   RunUntilClean({"encrypt", [](CompoundFile& f) { f.Encrypt(kPassword); }, nullptr, false, "", true});
 }
 
+// Both passes, so that the failing write lands in the deciphering one too.
+TEST_F(FaultInjectionTest, EncryptThenDecrypt) {
+  RunUntilClean({"encrypt, then decrypt",
+                 [](CompoundFile& f) {
+                   if (f.Encrypt(kPassword) == ZoStreamE::StatusOk) f.Decrypt();
+                 },
+                 nullptr, false, "", true});
+}
+
 }  // namespace
