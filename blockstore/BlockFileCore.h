@@ -190,6 +190,8 @@ class BlockFileCore {
   void WriteChangedDirBlocks();
   DirEntry* EntryAt(std::uint32_t slot) const;
 
+  bool ReadBlockBytes(std::uint32_t n, unsigned char* out);
+
   // Helpers of Open and the passes.
   void LoadDirectoryChain(DirBlock* first, bool exact);
   ZoStreamE::Status ScanBlockHeads();

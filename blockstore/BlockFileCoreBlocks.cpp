@@ -14,19 +14,27 @@ const unsigned char* SkippedBlockBytes(std::uint32_t n, unsigned char* buffer) {
 }
 }  // namespace
 
+// The file's bytes of block n, for both block reads (the caller holds
+// readLock). A block beyond the engine's file size sets StatusPastEnd;
+// block 0 or an I/O failure sets StatusFailed.
+bool BlockFileCore::ReadBlockBytes(std::uint32_t n, unsigned char* out) {
+  if (static_cast<std::int64_t>(n) * bf::kBlockSize > fileSize) {
+    status = ZoStreamE::StatusPastEnd;
+    return false;
+  }
+  if (n == 0 || !file->ReadBlock(n, out)) {
+    status = ZoStreamE::StatusFailed;
+    return false;
+  }
+  return true;
+}
+
 Status BlockFileCore::ReadDataBlock(std::uint32_t n, DataBlock& block) {
   if (status != ZoStreamE::StatusOk) return status;
   std::lock_guard<std::recursive_mutex> hold(readLock);
-  if (static_cast<std::int64_t>(n) * bf::kBlockSize > fileSize) {
-    status = ZoStreamE::StatusPastEnd;
-    return status;
-  }
   unsigned char scratch[bf::kBlockSize];
   unsigned char* target = bf::DataBlockTarget(&block, scratch);
-  if (n == 0 || !file->ReadBlock(n, target)) {
-    status = ZoStreamE::StatusFailed;
-    return status;
-  }
+  if (!ReadBlockBytes(n, target)) return status;
   bf::FinishDataBlock(target, &block);
   // A head that names another block, or has no signature, is damage: a
   // rewrite of it would land on some other block.
@@ -140,13 +148,9 @@ DataBlock* BlockFileCore::AllocDataBlock(DataBlock* reuse) {
 Status BlockFileCore::ReadDirBlock(std::uint32_t n, DirBlock& block, bool* exact) {
   if (status != ZoStreamE::StatusOk) return status;
   std::lock_guard<std::recursive_mutex> hold(readLock);
-  if (static_cast<std::int64_t>(n) * bf::kBlockSize > fileSize) {
-    status = ZoStreamE::StatusPastEnd;
-    return status;
-  }
   unsigned char raw[bf::kBlockSize];
-  if (n == 0 || !file->ReadBlock(n, raw) || !bf::DecodeDirBlock(raw, &block) ||
-      block.blockNumber != n) {
+  if (!ReadBlockBytes(n, raw)) return status;
+  if (!bf::DecodeDirBlock(raw, &block) || block.blockNumber != n) {
     status = ZoStreamE::StatusFailed;
     return status;
   }
