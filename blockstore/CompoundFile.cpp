@@ -94,6 +94,10 @@ bool CompoundFile::Exists(const char* name) const {
   return core_ != nullptr && core_->FindDirEntry(name) != nullptr;
 }
 
+const DirEntry* CompoundFile::FindDirEntry(const char* name) const {
+  return core_ != nullptr ? core_->FindDirEntry(name) : nullptr;
+}
+
 void CompoundFile::Flush() {
   if (core_ != nullptr) core_->FlushDirectory(false);
 }

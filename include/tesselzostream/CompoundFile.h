@@ -71,6 +71,10 @@ class TZ_EXPORT CompoundFile {
   // True when a stream of that name exists; names compare without regard to
   // ASCII case. False for null or over-long names and without a file.
   bool Exists(const char* name) const;
+  // The first entry in use, in directory order, whose name equals `name`
+  // without regard to ASCII case: what a walk with GetFirstDirEntry would
+  // find first, through the name index. Null when there is none.
+  const DirEntry* FindDirEntry(const char* name) const;
 
   // Writes the directory if it changed since it was last written.
   void Flush();

@@ -1,0 +1,53 @@
+// CompoundFileStreamSource: copying stored streams out into working files.
+#include <cstring>
+#include <fstream>
+#include <memory>
+
+#include <boost/filesystem.hpp>
+
+#include "sources/SourceConstants.h"
+#include "tesselzostream/CompoundFileStreamSource.h"
+
+namespace fs = boost::filesystem;
+
+bool CompoundFileStreamSource::ExtractFile(const char* name) const {
+  if (mCompoundFile->GetStatus() != ZoStreamE::StatusOk) return false;
+  std::string path;
+  if (!WorkingFile(name, &path) || path.size() >= tz::kMaxPath) return false;
+  std::unique_ptr<std::basic_iostream<char>> input(mCompoundFile->GetIOStream(name, "rb"));
+  if (input == nullptr) return false;
+
+  bool complete = false;
+  {
+    std::ofstream output(path, std::ios::out | std::ios::trunc | std::ios::binary);
+    if (!output.good()) return false;  // nothing was created or truncated
+    std::unique_ptr<char[]> buffer(new char[tz::kCopyChunk]);
+    std::streamsize count;
+    do {
+      input->read(buffer.get(), tz::kCopyChunk);
+      count = input->gcount();
+      output.write(buffer.get(), count);
+    } while (count == static_cast<std::streamsize>(tz::kCopyChunk));
+    // Flushed here so that a failure of the last bytes is seen too.
+    output.flush();
+    complete = !input->bad() && output.good();
+  }
+  // A fragment must never pass for the stream's new content.
+  if (!complete) {
+    boost::system::error_code ignored;
+    fs::remove(fs::path(path), ignored);
+  }
+  return complete;
+}
+
+bool CompoundFileStreamSource::ExtractAllFiles() const {
+  const boost::shared_ptr<const std::set<std::string>> names = GetFileNames();
+  for (const std::string& name : *names) {
+    std::string path;
+    // A stored stream whose working file would lie outside the folder stays
+    // where it is, in the compound file.
+    if (!WorkingFile(name.c_str(), &path)) continue;
+    if (!ExtractFile(name.c_str())) return false;
+  }
+  return true;
+}

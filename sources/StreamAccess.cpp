@@ -1,0 +1,152 @@
+// CompoundFileStreamSource: access to single streams and the list of names.
+// The working directory comes first: a working file, where there is one, is
+// the stream; only otherwise, and unless the name was deleted, the compound
+// file counts.
+#include <cstring>
+#include <fstream>
+
+#include <boost/filesystem.hpp>
+#include <boost/thread/locks.hpp>
+#include <sys/stat.h>
+
+#include "sources/SourceConstants.h"
+#include "sources/WorkingPath.h"
+#include "tesselzostream/CompoundFileStreamSource.h"
+
+#include <unistd.h>
+
+namespace fs = boost::filesystem;
+
+namespace {
+bool PathExists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
+}  // namespace
+
+bool CompoundFileStreamSource::WorkingFile(const char* name, std::string* path) const {
+  const std::string folder(mDirectoryName != nullptr ? mDirectoryName : "");
+  if (!tz::IsInsideFolder(folder, name)) return false;
+  *path = folder + name;
+  return true;
+}
+
+bool CompoundFileStreamSource::StreamExists(const char* name) const {
+  if (name == nullptr) return false;
+  const std::size_t folderLength = mDirectoryName != nullptr ? std::strlen(mDirectoryName) : 0;
+  if (folderLength + std::strlen(name) >= tz::kMaxPath) return false;
+  std::string path;
+  if (!WorkingFile(name, &path)) return false;
+  if (PathExists(path)) return true;
+  if (mDeletedFiles->count(name) != 0) return false;
+  if (mCompoundFile->GetStatus() != ZoStreamE::StatusOk) return false;
+  return mCompoundFile->Exists(name);
+}
+
+std::basic_istream<char>* CompoundFileStreamSource::GetIStream(const char* name) const {
+  std::string path;
+  if (!WorkingFile(name, &path)) return nullptr;
+  if (!PathExists(path) && mDeletedFiles->count(name) == 0) {
+    if (ExtractFile(name)) mExtractedFiles->insert(name);
+  }
+  const fs::file_status status = fs::status(path);  // throws on a file system error
+  if (!fs::exists(status) || fs::is_directory(status)) return nullptr;
+  std::ifstream* stream = new std::ifstream(path, std::ios::in | std::ios::binary);
+  if (stream->fail()) {
+    delete stream;
+    return nullptr;
+  }
+  return stream;
+}
+
+std::basic_ostream<char>* CompoundFileStreamSource::GetOStream(const char* name) const {
+  std::string path;
+  if (!WorkingFile(name, &path)) return nullptr;
+  mExtractedFiles->erase(name);
+  mTempFiles->erase(name);
+  mDeletedFiles->erase(name);
+  std::ofstream* stream =
+      new std::ofstream(path, std::ios::out | std::ios::trunc | std::ios::binary);
+  if (!stream->good()) {
+    delete stream;
+    return nullptr;
+  }
+  mIsDirty = true;
+  return stream;
+}
+
+std::basic_iostream<char>* CompoundFileStreamSource::GetIOStream(const char* name) const {
+  std::string path;
+  if (!WorkingFile(name, &path)) return nullptr;
+  mExtractedFiles->erase(name);
+  mTempFiles->erase(name);
+  mDeletedFiles->erase(name);
+  if (!PathExists(path)) ExtractFile(name);
+  std::fstream* stream =
+      new std::fstream(path, std::ios::in | std::ios::out | std::ios::binary);
+  if (stream->fail()) {
+    delete stream;
+    return nullptr;
+  }
+  mIsDirty = true;
+  return stream;
+}
+
+std::basic_ostream<char>* CompoundFileStreamSource::GetTempOStream(const char* name) const {
+  const bool wasDirty = mIsDirty;
+  std::basic_ostream<char>* stream = GetOStream(name);
+  if (stream != nullptr) mTempFiles->insert(name);
+  mIsDirty = wasDirty;
+  return stream;
+}
+
+std::basic_iostream<char>* CompoundFileStreamSource::GetTempIOStream(const char* name) const {
+  const bool wasDirty = mIsDirty;
+  std::basic_iostream<char>* stream = GetIOStream(name);
+  if (stream != nullptr) mTempFiles->insert(name);
+  mIsDirty = wasDirty;
+  return stream;
+}
+
+void CompoundFileStreamSource::DeleteSource(const char* name) const {
+  if (!StreamExists(name)) return;
+  std::string path;
+  if (!WorkingFile(name, &path)) return;
+  boost::system::error_code ignored;
+  fs::remove(fs::path(path), ignored);
+  mDeletedFiles->insert(name);
+  mIsDirty = true;
+}
+
+std::uint32_t CompoundFileStreamSource::GetStreamSize(const char* name) const {
+  std::string path;
+  if (!WorkingFile(name, &path)) return 0;
+  if (mDeletedFiles->count(name) != 0) return 0;
+  if (fs::exists(fs::path(path))) {
+    struct stat info;
+    return ::stat(path.c_str(), &info) == 0 ? static_cast<std::uint32_t>(info.st_size) : 0;
+  }
+  const DirEntry* entry = mCompoundFile->FindDirEntry(name);
+  return entry != nullptr ? entry->size : 0;
+}
+
+boost::shared_ptr<const std::set<std::string>> CompoundFileStreamSource::GetFileNames() const {
+  boost::lock_guard<boost::mutex> lock(mFileSetMutex);
+  BuildCurrentFileSet();
+  return mCurrentFileSet;
+}
+
+void CompoundFileStreamSource::BuildCurrentFileSet() const {
+  mCurrentFileSet.reset(new std::set<std::string>());
+  const fs::path folder(mDirectoryName != nullptr ? mDirectoryName : "");
+  for (fs::directory_iterator it(folder), end; it != end; ++it) {
+    if (fs::is_directory(it->status())) continue;
+    std::string leaf = it->path().filename().string();
+    if (mDeletedFiles->count(leaf) == 0) mCurrentFileSet->insert(std::move(leaf));
+  }
+  if (mCompoundFile->GetStatus() != ZoStreamE::StatusOk) return;
+  unsigned long cursor = 0;
+  for (const char* name = mCompoundFile->GetFirstDirName(&cursor); name != nullptr;
+       name = mCompoundFile->GetNextDirName(&cursor)) {
+    if (mDeletedFiles->count(name) == 0) mCurrentFileSet->insert(name);
+  }
+}
+
+ZoStreamSource* CompoundFileStreamSource::GetStreamSource(const char*) const { return nullptr; }

@@ -1,0 +1,24 @@
+// Working-file paths that cannot leave their folder.
+//
+// A working file is the plain concatenation of the working directory's name
+// and a stream name. Stream names come from callers and from compound files,
+// which may be hostile, so every operation on a working file first asks
+// IsInsideFolder: the name must not climb out with "..", must name
+// something below the folder rather than the folder itself, and must not
+// pass through a symbolic link that leads out of the folder.
+#ifndef TESSELZOSTREAM_SOURCES_WORKINGPATH_H_
+#define TESSELZOSTREAM_SOURCES_WORKINGPATH_H_
+
+#include <string>
+
+namespace tz {
+
+// True when `folder` + `name` names a file strictly inside `folder`, as told
+// above. `folder` ends in '/'. Looks at the disk only for the components of
+// the path that exist (one lstat each) and resolves a symbolic link only
+// when it meets one. Never throws.
+bool IsInsideFolder(const std::string& folder, const char* name);
+
+}  // namespace tz
+
+#endif  // TESSELZOSTREAM_SOURCES_WORKINGPATH_H_

@@ -1,0 +1,3 @@
+#include "tesselzostream/ZoStreamSource.h"
+
+ZoStreamSource::~ZoStreamSource() = default;
