@@ -8,6 +8,7 @@
 #include <sstream>
 #include <string>
 
+#include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
 #include "tests/TestUtil.h"

@@ -1,0 +1,157 @@
+// Extraction and copy back: chunk boundaries, order, refusals, a damaged
+// stored stream, and injected write failures.
+#include <boost/filesystem.hpp>
+
+#include "tests/sources/SourceFixture.h"
+
+namespace fs = boost::filesystem;
+using Source = CompoundFileStreamSource;
+
+namespace {
+
+class CopyBackTest : public SourceFixture {};
+
+TEST_F(CopyBackTest, EditingRunEndToEnd) {
+  const std::string big = tztest::Pattern(100000, 7);
+  Store({{"keep", "k"}, {"edit", "e0"}, {"drop", "d"}, {"big", big}});
+  const auto before = tztest::ReadAll(file);
+  {
+    Source source(file.c_str(), work.c_str());
+    ASSERT_EQ(Source::NoError, source.Open(Source::NewDirectory, false));
+    EXPECT_EQ(big, Drain(source.GetIStream("big")));
+    EXPECT_TRUE(Fill(source.GetOStream("edit"), "e1"));
+    source.DeleteSource("drop");
+    EXPECT_TRUE(Fill(source.GetOStream("added"), tztest::Pattern(10241, 3)));
+    // Discarding leaves the file byte for byte.
+    ASSERT_EQ(Source::NoError, source.Close(Source::DiscardChanges, false));
+    EXPECT_EQ(before, tztest::ReadAll(file));
+    EXPECT_FALSE(fs::exists(work));
+  }
+  Source source(file.c_str(), work.c_str());
+  ASSERT_EQ(Source::NoError, source.Open(Source::NewDirectory, false));
+  EXPECT_TRUE(Fill(source.GetOStream("edit"), "e1"));
+  source.DeleteSource("drop");
+  EXPECT_TRUE(Fill(source.GetOStream("added"), tztest::Pattern(10241, 3)));
+  EXPECT_TRUE(Fill(source.GetOStream("exact"), tztest::Pattern(10240, 4)));
+  EXPECT_TRUE(Fill(source.GetOStream("empty"), ""));
+  ASSERT_EQ(Source::NoError, source.Close(Source::SaveChanges, false));
+  const std::map<std::string, std::string> expected = {
+      {"keep", "k"}, {"edit", "e1"}, {"big", big}, {"added", tztest::Pattern(10241, 3)},
+      {"exact", tztest::Pattern(10240, 4)}, {"empty", ""}};
+  EXPECT_EQ(expected, Stored());
+}
+
+TEST_F(CopyBackTest, ChangedFilesGoInAscendingOrderAndOnlyOnce) {
+  Store({});
+  Source source(file.c_str(), work.c_str());
+  ASSERT_EQ(Source::NoError, source.Open(Source::NewDirectory, false));
+  // "b" replaces "B" in the compound file, whose names ignore case.
+  for (const char* name : {"c", "a", "B", "b"}) EXPECT_TRUE(Fill(source.GetOStream(name), name));
+  EXPECT_TRUE(Fill(source.GetOStream("couldnotdelete"), "marker"));
+  fs::create_directory(std::string(source.GetDirectoryName()) + "folder");
+  ASSERT_EQ(Source::NoError, source.CopyToBlockFile(false));
+  EXPECT_FALSE(source.IsDirty());
+  // New entries take directory slots in the order the streams were written.
+  std::vector<std::string> order;
+  {
+    CompoundFile cf;
+    ASSERT_EQ(ZoStreamE::StatusOk, cf.Open(file.c_str(), ZoStreamE::OpenReadOnly));
+    unsigned long cursor = 0;
+    for (const char* n = cf.GetFirstDirName(&cursor); n != nullptr; n = cf.GetNextDirName(&cursor))
+      if (std::string(n) != "zorvanet_block_file_free_list") order.push_back(n);
+  }
+  const std::vector<std::string> expected = {"b", "a", "c"};
+  EXPECT_EQ(expected, order);
+  // Copied files count as extracted: a second run copies nothing.
+  tztest::WriteAll(std::string(source.GetDirectoryName()) + "a", {'z'});
+  ASSERT_EQ(Source::NoError, source.CopyToBlockFile(false));
+  source.Close(Source::DiscardChanges, false);
+  EXPECT_EQ("a", Stored().at("a"));
+}
+
+TEST_F(CopyBackTest, ReadOnlySourceRefusesTheSave) {
+  Store({{"a", "1"}});
+  Source source(file.c_str(), work.c_str());
+  ASSERT_EQ(Source::NoError, source.Open(Source::NewDirectory, true));
+  EXPECT_EQ(Source::CompoundFileNotAvailable, source.CopyToBlockFile(false));
+  EXPECT_TRUE(Fill(source.GetOStream("a"), "2"));
+  EXPECT_EQ(Source::CompoundFileNotAvailable, source.Close(Source::SaveChanges, false));
+  EXPECT_TRUE(fs::exists(work));
+  EXPECT_EQ(Source::NoError, source.Close(Source::DiscardChanges, false));
+  EXPECT_EQ("1", Stored().at("a"));
+}
+
+TEST_F(CopyBackTest, ExtractAllFilesAndItsFailures) {
+  Store({{"a", "1"}, {"b", tztest::Pattern(20480, 9)}});
+  Source source(file.c_str(), work.c_str());
+  ASSERT_EQ(Source::NoError, source.Open(Source::NewDirectory, false));
+  EXPECT_TRUE(Fill(source.GetOStream("a"), "changed"));
+  EXPECT_TRUE(source.ExtractAllFiles());  // rewrites "a" with its stored content
+  EXPECT_EQ("1", Drain(source.GetIStream("a")));
+  EXPECT_EQ(20480u, source.GetStreamSize("b"));
+  EXPECT_TRUE(Fill(source.GetOStream("new"), "n"));
+  EXPECT_FALSE(source.ExtractAllFiles());
+  EXPECT_EQ("n", Drain(source.GetIStream("new")));
+}
+
+TEST_F(CopyBackTest, DamagedStoredStreamLeavesNoFragment) {
+  Store({{"s", tztest::Pattern(5000, 1)}});
+  // The stream's blocks follow the first directory block; break the third.
+  auto bytes = tztest::ReadAll(file);
+  bytes[3 * 1024 + 10] ^= 0xFF;  // inside the signature of block 4
+  tztest::WriteAll(file, bytes);
+  Source source(file.c_str(), work.c_str());
+  ASSERT_EQ(Source::NoError, source.Open(Source::NewDirectory, true));
+  EXPECT_EQ("<null>", Drain(source.GetIStream("s")));
+  EXPECT_FALSE(InWork("s"));
+  source.Close(Source::DiscardChanges, false);
+}
+
+TEST_F(CopyBackTest, FailedWritesLeaveAReadableFile) {
+  // Every write from the n-th on fails, as on a full disk. Afterwards the
+  // file opens, and every stream but the one being copied at the failure
+  // holds its old or its new content. The one in progress has had its old
+  // chain freed, and its blocks may already carry the new chain, so it may
+  // read as anything (copy back has no journal).
+  const std::map<std::string, std::string> before = {
+      {"a", tztest::Pattern(3000, 1)}, {"b", "b0"}, {"c", tztest::Pattern(12000, 2)}};
+  const std::map<std::string, std::string> after = {
+      {"a", "a1"}, {"b", tztest::Pattern(4000, 5)}, {"c", "c1"}};
+  bool reachedClean = false;
+  for (int n = 1; n < 60 && !reachedClean; ++n) {
+    SCOPED_TRACE(n);
+    fs::remove(file);
+    Store(before);
+    tztest::FaultyEnv env;
+    bool failed;
+    {
+      tztest::ScopedEnv scoped(&env);
+      Source source(file.c_str(), work.c_str());
+      ASSERT_EQ(Source::NoError, source.Open(Source::NewDirectory, false));
+      for (const auto& s : after) ASSERT_TRUE(Fill(source.GetOStream(s.first.c_str()), s.second));
+      env.Reset(n);
+      failed = source.CopyToBlockFile(false) != Source::NoError;
+      source.Close(Source::DiscardChanges, false);
+    }
+    // Each stream through a handle of its own: a failed read makes a
+    // handle's status sticky.
+    std::map<std::string, std::string> stored;
+    int damaged = 0;
+    for (const auto& s : before) {
+      CompoundFile cf;
+      ASSERT_EQ(ZoStreamE::StatusOk, cf.Open(file.c_str(), ZoStreamE::OpenReadOnly));
+      bool ok = false;
+      const std::string content = tztest::GetStream(cf, s.first.c_str(), &ok);
+      if (ok) stored[s.first] = content;
+      if (!ok || (content != s.second && content != after.at(s.first))) ++damaged;
+    }
+    EXPECT_LE(damaged, 1);
+    if (!failed && env.writes() < n) {
+      EXPECT_EQ(after, stored);
+      reachedClean = true;
+    }
+  }
+  EXPECT_TRUE(reachedClean);
+}
+
+}  // namespace
