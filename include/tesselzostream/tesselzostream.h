@@ -7,5 +7,6 @@
 #include "tesselzostream/Exception.h"
 #include "tesselzostream/Export.h"
 #include "tesselzostream/Status.h"
+#include "tesselzostream/StreamDirectory.h"
 
 #endif  // TESSELZOSTREAM_TESSELZOSTREAM_H_

@@ -1,0 +1,33 @@
+#include "streamformats/StreamPosition.h"
+
+#include <limits>
+
+#include "utility/ByteIO.h"
+
+namespace tz {
+
+bool GetPosition(std::istream& in, std::uint64_t* position) {
+  if (!in.good()) return false;
+  const std::istream::pos_type here = in.tellg();
+  if (here == std::istream::pos_type(-1)) return false;
+  *position = static_cast<std::uint64_t>(static_cast<std::streamoff>(here));
+  return true;
+}
+
+std::uint32_t PutPosition32(std::ostream& out) {
+  return static_cast<std::uint32_t>(static_cast<std::streamoff>(out.tellp()));
+}
+
+bool StreamEnd(std::istream& in, std::uint64_t here, std::uint64_t* end) {
+  const std::uint64_t left = BytesLeft(in);
+  if (left == std::numeric_limits<std::uint64_t>::max()) return false;
+  *end = here + left;
+  return true;
+}
+
+bool RefuseStream(std::ios& stream) {
+  stream.setstate(std::ios::badbit);
+  return false;
+}
+
+}  // namespace tz

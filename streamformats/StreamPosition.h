@@ -1,0 +1,34 @@
+// Positions of standard streams as the stream formats store and check them.
+//
+// The formats keep stream positions in 32 bits and refuse a stream by
+// setting badbit; these helpers are the one place that does either, so the
+// directories read the same way on files, string streams and block streams.
+#ifndef TESSELZOSTREAM_STREAMFORMATS_STREAMPOSITION_H_
+#define TESSELZOSTREAM_STREAMFORMATS_STREAMPOSITION_H_
+
+#include <cstdint>
+#include <istream>
+#include <ostream>
+
+namespace tz {
+
+// The get position; false for a stream with a state bit set (tellg would
+// add failbit to a stream at its end) or one that cannot tell it. The
+// stream's state is not changed.
+bool GetPosition(std::istream& in, std::uint64_t* position);
+
+// The put position in its low 32 bits, as the formats store it; all ones
+// when the stream cannot tell it.
+std::uint32_t PutPosition32(std::ostream& out);
+
+// The position one behind the last byte of the stream, from the get
+// position `here` (which must be the current one); false when the stream
+// cannot tell its size.
+bool StreamEnd(std::istream& in, std::uint64_t here, std::uint64_t* end);
+
+// Sets badbit and gives false: how a stream format refuses a stream.
+bool RefuseStream(std::ios& stream);
+
+}  // namespace tz
+
+#endif  // TESSELZOSTREAM_STREAMFORMATS_STREAMPOSITION_H_
