@@ -1,0 +1,150 @@
+#include "tesselzostream/OldStreamDirectory.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "streamformats/NamedTable.h"
+#include "streamformats/StreamPosition.h"
+#include "utility/ByteIO.h"
+
+namespace {
+
+constexpr char kMagic[12] = {1, 'S', 't', 'r', 'e', 'a', 'm', 2, 'D', 'i', 'r', 0};
+// The table position, the reserved field and the count: four bytes each.
+constexpr std::uint64_t kField = 4;
+
+}  // namespace
+
+OldOutputStreamDirectory::OldOutputStreamDirectory(std::ostream& out)
+    : tablePosition(0), stream(&out), closed(false) {
+  WriteBytes(kMagic, sizeof kMagic, out);
+  tablePosition = tz::PutPosition32(out);
+  const std::uint32_t zeros[2] = {0, 0};  // table position, reserved
+  WriteFourBytes(zeros, 2, out);
+}
+
+OldOutputStreamDirectory::~OldOutputStreamDirectory() { Close(); }
+
+std::ostream& OldOutputStreamDirectory::GetOutput(const char* name) {
+  if (closed || name == nullptr) {
+    tz::RefuseStream(*stream);
+    return *stream;
+  }
+  const NamedEntry entry = tz::MakeNamedEntry(name, tz::PutPosition32(*stream));
+  if (!entries.empty() && entries.back().offset == entry.offset) {
+    entries.back() = entry;  // nothing written since: the new name takes it over
+  } else {
+    entries.push_back(entry);
+  }
+  return *stream;
+}
+
+void OldOutputStreamDirectory::Close() {
+  if (closed) return;
+  closed = true;
+  const std::uint32_t tableAt = tz::PutPosition32(*stream);
+  if (!entries.empty() && entries.back().offset == tableAt) entries.pop_back();
+  // Stable, so entries of one name keep their writing order.
+  std::stable_sort(entries.begin(), entries.end(), tz::NamedEntryBefore);
+  const std::uint32_t count = static_cast<std::uint32_t>(entries.size());
+  WriteFourBytes(&count, 1, *stream);
+  const std::string table = tz::EncodeNamedEntries(entries);
+  WriteBytes(table.data(), table.size(), *stream);
+  const std::uint32_t end = tz::PutPosition32(*stream);
+  stream->seekp(tablePosition);
+  WriteFourBytes(&tableAt, 1, *stream);
+  stream->seekp(end);
+}
+
+OldInputStreamDirectory::OldInputStreamDirectory() : stream(nullptr), endPosition(0) {}
+
+OldInputStreamDirectory::OldInputStreamDirectory(std::istream& in)
+    : OldInputStreamDirectory() {
+  Open(in);
+}
+
+OldInputStreamDirectory::~OldInputStreamDirectory() { Close(); }
+
+bool OldInputStreamDirectory::CheckMagicString(std::istream& in) {
+  if (in.rdstate() != std::ios::goodbit) return false;
+  char magic[sizeof kMagic];
+  if (!ReadBytes(magic, sizeof magic, in)) return false;
+  return std::equal(magic, magic + sizeof magic, kMagic);
+}
+
+bool OldInputStreamDirectory::IsStreamDirectory(const std::istream& constStream) {
+  // Read and seeked back: the stream is the same afterwards.
+  std::istream& in = const_cast<std::istream&>(constStream);
+  std::uint64_t here;
+  if (!tz::GetPosition(in, &here)) return false;
+  const bool result = CheckMagicString(in);
+  in.clear();
+  in.seekg(static_cast<std::streamoff>(here));
+  return result;
+}
+
+boost::shared_ptr<std::vector<NamedEntry>> OldInputStreamDirectory::ReadTable(
+    std::istream& in, std::uint64_t dataStart, std::uint64_t streamEnd,
+    std::uint32_t tableAt) {
+  boost::shared_ptr<std::vector<NamedEntry>> table;
+  if (tableAt < dataStart || tableAt + kField > streamEnd) return table;
+  std::uint32_t count;
+  in.seekg(tableAt);
+  if (!ReadFourBytes(&count, 1, in) ||
+      count > (streamEnd - tableAt - kField) / tz::kNamedEntrySize) {
+    return table;
+  }
+  std::vector<unsigned char> stored(std::size_t{count} * tz::kNamedEntrySize);
+  if (!ReadBytes(stored.data(), stored.size(), in)) return table;
+  table.reset(new std::vector<NamedEntry>());
+  table->reserve(count);
+  for (std::size_t i = 0; i < count; ++i) {
+    const NamedEntry entry = tz::DecodeNamedEntry(&stored[i * tz::kNamedEntrySize]);
+    if (entry.offset < dataStart || entry.offset > tableAt) {
+      table.reset();
+      return table;
+    }
+    table->push_back(entry);
+  }
+  // Tables written here are sorted already; the search must not depend on it.
+  std::stable_sort(table->begin(), table->end(), tz::NamedEntryBefore);
+  return table;
+}
+
+bool OldInputStreamDirectory::Open(std::istream& in) {
+  if (entries) return false;
+  std::uint64_t afterMagic;
+  std::uint32_t tableAt;
+  std::uint64_t streamEnd;
+  if (!CheckMagicString(in) || !tz::GetPosition(in, &afterMagic) ||
+      !ReadFourBytes(&tableAt, 1, in) || !tz::StreamEnd(in, afterMagic + kField, &streamEnd)) {
+    return tz::RefuseStream(in);
+  }
+  boost::shared_ptr<std::vector<NamedEntry>> table =
+      ReadTable(in, afterMagic + 2 * kField, streamEnd, tableAt);
+  if (!table) return tz::RefuseStream(in);
+  entries = table;
+  endPosition = static_cast<std::uint32_t>(tableAt + kField + entries->size() * tz::kNamedEntrySize);
+  stream = &in;
+  return true;
+}
+
+std::istream* OldInputStreamDirectory::GetInput(const char* name) {
+  if (!entries || name == nullptr || stream->rdstate() != std::ios::goodbit) return nullptr;
+  const NamedEntry key = tz::MakeNamedEntry(name, 0);
+  const auto found = std::lower_bound(entries->begin(), entries->end(), key, tz::NamedEntryBefore);
+  if (found == entries->end() || std::strcmp(found->name, key.name) != 0) return nullptr;
+  stream->seekg(found->offset);
+  if (stream->fail()) {
+    tz::RefuseStream(*stream);
+    return nullptr;
+  }
+  return stream;
+}
+
+void OldInputStreamDirectory::Close() {
+  if (!entries) return;
+  stream->seekg(endPosition);
+  entries.reset();
+  stream = nullptr;
+}
