@@ -9,5 +9,7 @@
 #include "tesselzostream/OldStreamDirectory.h"
 #include "tesselzostream/Status.h"
 #include "tesselzostream/StreamDirectory.h"
+#include "tesselzostream/ZStreamBase.h"
+#include "tesselzostream/ZoStreamError.h"
 
 #endif  // TESSELZOSTREAM_TESSELZOSTREAM_H_
