@@ -6,6 +6,7 @@
 #include "tesselzostream/DirEntry.h"
 #include "tesselzostream/Exception.h"
 #include "tesselzostream/Export.h"
+#include "tesselzostream/FactoryRepository.h"
 #include "tesselzostream/OldStreamDirectory.h"
 #include "tesselzostream/Status.h"
 #include "tesselzostream/StreamDirectory.h"
