@@ -28,15 +28,9 @@ bool NamedEntryBefore(const NamedEntry& a, const NamedEntry& b) {
   return std::strcmp(a.name, b.name) < 0;  // compares as unsigned char
 }
 
-std::string EncodeNamedEntries(const std::vector<NamedEntry>& entries) {
-  std::string stored(entries.size() * kNamedEntrySize, '\0');
-  auto* out = reinterpret_cast<unsigned char*>(&stored[0]);
-  for (const NamedEntry& entry : entries) {
-    EncodeFixed32(out, entry.offset);
-    std::memcpy(out + 4, entry.name, kNameField);
-    out += kNamedEntrySize;
-  }
-  return stored;
+void EncodeNamedEntry(const NamedEntry& entry, unsigned char* stored) {
+  EncodeFixed32(stored, entry.offset);
+  std::memcpy(stored + 4, entry.name, kNameField);
 }
 
 NamedEntry DecodeNamedEntry(const unsigned char* stored) {

@@ -10,8 +10,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
-#include <vector>
 
 #include "tesselzostream/OldStreamDirectory.h"
 
@@ -35,8 +33,12 @@ NamedEntry MakeNamedEntry(const char* name, std::uint32_t offset);
 // (unsigned) up to the terminating zero.
 bool NamedEntryBefore(const NamedEntry& a, const NamedEntry& b);
 
-// The stored form of `entries`, in their order, behind no count.
-std::string EncodeNamedEntries(const std::vector<NamedEntry>& entries);
+// Tables move in chunks of this many entries (4 KiB), so neither side holds
+// a second copy of a large table.
+constexpr std::size_t kEntriesPerChunk = 256;
+
+// The stored form of one entry, kNamedEntrySize bytes at `stored`.
+void EncodeNamedEntry(const NamedEntry& entry, unsigned char* stored);
 
 // One stored entry of kNamedEntrySize bytes; the name is terminated at its
 // last byte whatever that byte holds, and its hash recomputed.

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include <boost/make_shared.hpp>
+
 #include "streamformats/NamedTable.h"
 #include "streamformats/StreamPosition.h"
 #include "utility/ByteIO.h"
@@ -44,12 +46,18 @@ void OldOutputStreamDirectory::Close() {
   closed = true;
   const std::uint32_t tableAt = tz::PutPosition32(*stream);
   if (!entries.empty() && entries.back().offset == tableAt) entries.pop_back();
-  // Stable, so entries of one name keep their writing order.
-  std::stable_sort(entries.begin(), entries.end(), tz::NamedEntryBefore);
+  std::sort(entries.begin(), entries.end(), tz::NamedEntryBefore);
   const std::uint32_t count = static_cast<std::uint32_t>(entries.size());
   WriteFourBytes(&count, 1, *stream);
-  const std::string table = tz::EncodeNamedEntries(entries);
-  WriteBytes(table.data(), table.size(), *stream);
+  unsigned char chunk[tz::kEntriesPerChunk * tz::kNamedEntrySize];
+  for (std::size_t done = 0; done < entries.size();) {
+    const std::size_t n = std::min(tz::kEntriesPerChunk, entries.size() - done);
+    for (std::size_t i = 0; i < n; ++i) {
+      tz::EncodeNamedEntry(entries[done + i], chunk + i * tz::kNamedEntrySize);
+    }
+    WriteBytes(chunk, n * tz::kNamedEntrySize, *stream);
+    done += n;
+  }
   const std::uint32_t end = tz::PutPosition32(*stream);
   stream->seekp(tablePosition);
   WriteFourBytes(&tableAt, 1, *stream);
@@ -86,28 +94,30 @@ bool OldInputStreamDirectory::IsStreamDirectory(const std::istream& constStream)
 boost::shared_ptr<std::vector<NamedEntry>> OldInputStreamDirectory::ReadTable(
     std::istream& in, std::uint64_t dataStart, std::uint64_t streamEnd,
     std::uint32_t tableAt) {
-  boost::shared_ptr<std::vector<NamedEntry>> table;
-  if (tableAt < dataStart || tableAt + kField > streamEnd) return table;
+  if (tableAt < dataStart || tableAt + kField > streamEnd) return {};
   std::uint32_t count;
   in.seekg(tableAt);
   if (!ReadFourBytes(&count, 1, in) ||
       count > (streamEnd - tableAt - kField) / tz::kNamedEntrySize) {
-    return table;
+    return {};
   }
-  std::vector<unsigned char> stored(std::size_t{count} * tz::kNamedEntrySize);
-  if (!ReadBytes(stored.data(), stored.size(), in)) return table;
-  table.reset(new std::vector<NamedEntry>());
+  auto table = boost::make_shared<std::vector<NamedEntry>>();
   table->reserve(count);
-  for (std::size_t i = 0; i < count; ++i) {
-    const NamedEntry entry = tz::DecodeNamedEntry(&stored[i * tz::kNamedEntrySize]);
-    if (entry.offset < dataStart || entry.offset > tableAt) {
-      table.reset();
-      return table;
+  unsigned char chunk[tz::kEntriesPerChunk * tz::kNamedEntrySize];
+  while (table->size() < count) {
+    const std::size_t n = std::min<std::size_t>(tz::kEntriesPerChunk, count - table->size());
+    if (!ReadBytes(chunk, n * tz::kNamedEntrySize, in)) return {};
+    for (std::size_t i = 0; i < n; ++i) {
+      const NamedEntry entry = tz::DecodeNamedEntry(chunk + i * tz::kNamedEntrySize);
+      if (entry.offset < dataStart || entry.offset > tableAt) return {};
+      table->push_back(entry);
     }
-    table->push_back(entry);
   }
-  // Tables written here are sorted already; the search must not depend on it.
-  std::stable_sort(table->begin(), table->end(), tz::NamedEntryBefore);
+  // Tables written here are sorted already, which costs one pass to see;
+  // the search must not depend on it.
+  if (!std::is_sorted(table->begin(), table->end(), tz::NamedEntryBefore)) {
+    std::sort(table->begin(), table->end(), tz::NamedEntryBefore);
+  }
   return table;
 }
 
