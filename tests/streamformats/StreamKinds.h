@@ -1,10 +1,11 @@
-// Seekable streams of the three kinds the stream formats must lay out alike:
-// a string stream, a plain file and a block stream of a compound file.
+// Helpers of the stream format tests: seekable streams of the three kinds
+// that the formats must lay out alike, and byte-string shorthands.
 #ifndef TESSELZOSTREAM_TESTS_STREAMFORMATS_STREAMKINDS_H_
 #define TESSELZOSTREAM_TESTS_STREAMFORMATS_STREAMKINDS_H_
 
-#include <iosfwd>
+#include <initializer_list>
 #include <memory>
+#include <sstream>
 #include <string>
 
 #include <tesselzostream/tesselzostream.h>
@@ -14,16 +15,16 @@
 namespace tztest {
 
 enum class StreamKind { String, File, Block };
+constexpr StreamKind kAllKinds[] = {StreamKind::String, StreamKind::File, StreamKind::Block};
 const char* KindName(StreamKind kind);
 
-// One empty read-write stream of the given kind, alive as long as this.
+// One empty read-write stream of the given kind (a block stream is a "wb"
+// stream of a compound file), alive as long as this object.
 class AnyStream {
  public:
   explicit AnyStream(StreamKind kind);
   ~AnyStream();
   std::iostream& stream() { return *stream_; }
-  // The block stream's compound file; closed for the other kinds.
-  CompoundFile& file() { return file_; }
 
  private:
   ScratchDir dir_;
@@ -35,8 +36,22 @@ class AnyStream {
 // position left at the start.
 std::string Contents(std::iostream& stream);
 
-// A string stream opened for reading and writing binary data.
-std::unique_ptr<std::stringstream> StringStream(const std::string& bytes = std::string());
+inline std::unique_ptr<std::stringstream> StringStream(const std::string& bytes) {
+  return std::make_unique<std::stringstream>(bytes, std::ios::in | std::ios::out | std::ios::binary);
+}
+inline std::string Bytes(std::initializer_list<int> bytes) {
+  return std::string(bytes.begin(), bytes.end());
+}
+// `bytes` with `put` written over them from offset `at`.
+inline std::string Patched(std::string bytes, std::size_t at, std::initializer_list<int> put) {
+  return bytes.replace(at, put.size(), Bytes(put));
+}
+// Up to `n` bytes read from the stream.
+inline std::string ReadN(std::istream& in, std::size_t n) {
+  std::string s(n, '\0');
+  s.resize(static_cast<std::size_t>(in.read(&s[0], static_cast<std::streamsize>(n)).gcount()));
+  return s;
+}
 
 }  // namespace tztest
 
