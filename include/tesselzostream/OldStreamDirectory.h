@@ -19,10 +19,11 @@
 //                 first byte, 12 bytes name (at most 11 characters,
 //                 zero-filled)
 // The item ends at D + 4 + 16 * count. Positions are the stream's own
-// (tellp), low 32 bits, not relative to P. The table is sorted by the
-// 32-bit hash of the name (unsigned), then by the name's bytes (unsigned);
-// the hash is not stored but recomputed. Names longer than 11 characters
-// are cut to 11, when written and when looked up.
+// (tellp), low 32 bits, not relative to P; a directory beyond the first
+// 4 GiB of a stream cannot be told from damage and is refused. The table
+// is sorted by the 32-bit hash of the name (unsigned), then by the name's
+// bytes (unsigned); the hash is not stored but recomputed. Names longer than
+// 11 characters are cut to 11, when written and when looked up.
 //
 // Invariants of a table the reader takes (checked at Open, so a damaged or
 // hostile stream never makes it allocate beyond the stream's size or seek

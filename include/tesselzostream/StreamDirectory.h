@@ -19,8 +19,10 @@
 //                     sub-stream
 //   P + 10 + 6N       the sub-streams, in the order they were written
 // Positions are the stream's own (tellp), low 32 bits, not relative to P, so
-// a directory may follow other data. The slots from count to N - 1 mean
-// nothing. Until Close the head reads count = N and end position P + 2.
+// a directory may follow other data; one that ends beyond the first 4 GiB
+// of a stream cannot be told from damage and is refused. The slots from
+// count to N - 1 mean nothing. Until Close the head reads count = N and end
+// position P + 2.
 //
 // Invariants of a closed directory, which the reader checks before it takes
 // a table (so a damaged or hostile stream never makes it seek outside the
