@@ -6,7 +6,7 @@
 #include <boost/make_shared.hpp>
 
 #include "streamformats/NamedTable.h"
-#include "streamformats/StreamPosition.h"
+#include "streamformats/FormatIO.h"
 #include "utility/ByteIO.h"
 
 namespace {
@@ -74,10 +74,7 @@ OldInputStreamDirectory::OldInputStreamDirectory(std::istream& in)
 OldInputStreamDirectory::~OldInputStreamDirectory() { Close(); }
 
 bool OldInputStreamDirectory::CheckMagicString(std::istream& in) {
-  if (in.rdstate() != std::ios::goodbit) return false;
-  char magic[sizeof kMagic];
-  if (!ReadBytes(magic, sizeof magic, in)) return false;
-  return std::equal(magic, magic + sizeof magic, kMagic);
+  return tz::ReadMagic(in, kMagic, sizeof kMagic);
 }
 
 bool OldInputStreamDirectory::IsStreamDirectory(const std::istream& constStream) {

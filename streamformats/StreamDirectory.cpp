@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "streamformats/StreamPosition.h"
+#include "streamformats/FormatIO.h"
 #include "utility/ByteIO.h"
 
 namespace {
@@ -93,10 +93,7 @@ InputStreamDirectory::InputStreamDirectory(std::istream& in)
 InputStreamDirectory::~InputStreamDirectory() { Close(); }
 
 bool InputStreamDirectory::CheckMagicString(std::istream& in) {
-  if (in.rdstate() != std::ios::goodbit) return false;
-  char magic[sizeof kMagic];
-  if (!ReadBytes(magic, sizeof magic, in)) return false;
-  return std::equal(magic, magic + sizeof magic, kMagic);
+  return tz::ReadMagic(in, kMagic, sizeof kMagic);
 }
 
 bool InputStreamDirectory::ReadOffsetIDVector(std::istream& in, std::uint16_t& slots) {

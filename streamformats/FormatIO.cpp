@@ -1,5 +1,6 @@
-#include "streamformats/StreamPosition.h"
+#include "streamformats/FormatIO.h"
 
+#include <algorithm>
 #include <limits>
 
 #include "utility/ByteIO.h"
@@ -23,6 +24,12 @@ bool StreamEnd(std::istream& in, std::uint64_t here, std::uint64_t* end) {
   if (left == std::numeric_limits<std::uint64_t>::max()) return false;
   *end = here + left;
   return true;
+}
+
+bool ReadMagic(std::istream& in, const char* magic, std::size_t size) {
+  char stored[16];
+  if (in.rdstate() != std::ios::goodbit || size > sizeof stored) return false;
+  return ReadBytes(stored, size, in) && std::equal(stored, stored + size, magic);
 }
 
 bool RefuseStream(std::ios& stream) {

@@ -1,11 +1,13 @@
-// Positions of standard streams as the stream formats store and check them.
+// Stream helpers shared by the stream formats: positions as the formats
+// store and check them, magic tests, and the way a format refuses a stream.
 //
 // The formats keep stream positions in 32 bits and refuse a stream by
 // setting badbit; these helpers are the one place that does either, so the
 // directories read the same way on files, string streams and block streams.
-#ifndef TESSELZOSTREAM_STREAMFORMATS_STREAMPOSITION_H_
-#define TESSELZOSTREAM_STREAMFORMATS_STREAMPOSITION_H_
+#ifndef TESSELZOSTREAM_STREAMFORMATS_FORMATIO_H_
+#define TESSELZOSTREAM_STREAMFORMATS_FORMATIO_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <istream>
 #include <ostream>
@@ -26,9 +28,14 @@ std::uint32_t PutPosition32(std::ostream& out);
 // cannot tell its size.
 bool StreamEnd(std::istream& in, std::uint64_t here, std::uint64_t* end);
 
+// True when the stream has no state bit set and its next `size` bytes are
+// those of `magic`; the bytes are consumed either way. REQUIRES: size <= 16
+// (a longer magic never matches).
+bool ReadMagic(std::istream& in, const char* magic, std::size_t size);
+
 // Sets badbit and gives false: how a stream format refuses a stream.
 bool RefuseStream(std::ios& stream);
 
 }  // namespace tz
 
-#endif  // TESSELZOSTREAM_STREAMFORMATS_STREAMPOSITION_H_
+#endif  // TESSELZOSTREAM_STREAMFORMATS_FORMATIO_H_
