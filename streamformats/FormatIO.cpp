@@ -16,7 +16,21 @@ bool GetPosition(std::istream& in, std::uint64_t* position) {
 }
 
 std::uint32_t PutPosition32(std::ostream& out) {
-  return static_cast<std::uint32_t>(static_cast<std::streamoff>(out.tellp()));
+  std::ostream::pos_type here(-1);
+  try {
+    here = out.tellp();
+  } catch (const std::ios_base::failure&) {
+    out.setstate(std::ios::badbit);
+  }
+  return static_cast<std::uint32_t>(static_cast<std::streamoff>(here));
+}
+
+void SeekPut(std::ostream& out, std::uint32_t position) {
+  try {
+    out.seekp(position);
+  } catch (const std::ios_base::failure&) {
+    out.setstate(std::ios::badbit);
+  }
 }
 
 bool StreamEnd(std::istream& in, std::uint64_t here, std::uint64_t* end) {

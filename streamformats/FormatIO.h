@@ -20,8 +20,15 @@ namespace tz {
 bool GetPosition(std::istream& in, std::uint64_t* position);
 
 // The put position in its low 32 bits, as the formats store it; all ones
-// when the stream cannot tell it.
+// when the stream cannot tell it. The standard output stream passes on what
+// its buffer throws from a seek (a block stream of a failed compound file
+// does); that becomes badbit here, so writers report by the stream's state
+// alone and may close from destructors.
 std::uint32_t PutPosition32(std::ostream& out);
+
+// seekp to `position`, with a throw of the stream's buffer turned into
+// badbit as above.
+void SeekPut(std::ostream& out, std::uint32_t position);
 
 // The position one behind the last byte of the stream, from the get
 // position `here` (which must be the current one); false when the stream

@@ -25,7 +25,14 @@ OldOutputStreamDirectory::OldOutputStreamDirectory(std::ostream& out)
   WriteFourBytes(zeros, 2, out);
 }
 
-OldOutputStreamDirectory::~OldOutputStreamDirectory() { Close(); }
+OldOutputStreamDirectory::~OldOutputStreamDirectory() {
+  try {
+    Close();
+  } catch (const std::ios_base::failure&) {
+    // Only from a stream whose caller enabled exceptions; its state keeps
+    // the failure.
+  }
+}
 
 std::ostream& OldOutputStreamDirectory::GetOutput(const char* name) {
   if (closed || name == nullptr) {
@@ -59,9 +66,9 @@ void OldOutputStreamDirectory::Close() {
     done += n;
   }
   const std::uint32_t end = tz::PutPosition32(*stream);
-  stream->seekp(tablePosition);
+  tz::SeekPut(*stream, tablePosition);
   WriteFourBytes(&tableAt, 1, *stream);
-  stream->seekp(end);
+  tz::SeekPut(*stream, end);
 }
 
 OldInputStreamDirectory::OldInputStreamDirectory() : stream(nullptr), endPosition(0) {}
@@ -71,7 +78,14 @@ OldInputStreamDirectory::OldInputStreamDirectory(std::istream& in)
   Open(in);
 }
 
-OldInputStreamDirectory::~OldInputStreamDirectory() { Close(); }
+OldInputStreamDirectory::~OldInputStreamDirectory() {
+  try {
+    Close();
+  } catch (const std::ios_base::failure&) {
+    // Only from a stream whose caller enabled exceptions; its state keeps
+    // the failure.
+  }
+}
 
 bool OldInputStreamDirectory::CheckMagicString(std::istream& in) {
   return tz::ReadMagic(in, kMagic, sizeof kMagic);

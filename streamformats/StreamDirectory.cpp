@@ -36,7 +36,14 @@ OutputStreamDirectory::OutputStreamDirectory(std::ostream& out, std::uint16_t sl
   WriteFourBytes(&directoryPosition, 1, out);
 }
 
-OutputStreamDirectory::~OutputStreamDirectory() { Close(); }
+OutputStreamDirectory::~OutputStreamDirectory() {
+  try {
+    Close();
+  } catch (const std::ios_base::failure&) {
+    // Only from a stream whose caller enabled exceptions; its state keeps
+    // the failure.
+  }
+}
 
 std::ostream& OutputStreamDirectory::GetOutput(std::uint16_t id) {
   if (closed) {
@@ -63,10 +70,10 @@ void OutputStreamDirectory::Close() {
   closed = true;
   const std::uint32_t end = tz::PutPosition32(*stream);
   if (count > 0 && offsets[count - 1] == end) --count;  // empty last sub-stream
-  stream->seekp(directoryPosition);
+  tz::SeekPut(*stream, directoryPosition);
   WriteDirectory(*stream);
   WriteFourBytes(&end, 1, *stream);
-  stream->seekp(end);
+  tz::SeekPut(*stream, end);
 }
 
 void OutputStreamDirectory::WriteDirectory(std::ostream& out) {
@@ -90,7 +97,14 @@ InputStreamDirectory::InputStreamDirectory(std::istream& in)
   Open(in);
 }
 
-InputStreamDirectory::~InputStreamDirectory() { Close(); }
+InputStreamDirectory::~InputStreamDirectory() {
+  try {
+    Close();
+  } catch (const std::ios_base::failure&) {
+    // Only from a stream whose caller enabled exceptions; its state keeps
+    // the failure.
+  }
+}
 
 bool InputStreamDirectory::CheckMagicString(std::istream& in) {
   return tz::ReadMagic(in, kMagic, sizeof kMagic);

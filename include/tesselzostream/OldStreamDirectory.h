@@ -43,7 +43,8 @@
 //
 // Reporting: bool, null and the stream's state bits; nothing is thrown here
 // beyond std::bad_alloc (and what the stream throws if the caller enabled
-// exceptions on it).
+// exceptions on it). A stream buffer that throws from a seek, as a block
+// stream of a failed compound file does, leaves the stream with badbit.
 #ifndef TESSELZOSTREAM_OLDSTREAMDIRECTORY_H_
 #define TESSELZOSTREAM_OLDSTREAMDIRECTORY_H_
 
@@ -72,7 +73,8 @@ class TZ_EXPORT OldOutputStreamDirectory {
   // and appends its own table, and the head names the last one closed.
   OldOutputStreamDirectory(const OldOutputStreamDirectory&) = default;
   OldOutputStreamDirectory& operator=(const OldOutputStreamDirectory&) = delete;
-  // Runs Close.
+  // Runs Close and never throws: a failure shows in the stream's state
+  // only, also on a stream with exceptions enabled.
   ~OldOutputStreamDirectory();
 
   // Starts the sub-stream `name` (cut to 11 characters) at the stream's
@@ -106,7 +108,8 @@ class TZ_EXPORT OldInputStreamDirectory {
   // Copies share the stream and the table.
   OldInputStreamDirectory(const OldInputStreamDirectory&) = default;
   OldInputStreamDirectory& operator=(const OldInputStreamDirectory&) = default;
-  // Runs Close.
+  // Runs Close and never throws: a failure shows in the stream's state
+  // only, also on a stream with exceptions enabled.
   ~OldInputStreamDirectory();
 
   // Reads the head and the table at the stream's position. True when the

@@ -38,7 +38,9 @@
 // time.
 //
 // Reporting: bool, null and the stream's state bits; nothing is thrown here
-// (the stream itself may throw if the caller enabled exceptions on it).
+// (the stream itself may throw if the caller enabled exceptions on it). A
+// stream buffer that throws from a seek, as a block stream of a failed
+// compound file does, leaves the stream with badbit.
 #ifndef TESSELZOSTREAM_STREAMDIRECTORY_H_
 #define TESSELZOSTREAM_STREAMDIRECTORY_H_
 
@@ -58,7 +60,8 @@ class TZ_EXPORT OutputStreamDirectory {
   // A capacity above kMaxSlots is refused: nothing is written, badbit is set
   // on the stream, and the directory counts as closed.
   OutputStreamDirectory(std::ostream& stream, std::uint16_t capacity);
-  // Runs Close.
+  // Runs Close and never throws: a failure shows in the stream's state
+  // only, also on a stream with exceptions enabled.
   ~OutputStreamDirectory();
   OutputStreamDirectory(const OutputStreamDirectory&) = delete;
   OutputStreamDirectory& operator=(const OutputStreamDirectory&) = delete;
@@ -93,7 +96,8 @@ class TZ_EXPORT InputStreamDirectory {
   // Clears the fields and runs Open; its result shows in the stream's state
   // and in what GetInput gives.
   explicit InputStreamDirectory(std::istream& stream);
-  // Runs Close.
+  // Runs Close and never throws: a failure shows in the stream's state
+  // only, also on a stream with exceptions enabled.
   ~InputStreamDirectory();
   // Copies work on the same stream; Close of either moves it.
   InputStreamDirectory(const InputStreamDirectory&) = default;

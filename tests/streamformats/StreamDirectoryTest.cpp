@@ -1,5 +1,6 @@
 // Numbered stream directories: the worked layout on every kind of stream,
 // round trips, the edges of writer and reader, damaged tables.
+#include <tesselzostream/OldStreamDirectory.h>
 #include <tesselzostream/StreamDirectory.h>
 
 #include <algorithm>
@@ -163,4 +164,28 @@ TEST(StreamDirectory, TruncatedOrDamagedTablesAreRefused) {
   InputStreamDirectory dir(any.stream().seekg(0));
   EXPECT_EQ(dir.GetInput(2), nullptr);
   EXPECT_EQ(Contents(any.stream()).size(), kExample.size());
+}
+
+TEST(StreamDirectory, WritersSurviveABlockStreamWhoseFileFailed) {
+  ScratchDir dir;
+  FaultyEnv env;
+  ScopedEnv scoped(&env);
+  CompoundFile file;
+  ASSERT_EQ(file.Open(dir.Path("full.cf").c_str(), ZoStreamE::OpenReadWrite), ZoStreamE::StatusOk);
+  std::unique_ptr<std::iostream> s(file.GetIOStream("items", "wb"));
+  std::unique_ptr<std::iostream> other(file.GetIOStream("other", "wb"));
+  {
+    OutputStreamDirectory numbered(*s, 2);
+    OldOutputStreamDirectory named(*s);
+    numbered.GetOutput(1) << "one";
+    named.GetOutput("a") << "a";
+    env.Reset(1);  // from now on every platform write fails, as on a full disk
+    *other << Pattern(200000, 1) << std::flush;
+    ASSERT_NE(file.GetStatus(), ZoStreamE::StatusOk);
+    numbered.GetOutput(2) << "two";
+  }  // both close on a stream whose device now throws on every seek
+  EXPECT_TRUE(s->bad());
+  other.reset();
+  s.reset();
+  file.Close();
 }
