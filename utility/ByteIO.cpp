@@ -7,10 +7,6 @@
 
 #include "utility/Endian.h"
 
-namespace {
-
-// How many bytes a seekable stream still holds after its get position, or
-// the largest value when that cannot be told.
 std::uint64_t BytesLeft(std::istream& in) {
   const std::istream::pos_type here = in.tellg();
   if (here == std::istream::pos_type(-1)) {
@@ -27,8 +23,6 @@ std::uint64_t BytesLeft(std::istream& in) {
   }
   return static_cast<std::uint64_t>(end - here);
 }
-
-}  // namespace
 
 bool ReadBytes(void* buffer, std::size_t count, std::istream& in) {
   if (count == 0) return static_cast<bool>(in);

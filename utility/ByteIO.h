@@ -22,6 +22,12 @@ bool WriteTwoBytes(const std::uint16_t* items, std::size_t count,
 bool WriteFourBytes(const std::uint32_t* items, std::size_t count,
                     std::ostream& out);
 
+// How many bytes a seekable stream still holds after its get position, or
+// the largest value when that cannot be told. The stream is seeked to its
+// end and back (which clears eofbit); its position stays. Callers bound a
+// count or position read from a stream by it before they allocate or seek.
+std::uint64_t BytesLeft(std::istream& in);
+
 // Writes the text's length (four bytes), then its characters without the
 // terminating zero. REQUIRES: text is not null.
 bool WriteBinaryString(const char* text, std::ostream& out);

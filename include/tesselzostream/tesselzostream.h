@@ -6,7 +6,12 @@
 #include "tesselzostream/DirEntry.h"
 #include "tesselzostream/Exception.h"
 #include "tesselzostream/Export.h"
+#include "tesselzostream/FactoryRepository.h"
+#include "tesselzostream/OldStreamDirectory.h"
 #include "tesselzostream/Status.h"
+#include "tesselzostream/StreamDirectory.h"
+#include "tesselzostream/ZStreamBase.h"
+#include "tesselzostream/ZoStreamError.h"
 #include "tesselzostream/streamsource.h"
 
 #endif  // TESSELZOSTREAM_TESSELZOSTREAM_H_

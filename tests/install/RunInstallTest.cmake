@@ -39,6 +39,12 @@ run(nm -DC --defined-only ${so})
 if(LAST_OUTPUT MATCHES "BlockFileCore|BlockMap|FileServer|ZoIOStream|tz::")
   message(FATAL_ERROR "engine symbols are exported:\n${LAST_OUTPUT}")
 endif()
-if(NOT LAST_OUTPUT MATCHES "CompoundFile::Open")
-  message(FATAL_ERROR "CompoundFile is not exported")
-endif()
+foreach(symbol "CompoundFile::Open" "InputStreamDirectory::GetInput"
+    "OldInputStreamDirectory::IsStreamDirectory" "ZStreamBase::MyStreamableData"
+    "ZStreamLight::CheckMagicStringAndVersionNumber" "ZoStreamError::Clone"
+    "FactoryRepositoryBase::smNameToProductFactoryMap")
+  string(FIND "${LAST_OUTPUT}" "${symbol}" at)
+  if(at EQUAL -1)
+    message(FATAL_ERROR "${symbol} is not exported")
+  endif()
+endforeach()

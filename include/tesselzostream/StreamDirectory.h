@@ -1,0 +1,142 @@
+// OutputStreamDirectory, InputStreamDirectory: sub-streams found by a 16-bit
+// id inside one seekable standard stream.
+//
+// The writer reserves a table of fixed capacity N where it starts, notes
+// where each sub-stream begins while the caller writes, and fills the table
+// in at Close. The reader reads the table and places the stream at the start
+// of a sub-stream on request. Any seekable stream will do: a file, a string
+// stream, a block stream of a compound file. Sub-streams store no length of
+// their own; each carries the caller's framing.
+//
+// Layout from the position P where the writer was constructed (numbers
+// little-endian, two or four bytes):
+//   P            2    the bytes "xA", no terminator
+//   P + 2        2    capacity N, at most kMaxSlots
+//   P + 4        2    count: slots in use
+//   P + 6        2N   ids, ascending (equal ids allowed) in the first count
+//   P + 6 + 2N   4N   offsets: stream positions, offsets[i] belongs to ids[i]
+//   P + 6 + 6N   4    end position: the stream position behind the last
+//                     sub-stream
+//   P + 10 + 6N       the sub-streams, in the order they were written
+// Positions are the stream's own (tellp), low 32 bits, not relative to P, so
+// a directory may follow other data; one that ends beyond the first 4 GiB
+// of a stream cannot be told from damage and is refused. The slots from
+// count to N - 1 mean nothing. Until Close the head reads count = N and end
+// position P + 2.
+//
+// Invariants of a closed directory, which the reader checks before it takes
+// a table (so a damaged or hostile stream never makes it seek outside the
+// stream or overrun its arrays):
+// (1) count <= N <= kMaxSlots.
+// (2) The first count ids ascend.
+// (3) P + 10 + 6N <= each used offset <= end position <= size of the stream.
+//
+// Ownership: neither class owns its stream; the stream must outlive the
+// directory's use of it (until Close or the destructor).
+//
+// Thread safety: none. A directory and its stream belong to one thread at a
+// time.
+//
+// Reporting: bool, null and the stream's state bits; nothing is thrown here
+// (the stream itself may throw if the caller enabled exceptions on it). A
+// stream buffer that throws from a seek, as a block stream of a failed
+// compound file does, leaves the stream with badbit.
+#ifndef TESSELZOSTREAM_STREAMDIRECTORY_H_
+#define TESSELZOSTREAM_STREAMDIRECTORY_H_
+
+#include <cstdint>
+#include <istream>
+#include <ostream>
+
+#include "tesselzostream/Export.h"
+
+class TZ_EXPORT OutputStreamDirectory {
+ public:
+  // The most slots a numbered directory holds.
+  static constexpr std::uint16_t kMaxSlots = 80;
+
+  // Writes the head and an empty table of `capacity` slots at the stream's
+  // position; the stream then stands at the first data byte.
+  // A capacity above kMaxSlots is refused: nothing is written, badbit is set
+  // on the stream, and the directory counts as closed.
+  OutputStreamDirectory(std::ostream& stream, std::uint16_t capacity);
+  // Runs Close and never throws: a failure shows in the stream's state
+  // only, also on a stream with exceptions enabled.
+  ~OutputStreamDirectory();
+  OutputStreamDirectory(const OutputStreamDirectory&) = delete;
+  OutputStreamDirectory& operator=(const OutputStreamDirectory&) = delete;
+
+  // Starts sub-stream `id` at the stream's position and gives the stream to
+  // write it to. If nothing was written since the last GetOutput, that slot
+  // is taken over (its old id is dropped). When all N slots hold data (the
+  // caller asked for more than the capacity) or the directory is closed,
+  // badbit is set on the stream and no slot is taken.
+  std::ostream& GetOutput(std::uint16_t id);
+
+  // Drops a last sub-stream that has no bytes, sorts the slots by id,
+  // rewrites the table and leaves the stream behind the last sub-stream, so
+  // another item may follow. Runs once; later calls do nothing. The state of
+  // the stream is not looked at: a failed write shows in the stream's bits.
+  void Close();
+
+ private:
+  void WriteDirectory(std::ostream& stream);
+
+  std::uint32_t directoryPosition;  // right behind the magic
+  std::ostream* stream;
+  bool closed;
+  std::uint16_t count;
+  std::uint16_t capacity;
+  std::uint32_t offsets[kMaxSlots];
+  std::uint16_t ids[kMaxSlots];
+};
+
+class TZ_EXPORT InputStreamDirectory {
+ public:
+  // Clears the fields and runs Open; its result shows in the stream's state
+  // and in what GetInput gives.
+  explicit InputStreamDirectory(std::istream& stream);
+  // Runs Close and never throws: a failure shows in the stream's state
+  // only, also on a stream with exceptions enabled.
+  ~InputStreamDirectory();
+  // Copies work on the same stream; Close of either moves it.
+  InputStreamDirectory(const InputStreamDirectory&) = default;
+  InputStreamDirectory& operator=(const InputStreamDirectory&) = default;
+
+  // Reads the head and the table at the stream's position. True with the
+  // stream at the first data byte. False when already open (nothing
+  // changes); false with badbit set for a state bit set on entry, a wrong
+  // magic, a short table or one that breaks the invariants above (a
+  // directory that was never closed among them). After false, GetInput
+  // gives null.
+  bool Open(std::istream& stream);
+
+  // The stream, placed at the first byte of sub-stream `id`, or null when
+  // the directory is not open, the stream has a state bit set, or no slot
+  // holds the id (the stream is then untouched). Seeks only when the stream
+  // stands elsewhere; a failed seek sets badbit and gives null. Of two slots
+  // with one id, either may be found.
+  std::istream* GetInput(std::uint16_t id);
+
+  // Places the stream at the end position, behind the directory's data,
+  // so the next item can be read. Does nothing when not open.
+  void Close();
+
+ private:
+  static bool CheckMagicString(std::istream& stream);
+  // Reads capacity, count, ids and offsets; false when the read came up
+  // short or capacity and count break invariant (1).
+  bool ReadOffsetIDVector(std::istream& stream, std::uint16_t& capacity);
+  // Invariants (2) and (3); `tableStart` is P.
+  bool TableIsSound(std::istream& stream, std::uint64_t tableStart,
+                    std::uint16_t capacity) const;
+
+  std::istream* stream;
+  std::uint32_t endPosition;
+  std::uint16_t count;
+  std::uint16_t ids[OutputStreamDirectory::kMaxSlots];
+  std::uint32_t offsets[OutputStreamDirectory::kMaxSlots];
+  bool isOpen;
+};
+
+#endif  // TESSELZOSTREAM_STREAMDIRECTORY_H_

@@ -1,0 +1,28 @@
+// ZoStreamError: the exception class of the stream classes, for the
+// application.
+//
+// The library itself never throws it; applications throw it from their own
+// stream code and catch it as Exception or std::exception as well. It adds
+// no state to Exception: what() gives the text.
+#ifndef TESSELZOSTREAM_ZOSTREAMERROR_H_
+#define TESSELZOSTREAM_ZOSTREAMERROR_H_
+
+#include <string>
+
+#include "tesselzostream/Exception.h"
+#include "tesselzostream/Export.h"
+
+class TZ_EXPORT ZoStreamError : public Exception {
+ public:
+  ZoStreamError();
+  explicit ZoStreamError(const std::string& text);
+  ZoStreamError(const ZoStreamError& other);
+  ZoStreamError& operator=(const ZoStreamError& other);
+  ~ZoStreamError() override;
+
+  // A copy on the heap, of the most derived class that overrides Clone,
+  // owned by the caller (delete); null when no memory could be had.
+  virtual ZoStreamError* Clone() const;
+};
+
+#endif  // TESSELZOSTREAM_ZOSTREAMERROR_H_
