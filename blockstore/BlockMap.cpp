@@ -1,5 +1,6 @@
 #include "blockstore/BlockMap.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -11,6 +12,7 @@ BlockMap::BlockMap() { Reset(); }
 
 void BlockMap::Reset() {
   table_.reset();
+  room_ = 0;
   capacity_ = 0;
   highest_ = 0;
   nextFree_ = 1;
@@ -23,14 +25,19 @@ void BlockMap::Grow(std::int32_t n) {
                            : static_cast<std::int64_t>(capacity_) * 2;
   if (grown < n) grown = static_cast<std::int64_t>(n) + 10;
   const std::int32_t newCapacity = static_cast<std::int32_t>(grown);
-  std::unique_ptr<std::uint8_t[]> table(new std::uint8_t[static_cast<std::size_t>(newCapacity) + 1]);
-  std::int32_t kept = 0;
-  if (table_) {
-    kept = highest_ + 1;
-    std::memcpy(table.get(), table_.get(), static_cast<std::size_t>(kept));
+  const std::size_t needed = static_cast<std::size_t>(newCapacity) + 1;
+  if (needed > room_) {
+    const std::size_t room = std::max(needed, 2 * room_);
+    std::unique_ptr<std::uint8_t[]> table(new std::uint8_t[room]);
+    std::size_t kept = 0;
+    if (table_) {
+      kept = static_cast<std::size_t>(highest_) + 1;
+      std::memcpy(table.get(), table_.get(), kept);
+    }
+    std::memset(table.get() + kept, 0, room - kept);
+    table_ = std::move(table);
+    room_ = room;
   }
-  std::memset(table.get() + kept, 0, static_cast<std::size_t>(newCapacity + 1 - kept));
-  table_ = std::move(table);
   capacity_ = newCapacity;
 }
 
@@ -60,6 +67,7 @@ std::int32_t BlockMap::AllocBlock() {
 
 void BlockMap::AdoptTable(std::unique_ptr<std::uint8_t[]> table, std::int32_t h) {
   table_ = std::move(table);
+  room_ = static_cast<std::size_t>(h) + 1;
   capacity_ = h;
   highest_ = h;
   nextFree_ = 1;

@@ -12,6 +12,10 @@
 //     highest when no known block is free.
 // (3) Capacity doubles up to 10000 and grows by 10000 above that, or to a
 //     request + 10 when the step falls short.
+// (4) The storage behind the table (room_ bytes) is at least capacity + 1
+//     and grows geometrically, so that a file of n blocks costs O(n) copying
+//     whatever steps the capacity takes; bytes above highest are 0 in all of
+//     it.
 //
 // Thread safety: none; the engine's writer owns it.
 #ifndef TESSELZOSTREAM_BLOCKSTORE_BLOCKMAP_H_
@@ -50,6 +54,7 @@ class BlockMap {
 
  private:
   std::unique_ptr<std::uint8_t[]> table_;
+  std::size_t room_ = 0;  // bytes allocated behind table_
   std::int32_t capacity_;
   std::int32_t highest_;
   std::int32_t nextFree_;

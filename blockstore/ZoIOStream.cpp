@@ -22,6 +22,10 @@ ZoIOStreamDevice::ZoIOException::ZoIOException(const std::string& message)
 ZoIOStreamDevice::Data::Data(BlockFileCore* c, DirEntry* e, int m)
     : core(c), entry(e), slot(c->SlotOf(e)), mode(m) {
   core->Retain();
+  // The chain's length is known from the size; the list takes it in one
+  // allocation (bounded by the file, whatever the size field claims).
+  blockNumbers.reserve(std::min<std::size_t>(entry->size / kPayload + 1,
+                                             static_cast<std::size_t>(core->BlockCount()) + 1));
   current = core->LoadDataBlock(entry->firstBlock);
   if (current != nullptr) blockNumbers.push_back(current->blockNumber);
   spare = new bf::DataBlock;
@@ -199,8 +203,47 @@ bool ZoIOStreamDevice::flush() {
   return true;
 }
 
-ZoIOStream::ZoIOStream(BlockFileCore* core, DirEntry* entry, int mode) : entry_(entry) {
-  open(ZoIOStreamDevice(core, entry, mode), kBufferSize, kPutbackSize);
+std::streamsize ZoIOStreamBuffer::xsgetn(char* s, std::streamsize n) {
+  if (n < ZoIOStream::kBufferSize) return stream_buffer::xsgetn(s, n);
+  std::streamsize done = 0;
+  // Enter reading the buffered way (this writes out pending output and
+  // fills the buffer once), then serve what the buffer holds.
+  if (gptr() == nullptr && traits_type::eq_int_type(underflow(), traits_type::eof())) return 0;
+  const std::streamsize held = std::min<std::streamsize>(n, egptr() - gptr());
+  traits_type::copy(s, gptr(), static_cast<std::size_t>(held));
+  gbump(static_cast<int>(held));
+  done = held;
+  if (done == n) return done;
+  // The buffer is empty and the device stands at the stream's position.
+  const std::streamsize got = (**this).read(s + done, n - done);
+  if (got > 0) {
+    done += got;
+    // Keep the last characters read for putback, as a refill would.
+    const std::streamsize keep = std::min(done, ZoIOStream::kPutbackSize);
+    char* const start = eback() + ZoIOStream::kPutbackSize;
+    traits_type::copy(start - keep, s + done - keep, static_cast<std::size_t>(keep));
+    setg(start - keep, start, start);
+  }
+  return done;
+}
+
+std::streamsize ZoIOStreamBuffer::xsputn(const char* s, std::streamsize n) {
+  if (n < ZoIOStream::kBufferSize) return stream_buffer::xsputn(s, n);
+  // Enter writing the buffered way (a pending read position is given back
+  // to the device), then write out what the buffer holds.
+  overflow(traits_type::eof());
+  const std::streamsize pending = pptr() - pbase();
+  if (pending > 0) {
+    if ((**this).write(pbase(), pending) != pending) return 0;
+    setp(pbase(), epptr());
+  }
+  return (**this).write(s, n);
+}
+
+ZoIOStream::ZoIOStream(BlockFileCore* core, DirEntry* entry, int mode)
+    : std::basic_iostream<char>(nullptr), entry_(entry) {
+  buffer_.open(ZoIOStreamDevice(core, entry, mode), kBufferSize, kPutbackSize);
+  rdbuf(&buffer_);
   if ((mode & kModeBinary) == 0 || core->status != ZoStreamE::StatusOk) {
     setstate(std::ios_base::badbit);
   }

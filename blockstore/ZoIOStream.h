@@ -36,12 +36,13 @@
 
 #include <cstdint>
 #include <ios>
+#include <istream>
 #include <string>
 #include <vector>
 
 #include <boost/iostreams/categories.hpp>
 #include <boost/iostreams/positioning.hpp>
-#include <boost/iostreams/stream.hpp>
+#include <boost/iostreams/stream_buffer.hpp>
 #include <boost/shared_ptr.hpp>
 
 #include "blockstore/BlockFormat.h"
@@ -104,7 +105,19 @@ class ZoIOStreamDevice {
   boost::shared_ptr<Data> data_;
 };
 
-class ZoIOStream : public boost::iostreams::stream<ZoIOStreamDevice> {
+// The stream buffer of a block stream: the library's seekable buffer of
+// 10240 bytes with a putback of 4, except that a read or write of at least a
+// whole buffer goes straight between the caller's memory and the device
+// once what the buffer holds has been served or written out. The bytes, the
+// position, the putback of the last characters read and every stream state
+// are what the buffered path gives; only a copy is saved.
+class ZoIOStreamBuffer : public boost::iostreams::stream_buffer<ZoIOStreamDevice> {
+ protected:
+  std::streamsize xsgetn(char* s, std::streamsize n) override;
+  std::streamsize xsputn(const char* s, std::streamsize n) override;
+};
+
+class ZoIOStream : public std::basic_iostream<char> {
  public:
   static constexpr std::streamsize kBufferSize = 10240;
   static constexpr std::streamsize kPutbackSize = 4;
@@ -115,6 +128,7 @@ class ZoIOStream : public boost::iostreams::stream<ZoIOStreamDevice> {
   const char* GetStreamName() const;
 
  private:
+  ZoIOStreamBuffer buffer_;
   DirEntry* entry_;
 };
 

@@ -102,38 +102,51 @@ TEST_F(StreamTest, ChainsLeftByWrites) {
 }
 
 // Random seeks, reads and writes with chunk sizes that straddle the 1003-byte
-// payload and the 10240-byte stream buffer, mirrored on a std::string.
+// payload and the 10240-byte stream buffer, mirrored on a std::string. A
+// third of the steps go on from where the last one stopped (switching
+// between reading and writing without a seek), and some reads put their last
+// character back and take it again.
 TEST_F(StreamTest, ModelAgainstString) {
   std::mt19937 rng(59023);
   const std::size_t chunks[] = {1, 23, 59, 1002, 1003, 1004, 10239, 10240, 10241, 30000};
   std::string model;
   auto stream = Get("model", "wb");
   std::size_t pos = 0;
+  bool placed = true;  // the stream stands at pos
   for (int step = 0; step < 3000; ++step) {
     const int op = static_cast<int>(rng() % 10);
     const std::size_t n = chunks[rng() % (sizeof chunks / sizeof chunks[0])];
     if (op < 4) {
       const std::string bytes = tztest::Pattern(n, static_cast<std::uint32_t>(step));
-      stream->seekp(static_cast<std::streamoff>(pos));
+      if (!placed || rng() % 3 != 0) stream->seekp(static_cast<std::streamoff>(pos));
       stream->write(bytes.data(), static_cast<std::streamsize>(n));
       if (model.size() < pos + n) model.resize(pos + n, '\0');
       model.replace(pos, n, bytes);
       pos += n;
+      placed = true;
     } else if (op < 7) {
       std::string got(n, '\0');
-      stream->seekg(static_cast<std::streamoff>(pos));
+      if (!placed || rng() % 3 != 0) stream->seekg(static_cast<std::streamoff>(pos));
       stream->read(&got[0], static_cast<std::streamsize>(n));
       const std::size_t expect = pos < model.size() ? std::min(n, model.size() - pos) : 0;
       ASSERT_EQ(static_cast<std::size_t>(stream->gcount()), expect) << "step " << step;
       ASSERT_EQ(got.substr(0, expect), model.substr(pos, expect)) << "step " << step;
       pos += expect;
       stream->clear();
+      if (expect > 0 && rng() % 4 == 0) {
+        ASSERT_TRUE(stream->unget()) << "step " << step;
+        ASSERT_EQ(stream->get(), static_cast<unsigned char>(model[pos - 1])) << "step " << step;
+      }
+      ASSERT_EQ(static_cast<std::size_t>(stream->tellg()), pos) << "step " << step;
+      placed = true;
     } else if (op < 9) {
       pos = model.empty() ? 0 : rng() % (model.size() + 1);
+      placed = false;
     } else {
       stream.reset();  // closing and reopening keeps every byte
       stream = Get("model", "r+b");
       ASSERT_TRUE(stream);
+      placed = false;
     }
     ASSERT_FALSE(stream->bad()) << "step " << step;
   }
