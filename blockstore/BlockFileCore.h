@@ -53,6 +53,7 @@
 
 #include "blockstore/BlockFormat.h"
 #include "blockstore/BlockIO.h"
+#include "utility/PagedArray.h"
 #include "blockstore/BlockMap.h"
 #include "blockstore/DirectoryIndex.h"
 #include "tesselzostream/Status.h"
@@ -96,10 +97,16 @@ class BlockFileCore {
   void Release(const char* streamName);
 
   // --- Blocks (BlockFileCoreBlocks.cpp) ---
-  ZoStreamE::Status ReadDataBlock(std::uint32_t n, DataBlock& block);
+  // A non-null `payload` names the block's 1003 payload bytes elsewhere:
+  // a read delivers them there (deciphered) and leaves block.payload as it
+  // was; a write takes them from there instead of block.payload.
+  ZoStreamE::Status ReadDataBlock(std::uint32_t n, DataBlock& block,
+                                  unsigned char* payload = nullptr);
   DataBlock* LoadDataBlock(std::uint32_t n);  // caller owns; null on failure
-  ZoStreamE::Status WriteDataBlock(const DataBlock& block);
-  ZoStreamE::Status WriteRawDataBlock(const DataBlock& block);
+  ZoStreamE::Status WriteDataBlock(const DataBlock& block,
+                                   const unsigned char* payload = nullptr);
+  ZoStreamE::Status WriteRawDataBlock(const DataBlock& block,
+                                      const unsigned char* payload = nullptr);
   DataBlock* AllocDataBlock(DataBlock* reuse);  // caller owns the result
   // `exact`, when given, tells whether the block encodes back to the very
   // bytes read (false for a text without its zero, which decoding cuts).
@@ -190,7 +197,9 @@ class BlockFileCore {
   void WriteChangedDirBlocks();
   DirEntry* EntryAt(std::uint32_t slot) const;
 
-  bool ReadBlockBytes(std::uint32_t n, unsigned char* out);
+  // Block n's bytes; with a non-null `tail`, bytes from kOffPayload on go
+  // there instead.
+  bool ReadBlockBytes(std::uint32_t n, unsigned char* out, unsigned char* tail = nullptr);
 
   // Helpers of Open and the passes.
   void LoadDirectoryChain(DirBlock* first, bool exact);
@@ -212,7 +221,7 @@ class BlockFileCore {
   // else the block whose link names it (0 while only a directory entry or
   // nothing names it). One number a block, like the block map's byte.
   static constexpr std::uint32_t kNotAllocated = 0xFFFFFFFFu;
-  std::vector<std::uint32_t> linkSource;
+  tz::PagedArray<std::uint32_t> linkSource{kNotAllocated};
   std::vector<bool> isDirBlock;  // by block number
 };
 

@@ -17,25 +17,30 @@ const unsigned char* SkippedBlockBytes(std::uint32_t n, unsigned char* buffer) {
 // The file's bytes of block n, for both block reads (the caller holds
 // readLock). A block beyond the engine's file size sets StatusPastEnd;
 // block 0 or an I/O failure sets StatusFailed.
-bool BlockFileCore::ReadBlockBytes(std::uint32_t n, unsigned char* out) {
+bool BlockFileCore::ReadBlockBytes(std::uint32_t n, unsigned char* out, unsigned char* tail) {
   if (static_cast<std::int64_t>(n) * bf::kBlockSize > fileSize) {
     status = ZoStreamE::StatusPastEnd;
     return false;
   }
-  if (n == 0 || !file->ReadBlock(n, out)) {
+  if (n == 0 || !(tail == nullptr ? file->ReadBlock(n, out)
+                                   : file->ReadBlockSplit(n, out, bf::kOffPayload, tail))) {
     status = ZoStreamE::StatusFailed;
     return false;
   }
   return true;
 }
 
-Status BlockFileCore::ReadDataBlock(std::uint32_t n, DataBlock& block) {
+Status BlockFileCore::ReadDataBlock(std::uint32_t n, DataBlock& block, unsigned char* payload) {
   if (status != ZoStreamE::StatusOk) return status;
   std::lock_guard<std::recursive_mutex> hold(readLock);
   unsigned char scratch[bf::kBlockSize];
   unsigned char* target = bf::DataBlockTarget(&block, scratch);
-  if (!ReadBlockBytes(n, target)) return status;
-  bf::FinishDataBlock(target, &block);
+  if (!ReadBlockBytes(n, target, payload)) return status;
+  if (payload == nullptr) {
+    bf::FinishDataBlock(target, &block);
+  } else {
+    bf::FinishDataHead(target, &block);
+  }
   // A head that names another block, or has no signature, is damage: a
   // rewrite of it would land on some other block.
   if (block.blockNumber != n || !bf::HasSignature(block)) {
@@ -44,7 +49,8 @@ Status BlockFileCore::ReadDataBlock(std::uint32_t n, DataBlock& block) {
   }
   if (IsEncrypted()) {
     if (cipher) {
-      cipher->Decrypt(block.payload, static_cast<unsigned>(CipherLength(block.usedLength)));
+      cipher->Decrypt(payload != nullptr ? payload : block.payload,
+                      static_cast<unsigned>(CipherLength(block.usedLength)));
     } else {
       status = ZoStreamE::StatusPasswordNeeded;
     }
@@ -62,17 +68,18 @@ DataBlock* BlockFileCore::LoadDataBlock(std::uint32_t n) {
   return block;
 }
 
-Status BlockFileCore::WriteDataBlock(const DataBlock& block) {
+Status BlockFileCore::WriteDataBlock(const DataBlock& block, const unsigned char* payload) {
   if (status == ZoStreamE::StatusOk && IsEncrypted()) {
     if (!cipher) {
       status = ZoStreamE::StatusPasswordNeeded;
       return status;
     }
     DataBlock copy = block;
+    if (payload != nullptr) std::memcpy(copy.payload, payload, bf::kPayloadSize);
     cipher->Encrypt(copy.payload, static_cast<unsigned>(CipherLength(copy.usedLength)));
     return WriteRawDataBlock(copy);
   }
-  return WriteRawDataBlock(block);
+  return WriteRawDataBlock(block, payload);
 }
 
 // The steps shared by both block writes: refusals, growth of the file with
@@ -83,6 +90,7 @@ struct BlockWrite {
   std::uint32_t number;
   std::uint8_t inUse;
   const unsigned char* encoded;
+  const unsigned char* payload;  // non-null: the bytes from kOffPayload on
 };
 }  // namespace
 
@@ -111,16 +119,17 @@ static Status WriteBlockBytes(BlockFileCore& core, const BlockWrite& w) {
     return core.status;
   }
   core.blockMap.SetBlock(static_cast<std::int32_t>(n), w.inUse);
-  ok = core.file->WriteBlock(n, w.encoded);
+  ok = w.payload == nullptr ? core.file->WriteBlock(n, w.encoded)
+                            : core.file->WriteBlockSplit(n, w.encoded, bf::kOffPayload, w.payload);
   core.fileSize = std::max<std::int64_t>(core.fileSize, static_cast<std::int64_t>(n) * bf::kBlockSize);
   if (!ok) core.status = ZoStreamE::StatusFailed;
   return core.status;
 }
 
-Status BlockFileCore::WriteRawDataBlock(const DataBlock& block) {
+Status BlockFileCore::WriteRawDataBlock(const DataBlock& block, const unsigned char* payload) {
   unsigned char scratch[bf::kBlockSize];
   const Status result = WriteBlockBytes(
-      *this, {block.blockNumber, block.inUse, bf::DataBlockBytes(block, scratch)});
+      *this, {block.blockNumber, block.inUse, bf::DataBlockBytes(block, scratch), payload});
   if (result == ZoStreamE::StatusOk) MarkIfDirBlock(block.blockNumber);
   return result;
 }
@@ -128,7 +137,7 @@ Status BlockFileCore::WriteRawDataBlock(const DataBlock& block) {
 Status BlockFileCore::WriteDirBlock(const DirBlock& block) {
   unsigned char raw[bf::kBlockSize];
   bf::EncodeDirBlock(block, raw);
-  const Status result = WriteBlockBytes(*this, {block.blockNumber, block.inUse, raw});
+  const Status result = WriteBlockBytes(*this, {block.blockNumber, block.inUse, raw, nullptr});
   if (result == ZoStreamE::StatusOk) DirBlockWritten(block);
   return result;
 }
@@ -139,7 +148,7 @@ DataBlock* BlockFileCore::AllocDataBlock(DataBlock* reuse) {
   block->blockNumber = static_cast<std::uint32_t>(blockMap.AllocBlock());
   block->inUse = 1;
   const std::uint32_t n = block->blockNumber;
-  if (n >= linkSource.size()) linkSource.resize(std::max<std::size_t>(n + 1, 2 * linkSource.size()), kNotAllocated);
+  if (n >= linkSource.size()) linkSource.resize(n + 1);
   linkSource[n] = 0;
   MarkIfDirBlock(n);
   return block;

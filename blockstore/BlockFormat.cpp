@@ -72,6 +72,12 @@ void FinishDataBlock(const unsigned char* target, DataBlock* block) {
   if (target != reinterpret_cast<const unsigned char*>(block)) DecodeDataBlock(target, block);
 }
 
+void FinishDataHead(const unsigned char* target, DataBlock* block) {
+  if (target == reinterpret_cast<const unsigned char*>(block)) return;
+  DecodeHead(target, block);
+  block->usedLength = tz::DecodeFixed16(target + kOffUsedLength);
+}
+
 const unsigned char* DataBlockBytes(const DataBlock& block, unsigned char* scratch) {
   if (kFileLayoutInMemory) return reinterpret_cast<const unsigned char*>(&block);
   EncodeDataBlock(block, scratch);

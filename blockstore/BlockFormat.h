@@ -140,6 +140,9 @@ void DecodeDataBlock(const unsigned char* in, DataBlock* block);
 // encoding in `scratch`.
 unsigned char* DataBlockTarget(DataBlock* block, unsigned char* scratch);
 void FinishDataBlock(const unsigned char* target, DataBlock* block);
+// As FinishDataBlock for a read whose payload went elsewhere: completes the
+// head and usedLength only (the first kOffPayload bytes of `target`).
+void FinishDataHead(const unsigned char* target, DataBlock* block);
 const unsigned char* DataBlockBytes(const DataBlock& block, unsigned char* scratch);
 
 void EncodeDirEntry(const DirEntry& entry, unsigned char* out);

@@ -9,7 +9,7 @@ namespace {
 constexpr std::size_t kBlock = blockformat::kBlockSize;
 // Bytes gathered before a flush. Larger single writes into the page cache
 // gain nothing and were seen to slow down badly on some kernels.
-constexpr std::size_t kMaxPending = 64u << 10;
+constexpr std::size_t kMaxPending = 128u << 10;
 constexpr std::size_t kAheadBlocks = 128;      // one read-ahead run
 }  // namespace
 
@@ -46,14 +46,35 @@ bool BlockIO::ReadAhead(std::uint64_t offset) {
   return true;
 }
 
+namespace {
+// Copies one block's 1024 bytes from `from` into a split destination.
+void Split(const unsigned char* from, unsigned char* head, std::size_t headLength,
+           unsigned char* tail) {
+  std::memcpy(head, from, headLength);
+  if (headLength < kBlock) std::memcpy(tail, from + headLength, kBlock - headLength);
+}
+
+// Copies a split block into 1024 bytes at `to`.
+void Join(const unsigned char* head, std::size_t headLength, const unsigned char* tail,
+          unsigned char* to) {
+  std::memcpy(to, head, headLength);
+  if (headLength < kBlock) std::memcpy(to + headLength, tail, kBlock - headLength);
+}
+}  // namespace
+
 bool BlockIO::ReadBlock(std::uint32_t n, unsigned char* out) {
+  return ReadBlockSplit(n, out, kBlock, nullptr);
+}
+
+bool BlockIO::ReadBlockSplit(std::uint32_t n, unsigned char* head, std::size_t headLength,
+                             unsigned char* tail) {
   if (n == 0) return false;
   const std::uint64_t offset = Offset(n);
   const bool sequential = offset == lastRead_ + kBlock;
   lastRead_ = offset;
   if (!pending_.empty() && offset >= pendingStart_ &&
       offset + kBlock <= pendingStart_ + pending_.size()) {
-    std::memcpy(out, pending_.data() + (offset - pendingStart_), kBlock);
+    Split(pending_.data() + (offset - pendingStart_), head, headLength, tail);
     return true;
   }
   const bool cached = offset >= aheadStart_ &&
@@ -62,26 +83,34 @@ bool BlockIO::ReadBlock(std::uint32_t n, unsigned char* out) {
     if (!ReadAhead(offset)) return false;
   }
   if (offset >= aheadStart_ && offset + kBlock <= aheadStart_ + aheadLength_) {
-    std::memcpy(out, ahead_.data() + (offset - aheadStart_), kBlock);
+    Split(ahead_.data() + (offset - aheadStart_), head, headLength, tail);
     return true;
   }
+  unsigned char block[kBlock];
   std::size_t got = 0;
-  if (!file_->ReadAt(offset, out, kBlock, &got)) return false;
-  OverlayPending(offset, out, got);
-  if (got == kBlock) return true;
-  // The block lies (partly) beyond the disk's end: only the queue has it.
-  return !pending_.empty() && offset >= pendingStart_ &&
-         offset + kBlock <= pendingStart_ + pending_.size();
+  if (!file_->ReadAt(offset, block, kBlock, &got)) return false;
+  OverlayPending(offset, block, got);
+  // A block (partly) beyond the disk's end is whole only in the queue.
+  const bool whole = got == kBlock || (!pending_.empty() && offset >= pendingStart_ &&
+                                       offset + kBlock <= pendingStart_ + pending_.size());
+  if (whole) Split(block, head, headLength, tail);
+  return whole;
 }
 
 bool BlockIO::WriteBlock(std::uint32_t n, const unsigned char* in) {
+  return WriteBlockSplit(n, in, kBlock, nullptr);
+}
+
+bool BlockIO::WriteBlockSplit(std::uint32_t n, const unsigned char* head, std::size_t headLength,
+                              const unsigned char* tail) {
+  const std::size_t tailLength = kBlock - headLength;
   const std::uint64_t offset = Offset(n);
   if (offset >= aheadStart_ && offset < aheadStart_ + aheadLength_) {
-    std::memcpy(ahead_.data() + (offset - aheadStart_), in, kBlock);
+    Join(head, headLength, tail, ahead_.data() + (offset - aheadStart_));
   }
   const std::uint64_t pendingEnd = pendingStart_ + pending_.size();
   if (!pending_.empty() && offset >= pendingStart_ && offset + kBlock <= pendingEnd) {
-    std::memcpy(pending_.data() + (offset - pendingStart_), in, kBlock);
+    Join(head, headLength, tail, pending_.data() + (offset - pendingStart_));
     return true;
   }
   bool ok = true;
@@ -89,7 +118,8 @@ bool BlockIO::WriteBlock(std::uint32_t n, const unsigned char* in) {
     ok = Flush();
   }
   if (pending_.empty()) pendingStart_ = offset;
-  pending_.insert(pending_.end(), in, in + kBlock);
+  pending_.insert(pending_.end(), head, head + headLength);
+  if (tailLength > 0) pending_.insert(pending_.end(), tail, tail + tailLength);
   return ok;
 }
 

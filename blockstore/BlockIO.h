@@ -35,10 +35,17 @@ class BlockIO {
   // Block n (from 1) into out[1024]. False on an I/O error or when the
   // block is not wholly in the file or the write-behind buffer.
   bool ReadBlock(std::uint32_t n, unsigned char* out);
+  // The same, split: the first `headLength` bytes into head, the rest into
+  // tail, so that a payload can go straight to where it is wanted.
+  bool ReadBlockSplit(std::uint32_t n, unsigned char* head, std::size_t headLength,
+                      unsigned char* tail);
 
   // Queues block n (in[1024]) for writing. False when an earlier queued
   // write had to be flushed to make room and failed.
   bool WriteBlock(std::uint32_t n, const unsigned char* in);
+  // The same, from a head of `headLength` bytes and the rest in tail.
+  bool WriteBlockSplit(std::uint32_t n, const unsigned char* head, std::size_t headLength,
+                       const unsigned char* tail);
 
   // Sends queued writes to the file. False when any of them failed; the
   // queue is emptied either way.

@@ -22,10 +22,6 @@ ZoIOStreamDevice::ZoIOException::ZoIOException(const std::string& message)
 ZoIOStreamDevice::Data::Data(BlockFileCore* c, DirEntry* e, int m)
     : core(c), entry(e), slot(c->SlotOf(e)), mode(m) {
   core->Retain();
-  // The chain's length is known from the size; the list takes it in one
-  // allocation (bounded by the file, whatever the size field claims).
-  blockNumbers.reserve(std::min<std::size_t>(entry->size / kPayload + 1,
-                                             static_cast<std::size_t>(core->BlockCount()) + 1));
   current = core->LoadDataBlock(entry->firstBlock);
   if (current != nullptr) blockNumbers.push_back(current->blockNumber);
   spare = new bf::DataBlock;
@@ -52,7 +48,8 @@ void ZoIOStreamDevice::SaveCurrentBlock() {
   if (!d.dirty) return;
   ZoCurrentTimeText(d.entry->modified);
   d.core->EntryChangedAt(d.slot);
-  d.core->WriteDataBlock(*d.current);
+  d.core->WriteDataBlock(*d.current, d.directPayload);
+  d.directPayload = nullptr;
   d.dirty = false;
 }
 
@@ -64,7 +61,11 @@ void ZoIOStreamDevice::SaveCurrentBlock() {
 // more with its new link; the next block is allocated first instead, so the
 // block goes out once, link and all. The file holds the same bytes either
 // way: nothing reaches the disk between the two writes.
-void ZoIOStreamDevice::NextBlock(bool mayGrow) {
+//
+// A non-null `payloadTo` (reading only) receives the next block's payload
+// in place of current->payload, which then still holds the previous one:
+// the caller must consume the whole block and step on before it returns.
+void ZoIOStreamDevice::NextBlock(bool mayGrow, unsigned char* payloadTo) {
   Data& d = *data_;
   // A link that cannot belong to this chain any more ends it: a writer
   // replaces it with a fresh block, a reader has met damage.
@@ -92,7 +93,7 @@ void ZoIOStreamDevice::NextBlock(bool mayGrow) {
       d.core->status = ZoStreamE::StatusFailed;
       return;
     }
-    d.core->ReadDataBlock(d.current->nextBlock, *d.current);
+    d.core->ReadDataBlock(d.current->nextBlock, *d.current, payloadTo);
   }
   ++d.blockIndex;
   if (d.blockNumbers.size() < d.blockIndex) d.blockNumbers.push_back(d.current->blockNumber);
@@ -126,14 +127,20 @@ std::streamsize ZoIOStreamDevice::read(char* s, std::streamsize n) {
   if (static_cast<std::int64_t>(d.position) + n > d.entry->size) n = d.entry->size - d.position;
   if (n == 0) return 0;
   std::streamsize done = 0;
+  bool delivered = false;  // the current block's payload is already in s
   while (done < n) {
     const auto chunk = static_cast<std::uint32_t>(
         std::min<std::streamsize>(n - done, kPayload - d.blockOffset));
-    std::memcpy(s + done, d.current->payload + d.blockOffset, chunk);
+    if (!delivered) std::memcpy(s + done, d.current->payload + d.blockOffset, chunk);
+    delivered = false;
     d.blockOffset += chunk;
     if (d.blockOffset == kPayload) {
-      NextBlock(false);
+      // A block wanted whole is read straight into the caller's memory.
+      unsigned char* to = nullptr;
+      if (n - done - chunk >= kPayload) to = reinterpret_cast<unsigned char*>(s + done + chunk);
+      NextBlock(false, to);
       if (Failed()) throw ZoIOException("Error in ZoIOStreamDevice::read");
+      delivered = to != nullptr;
       d.blockOffset = 0;
     }
     d.position += chunk;
@@ -155,7 +162,12 @@ std::streamsize ZoIOStreamDevice::write(const char* s, std::streamsize n) {
     if (d.current == nullptr) return done;
     const auto chunk = static_cast<std::uint32_t>(
         std::min<std::int64_t>(count - done, kPayload - d.blockOffset));
-    std::memcpy(d.current->payload + d.blockOffset, s + done, chunk);
+    if (chunk == kPayload) {
+      // A whole block goes to the file from the caller's memory.
+      d.directPayload = reinterpret_cast<const unsigned char*>(s + done);
+    } else {
+      std::memcpy(d.current->payload + d.blockOffset, s + done, chunk);
+    }
     d.dirty = true;
     d.blockOffset += chunk;
     if (d.blockOffset > d.current->usedLength) {
@@ -163,6 +175,7 @@ std::streamsize ZoIOStreamDevice::write(const char* s, std::streamsize n) {
     }
     if (d.blockOffset == kPayload) {
       NextBlock(true);
+      d.directPayload = nullptr;  // written by the step, or refused with it
       if (Failed()) throw ZoIOException("Error in ZoIOStreamDevice::write");
       d.blockOffset = 0;
     }

@@ -47,6 +47,7 @@
 
 #include "blockstore/BlockFormat.h"
 #include "tesselzostream/DirEntry.h"
+#include "utility/PagedArray.h"
 
 class BlockFileCore;
 
@@ -82,7 +83,10 @@ class ZoIOStreamDevice {
     std::uint32_t position = 0;
     std::uint32_t blockIndex = 1;
     std::uint32_t blockOffset = 0;
-    std::vector<std::uint32_t> blockNumbers;
+    tz::PagedArray<std::uint32_t, 8> blockNumbers;
+    // Within one write call only: the caller's bytes that are the current
+    // block's whole payload, written from there by SaveCurrentBlock.
+    const unsigned char* directPayload = nullptr;
     int mode;
   };
 
@@ -98,7 +102,7 @@ class ZoIOStreamDevice {
 
  private:
   void SaveCurrentBlock();
-  void NextBlock(bool mayGrow);
+  void NextBlock(bool mayGrow, unsigned char* payloadTo = nullptr);
   void GoToBlock(std::uint32_t n);
   bool Failed() const;
 
