@@ -11,6 +11,7 @@
 #include "utility/BlowFish.h"
 #include "utility/ByteIO.h"
 #include "utility/MD5.h"
+#include "utility/PagedArray.h"
 #include "utility/Path.h"
 #include "utility/ZoString.h"
 
@@ -58,6 +59,23 @@ TEST(ByteIO, HostileLengthAllocatesNothing) {
   EXPECT_FALSE(ReadBinaryString(buffer, capacity, in));
   EXPECT_EQ(buffer, nullptr);
   EXPECT_TRUE(in.fail());
+}
+
+// Growth across pages keeps what was stored; elements uncovered by growing
+// again after a shrink hold the fill value, not what they held before.
+TEST(PagedArray, GrowsAcrossPagesAndRefillsAfterShrinking) {
+  tz::PagedArray<std::uint32_t, 2> a(7);  // pages of 4
+  for (std::uint32_t i = 0; i < 11; ++i) a.push_back(i * 3);
+  ASSERT_EQ(a.size(), 11u);
+  for (std::uint32_t i = 0; i < 11; ++i) EXPECT_EQ(a[i], i * 3);
+  a.resize(2);
+  a.resize(13);
+  EXPECT_EQ(a[1], 3u);
+  for (std::size_t i = 2; i < 13; ++i) EXPECT_EQ(a[i], 7u) << i;
+  a.clear();
+  EXPECT_TRUE(a.empty());
+  a.resize(1);
+  EXPECT_EQ(a[0], 7u);
 }
 
 TEST(MD5, PublishedVectors) {
