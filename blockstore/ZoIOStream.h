@@ -46,8 +46,8 @@
 #include <boost/shared_ptr.hpp>
 
 #include "blockstore/BlockFormat.h"
+#include "blockstore/ChainList.h"
 #include "tesselzostream/DirEntry.h"
-#include "utility/PagedArray.h"
 
 class BlockFileCore;
 
@@ -83,7 +83,7 @@ class ZoIOStreamDevice {
     std::uint32_t position = 0;
     std::uint32_t blockIndex = 1;
     std::uint32_t blockOffset = 0;
-    tz::PagedArray<std::uint32_t, 8> blockNumbers;
+    ChainList blockNumbers;
     // Within one write call only: the caller's bytes that are the current
     // block's whole payload, written from there by SaveCurrentBlock.
     const unsigned char* directPayload = nullptr;

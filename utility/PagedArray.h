@@ -1,11 +1,11 @@
 // PagedArray: a growable array of T kept in fixed pages of 2^kPageBits
 // elements.
 //
-// Growing never moves or copies what is stored, and memory is taken one
-// page at a time, so an array that grows by one element at a time to n
-// elements touches about n elements' worth of fresh memory (a vector that
-// doubles touches about three times that, and copies as it goes). Indexing
-// costs one extra load.
+// Growing never moves or copies what is stored, memory is taken one page
+// at a time, and only elements the array grows over are written (with the
+// fill value), so an array of n elements touches about n elements' worth of
+// fresh memory (a vector that doubles touches about three times that, and
+// copies as it goes). Indexing costs one extra load.
 //
 // Invariants: size() <= pages * kPage; every element below size() was
 // either set or given the fill value when the array grew over it.
@@ -38,11 +38,8 @@ class PagedArray {
   // Grows to n elements, the new ones holding the fill value; a smaller n
   // only lowers the size.
   void resize(std::size_t n) {
-    for (std::size_t i = size_; i < n && i < pages_.size() * kPage; ++i) (*this)[i] = fill_;
-    while (pages_.size() * kPage < n) {
-      pages_.emplace_back(new T[kPage]);
-      std::fill(pages_.back().get(), pages_.back().get() + kPage, fill_);
-    }
+    while (pages_.size() * kPage < n) pages_.emplace_back(new T[kPage]);
+    for (std::size_t i = size_; i < n; ++i) (*this)[i] = fill_;
     size_ = n;
   }
 
