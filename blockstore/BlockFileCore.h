@@ -107,7 +107,9 @@ class BlockFileCore {
                                    const unsigned char* payload = nullptr);
   ZoStreamE::Status WriteRawDataBlock(const DataBlock& block,
                                       const unsigned char* payload = nullptr);
-  DataBlock* AllocDataBlock(DataBlock* reuse);  // caller owns the result
+  // Caller owns the result. Without `clearPayload` the payload keeps what
+  // `reuse` held and the caller must clear or overwrite it before use.
+  DataBlock* AllocDataBlock(DataBlock* reuse, bool clearPayload = true);
   // `exact`, when given, tells whether the block encodes back to the very
   // bytes read (false for a text without its zero, which decoding cuts).
   ZoStreamE::Status ReadDirBlock(std::uint32_t n, DirBlock& block, bool* exact = nullptr);

@@ -142,9 +142,13 @@ Status BlockFileCore::WriteDirBlock(const DirBlock& block) {
   return result;
 }
 
-DataBlock* BlockFileCore::AllocDataBlock(DataBlock* reuse) {
+DataBlock* BlockFileCore::AllocDataBlock(DataBlock* reuse, bool clearPayload) {
   DataBlock* block = reuse != nullptr ? reuse : new DataBlock;
-  bf::InitDataBlock(block);
+  if (clearPayload || reuse == nullptr) {
+    bf::InitDataBlock(block);
+  } else {
+    bf::InitDataHead(block);
+  }
   block->blockNumber = static_cast<std::uint32_t>(blockMap.AllocBlock());
   block->inUse = 1;
   const std::uint32_t n = block->blockNumber;

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "utility/Copy.h"
 #include "utility/Endian.h"
 
 namespace blockformat {
@@ -20,12 +21,17 @@ void CopyText(char* dst, const unsigned char* src, std::uint32_t width) {
 }  // namespace
 
 void InitDataBlock(DataBlock* block) {
-  std::memset(static_cast<void*>(block), 0, sizeof *block);
+  tz::ZeroBytes(block, sizeof *block);
+  std::memcpy(block->signature, kSignature, kSignatureSize);
+}
+
+void InitDataHead(DataBlock* block) {
+  tz::ZeroBytes(block, kOffPayload);
   std::memcpy(block->signature, kSignature, kSignatureSize);
 }
 
 void InitDirBlock(DirBlock* block) {
-  std::memset(static_cast<void*>(block), 0, sizeof *block);
+  tz::ZeroBytes(block, sizeof *block);
   std::memcpy(block->signature, kSignature, kSignatureSize);
   std::memcpy(block->fileSignature, kFileSignature, kFileSignatureSize);
 }

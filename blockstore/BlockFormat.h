@@ -123,6 +123,9 @@ struct DirBlock : BlockHead {
 
 // A zeroed data block with the signature set (what the engine starts from).
 void InitDataBlock(DataBlock* block);
+// The same for the head and usedLength only; the payload keeps whatever it
+// held, for a caller that overwrites or clears it before use.
+void InitDataHead(DataBlock* block);
 // A zeroed directory block with both signatures set.
 void InitDirBlock(DirBlock* block);
 

@@ -4,13 +4,14 @@
 #include <cstring>
 
 #include "blockstore/BlockFormat.h"
+#include "utility/Copy.h"
 
 namespace {
 constexpr std::size_t kBlock = blockformat::kBlockSize;
 // Bytes gathered before a flush. Larger single writes into the page cache
 // gain nothing and were seen to slow down badly on some kernels.
 constexpr std::size_t kMaxPending = 128u << 10;
-constexpr std::size_t kAheadBlocks = 128;      // one read-ahead run
+constexpr std::size_t kAheadBlocks = 256;     // one read-ahead run
 }  // namespace
 
 BlockIO::BlockIO(std::unique_ptr<tz::RandomAccessFile> file)
@@ -50,15 +51,15 @@ namespace {
 // Copies one block's 1024 bytes from `from` into a split destination.
 void Split(const unsigned char* from, unsigned char* head, std::size_t headLength,
            unsigned char* tail) {
-  std::memcpy(head, from, headLength);
-  if (headLength < kBlock) std::memcpy(tail, from + headLength, kBlock - headLength);
+  tz::CopyBytes(head, from, headLength);
+  if (headLength < kBlock) tz::CopyBytes(tail, from + headLength, kBlock - headLength);
 }
 
 // Copies a split block into 1024 bytes at `to`.
 void Join(const unsigned char* head, std::size_t headLength, const unsigned char* tail,
           unsigned char* to) {
-  std::memcpy(to, head, headLength);
-  if (headLength < kBlock) std::memcpy(to + headLength, tail, kBlock - headLength);
+  tz::CopyBytes(to, head, headLength);
+  if (headLength < kBlock) tz::CopyBytes(to + headLength, tail, kBlock - headLength);
 }
 }  // namespace
 

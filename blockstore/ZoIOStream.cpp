@@ -6,6 +6,7 @@
 #include <system_error>
 
 #include "blockstore/BlockFileCore.h"
+#include "utility/Copy.h"
 #include "utility/Time.h"
 
 namespace bf = blockformat;
@@ -28,8 +29,17 @@ ZoIOStreamDevice::Data::Data(BlockFileCore* c, DirEntry* e, int m)
   bf::InitDataBlock(spare);
 }
 
+void ZoIOStreamDevice::Data::ClearLeftovers() {
+  if (!payloadUnset) return;
+  tz::ZeroBytes(current->payload, kPayload);
+  payloadUnset = false;
+}
+
 ZoIOStreamDevice::Data::~Data() {
-  if (dirty && current != nullptr) core->WriteDataBlock(*current);
+  if (dirty && current != nullptr) {
+    ClearLeftovers();
+    core->WriteDataBlock(*current);
+  }
   delete current;
   delete spare;
   core->FlushDirectory(written);
@@ -48,6 +58,7 @@ void ZoIOStreamDevice::SaveCurrentBlock() {
   if (!d.dirty) return;
   ZoCurrentTimeText(d.entry->modified);
   d.core->EntryChangedAt(d.slot);
+  if (d.directPayload == nullptr) d.ClearLeftovers();
   d.core->WriteDataBlock(*d.current, d.directPayload);
   d.directPayload = nullptr;
   d.dirty = false;
@@ -77,16 +88,19 @@ void ZoIOStreamDevice::NextBlock(bool mayGrow, unsigned char* payloadTo) {
       d.core->status = ZoStreamE::StatusFailed;
       return;
     }
-    d.core->AllocDataBlock(d.spare);
+    // The fresh block's payload is cleared only if it is not written whole.
+    d.core->AllocDataBlock(d.spare, false);
     d.current->nextBlock = d.spare->blockNumber;
     d.core->NoteLink(d.current->blockNumber, d.spare->blockNumber);
     if (d.dirty) {
       SaveCurrentBlock();
     } else {
+      d.ClearLeftovers();
       d.core->WriteDataBlock(*d.current);
     }
     std::swap(d.current, d.spare);
     d.dirty = true;
+    d.payloadUnset = true;
   } else {
     SaveCurrentBlock();
     if (d.blockIndex >= d.core->BlockCount()) {
@@ -94,6 +108,7 @@ void ZoIOStreamDevice::NextBlock(bool mayGrow, unsigned char* payloadTo) {
       return;
     }
     d.core->ReadDataBlock(d.current->nextBlock, *d.current, payloadTo);
+    d.payloadUnset = false;
   }
   ++d.blockIndex;
   if (d.blockNumbers.size() < d.blockIndex) d.blockNumbers.push_back(d.current->blockNumber);
@@ -105,11 +120,13 @@ void ZoIOStreamDevice::GoToBlock(std::uint32_t n) {
   SaveCurrentBlock();
   if (n == 1) {
     d.core->ReadDataBlock(d.entry->firstBlock, *d.current);
+    d.payloadUnset = false;
     if (d.blockNumbers.empty()) d.blockNumbers.push_back(d.entry->firstBlock);
     d.dirty = false;
     d.blockIndex = 1;
   } else if (n <= d.blockNumbers.size()) {
     d.core->ReadDataBlock(d.blockNumbers[n - 1], *d.current);
+    d.payloadUnset = false;
     d.blockIndex = n;
   } else {
     // A chain holds every block its size needs; only steps beyond those
@@ -131,7 +148,10 @@ std::streamsize ZoIOStreamDevice::read(char* s, std::streamsize n) {
   while (done < n) {
     const auto chunk = static_cast<std::uint32_t>(
         std::min<std::streamsize>(n - done, kPayload - d.blockOffset));
-    if (!delivered) std::memcpy(s + done, d.current->payload + d.blockOffset, chunk);
+    if (!delivered) {
+      d.ClearLeftovers();
+      std::memcpy(s + done, d.current->payload + d.blockOffset, chunk);
+    }
     delivered = false;
     d.blockOffset += chunk;
     if (d.blockOffset == kPayload) {
@@ -166,6 +186,7 @@ std::streamsize ZoIOStreamDevice::write(const char* s, std::streamsize n) {
       // A whole block goes to the file from the caller's memory.
       d.directPayload = reinterpret_cast<const unsigned char*>(s + done);
     } else {
+      d.ClearLeftovers();
       std::memcpy(d.current->payload + d.blockOffset, s + done, chunk);
     }
     d.dirty = true;

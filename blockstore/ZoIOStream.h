@@ -13,6 +13,8 @@
 // (3) A chain holds at least size/1003 + 1 blocks: a write that fills a
 //     block links the next one at once.
 // (4) usedLength of a block is the highest payload offset written in it.
+// (5) A fresh block's payload is zero wherever it was not written, in the
+//     file and whenever current->payload is read (see payloadUnset).
 //
 // Failures: the device throws ZoIOException with one of four fixed texts,
 // which the standard stream layer turns into badbit; the cause stays in the
@@ -87,6 +89,11 @@ class ZoIOStreamDevice {
     // Within one write call only: the caller's bytes that are the current
     // block's whole payload, written from there by SaveCurrentBlock.
     const unsigned char* directPayload = nullptr;
+    // current->payload still holds leftovers of an earlier block where a
+    // fresh block's zeros belong. A block written whole never needs the
+    // zeros; any other use of the payload clears it first.
+    bool payloadUnset = false;
+    void ClearLeftovers();
     int mode;
   };
 

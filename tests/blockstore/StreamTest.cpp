@@ -98,6 +98,20 @@ TEST_F(StreamTest, ChainsLeftByWrites) {
   const std::string gap = tztest::GetStream(file_, "gap");
   ASSERT_EQ(gap.size(), 5001u);
   EXPECT_EQ(gap.substr(0, 5000), std::string(5000, '\0'));
+  file_.Close();
+
+  // Blocks that a seek steps over after whole blocks were written hold
+  // zeros, not what the stream's block buffers held before.
+  ASSERT_EQ(file_.Open(path_.c_str(), OpenReadWrite), StatusOk);
+  const std::string head = tztest::Pattern(10240, 2);
+  {
+    auto out = Get("skipped", "wb");
+    out->write(head.data(), static_cast<std::streamsize>(head.size()));
+    out->seekp(20 * 1003);
+    out->put('y');
+  }
+  const std::string skipped = tztest::GetStream(file_, "skipped");
+  EXPECT_EQ(skipped, head + std::string(20 * 1003 - head.size(), '\0') + "y");
   EXPECT_EQ(tztest::GetStream(file_, "three"), tztest::Pattern(2500, 1));
 }
 
