@@ -85,17 +85,20 @@ bool WriteBinaryString(const char* text, std::ostream& out) {
   return WriteFourBytes(&length, 1, out) && WriteBytes(text, n, out);
 }
 
-bool ReadBinaryString(char*& buffer, std::uint32_t& capacity,
-                      std::istream& in) {
-  std::uint32_t length = 0;
-  if (!ReadFourBytes(&length, 1, in)) return false;
-  if (length == std::numeric_limits<std::uint32_t>::max() ||
-      length > BytesLeft(in)) {
-    in.setstate(std::ios::failbit);
-    return false;
-  }
-  // A stream that cannot tell its size is read in bounded steps, so a
-  // hostile length costs no more memory than the bytes that really arrive.
+namespace {
+
+// Makes `buffer` hold at least `size` bytes; its contents are not kept.
+void Reserve(char*& buffer, std::uint32_t& capacity, std::uint32_t size) {
+  if (buffer != nullptr && capacity >= size) return;
+  delete[] buffer;
+  buffer = new char[size];
+  capacity = size;
+}
+
+// For a stream that cannot tell its size: read in bounded steps, so a
+// hostile length costs no more memory than the bytes that really arrive.
+bool ReadInSteps(char*& buffer, std::uint32_t& capacity, std::uint32_t length,
+                 std::istream& in) {
   std::vector<char> text;
   constexpr std::uint32_t kStep = 1u << 16;
   for (std::uint32_t done = 0; done < length;) {
@@ -104,12 +107,31 @@ bool ReadBinaryString(char*& buffer, std::uint32_t& capacity,
     if (!ReadBytes(text.data() + done, step, in)) return false;
     done += step;
   }
-  if (buffer == nullptr || capacity < length + 1u) {
-    delete[] buffer;
-    buffer = new char[static_cast<std::size_t>(length) + 1];
-    capacity = length + 1;
-  }
+  Reserve(buffer, capacity, length + 1);
   std::copy(text.begin(), text.end(), buffer);
+  buffer[length] = '\0';
+  return true;
+}
+
+}  // namespace
+
+bool ReadBinaryString(char*& buffer, std::uint32_t& capacity,
+                      std::istream& in) {
+  std::uint32_t length = 0;
+  if (!ReadFourBytes(&length, 1, in)) return false;
+  const std::uint64_t left = BytesLeft(in);
+  if (length == std::numeric_limits<std::uint32_t>::max() || length > left) {
+    in.setstate(std::ios::failbit);
+    return false;
+  }
+  if (left == std::numeric_limits<std::uint64_t>::max()) {
+    return ReadInSteps(buffer, capacity, length, in);
+  }
+  // The stream holds the whole text, so the length is bounded by its size:
+  // read straight into the caller's buffer, which a caller reading many
+  // short texts reuses without any allocation.
+  Reserve(buffer, capacity, length + 1);
+  if (!ReadBytes(buffer, length, in)) return false;
   buffer[length] = '\0';
   return true;
 }

@@ -35,8 +35,9 @@ bool WriteBinaryString(const char* text, std::ostream& out);
 // Reads what WriteBinaryString wrote into `buffer`, zero-terminated.
 // `capacity` is the size of `buffer` in bytes (0 when there is none); when
 // the text does not fit, the buffer is replaced by one from new[] (the old
-// one is freed with delete[]) and `capacity` updated. The caller frees the
-// buffer with delete[]. A length that the stream cannot hold (more bytes
+// one is freed with delete[]) and `capacity` updated; a text that fits is
+// read with no allocation at all. The caller frees the buffer with
+// delete[]; after false its contents mean nothing. A length that the stream cannot hold (more bytes
 // than remain in a seekable stream, or a read that comes up short) gives
 // false with the stream's failbit set, and no huge allocation.
 bool ReadBinaryString(char*& buffer, std::uint32_t& capacity,

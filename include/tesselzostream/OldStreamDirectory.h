@@ -115,7 +115,8 @@ class TZ_EXPORT OldInputStreamDirectory {
   // Reads the head and the table at the stream's position. True when the
   // table was taken. False when already open (nothing changes); false with
   // badbit set for a state bit set on entry, a wrong magic, a short table,
-  // or one that breaks the invariants above. After false the object is
+  // or one that breaks the invariants above (a table position of 0, left by
+  // a writer that never closed, among them). After false the object is
   // closed. Costs one read of the table and a sort: O(count log count).
   bool Open(std::istream& stream);
 
@@ -123,6 +124,7 @@ class TZ_EXPORT OldInputStreamDirectory {
   // characters), or null when the directory is not open, the name is null,
   // the stream has a state bit set, or the table has no such name (the
   // stream is then untouched). A failed seek sets badbit and gives null.
+  // Of two entries with one name, either may be found.
   // A binary search on the hashes: O(log count).
   std::istream* GetInput(const char* name);
 

@@ -106,9 +106,9 @@ class TZ_EXPORT InputStreamDirectory {
   // Reads the head and the table at the stream's position. True with the
   // stream at the first data byte. False when already open (nothing
   // changes); false with badbit set for a state bit set on entry, a wrong
-  // magic, a short table or one that breaks the invariants above (a
-  // directory that was never closed among them). After false, GetInput
-  // gives null.
+  // magic, a short table or one that breaks the invariants above (a stored
+  // capacity or count above kMaxSlots, and a directory that was never
+  // closed, among them). After false, GetInput gives null.
   bool Open(std::istream& stream);
 
   // The stream, placed at the first byte of sub-stream `id`, or null when

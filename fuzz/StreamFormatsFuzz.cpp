@@ -1,0 +1,401 @@
+// Fuzz target: the formats that lie inside streams, read from arbitrary
+// bytes: the numbered directory, the named directory and the two forms of
+// versioned head.
+//
+// Input layout:
+//   byte 0      the position P where the readers start (at most the
+//               stream's size)
+//   byte 1      flags: bit 0 reads through a stream buffer that cannot tell
+//               or change its position, as a pipe
+//   bytes 2..3  one more id to look up, little-endian
+//   bytes 4..   the stream
+//
+// Each reader's answer is compared with a reading of the same bytes by the
+// rules that its header states, written out again here:
+// - a directory opens exactly when its table is sound, with the stream at
+//   the first data byte (numbered) or behind the table (named); a refusal
+//   sets badbit; a second Open gives false;
+// - each stored id or name is found at one of the positions stored for it
+//   (a name also by a 12-character key that starts with it); a key that is
+//   not stored gives null and leaves the stream where it stood; Close
+//   leaves the stream behind the directory;
+// - IsStreamDirectory tells the magic and leaves position and state alone;
+// - a head is taken exactly when it matches, with its stored version, and
+//   a refused one sets badbit (operators) or leaves the version untouched;
+//   a ZStreamLight mismatch stops right behind the first byte that differs;
+// - heads written with a magic from the input read back;
+// - on a stream that cannot seek, both directories refuse.
+// The sanitizers and libFuzzer's limits catch crashes, hangs and large
+// allocations besides.
+//
+// Built with -DTZ_FUZZ_SEEDS, the same file is a program that writes a seed
+// corpus of valid items (with the header in front) and a dictionary.
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tesselzostream/OldStreamDirectory.h"
+#include "tesselzostream/StreamDirectory.h"
+#include "tesselzostream/ZStreamBase.h"
+#include "utility/Endian.h"
+
+namespace {
+
+constexpr std::size_t kHeaderSize = 4;
+
+}  // namespace
+
+#ifndef TZ_FUZZ_SEEDS
+
+namespace {
+
+constexpr std::uint8_t kForwardOnly = 1 << 0;
+constexpr char kNamedMagic[12] = {1, 'S', 't', 'r', 'e', 'a', 'm', 2, 'D', 'i', 'r', 0};
+
+// A fault: said on stderr, and the run ends (libFuzzer keeps the input).
+void Expect(bool holds, const char* what) {
+  if (holds) return;
+  std::fprintf(stderr, "%s\n", what);
+  std::abort();
+}
+
+// The stream's bytes, read by the format rules without the library.
+struct Bytes {
+  const unsigned char* data;
+  std::uint64_t size;
+
+  bool Has(std::uint64_t at, std::uint64_t n) const { return at <= size && n <= size - at; }
+  std::uint16_t U16(std::uint64_t at) const { return tz::DecodeFixed16(data + at); }
+  std::uint32_t U32(std::uint64_t at) const { return tz::DecodeFixed32(data + at); }
+  // The zero-terminated text in the `n` bytes at `at`.
+  std::string Text(std::uint64_t at, std::uint64_t n) const {
+    const char* p = reinterpret_cast<const char*>(data + at);
+    return std::string(p, strnlen(p, n));
+  }
+};
+
+// Positions stored for one id or name.
+template <typename Key>
+struct Table {
+  bool sound = false;
+  std::uint64_t openedAt = 0;  // where Open leaves the stream
+  std::uint64_t end = 0;       // where Close leaves it
+  std::vector<std::pair<Key, std::uint32_t>> entries;
+
+  bool Holds(const Key& key) const {
+    return std::any_of(entries.begin(), entries.end(), [&](const auto& e) { return e.first == key; });
+  }
+  bool HoldsAt(const Key& key, std::uint64_t at) const {
+    return std::any_of(entries.begin(), entries.end(),
+                       [&](const auto& e) { return e.first == key && e.second == at; });
+  }
+};
+
+Table<std::uint16_t> ReadNumbered(const Bytes& b, std::uint64_t p) {
+  Table<std::uint16_t> t;
+  if (!b.Has(p, 6) || b.data[p] != 'x' || b.data[p + 1] != 'A') return t;
+  const std::uint64_t n = b.U16(p + 2), count = b.U16(p + 4);
+  if (n > OutputStreamDirectory::kMaxSlots || count > n || !b.Has(p, 10 + 6 * n)) return t;
+  t.openedAt = p + 10 + 6 * n;
+  t.end = b.U32(p + 6 + 6 * n);
+  if (t.end < t.openedAt || t.end > b.size) return t;
+  for (std::uint64_t i = 0; i < count; ++i) {
+    const std::uint16_t id = b.U16(p + 6 + 2 * i);
+    const std::uint32_t offset = b.U32(p + 6 + 2 * n + 4 * i);
+    if ((i > 0 && id < t.entries.back().first) || offset < t.openedAt || offset > t.end) return t;
+    t.entries.emplace_back(id, offset);
+  }
+  t.sound = true;
+  return t;
+}
+
+Table<std::string> ReadNamed(const Bytes& b, std::uint64_t p) {
+  Table<std::string> t;
+  if (!b.Has(p, 16) || std::memcmp(b.data + p, kNamedMagic, sizeof kNamedMagic) != 0) return t;
+  const std::uint64_t table = b.U32(p + 12);
+  if (table < p + 20 || !b.Has(table, 4)) return t;
+  const std::uint64_t count = b.U32(table);
+  if (!b.Has(table + 4, 16 * count)) return t;
+  for (std::uint64_t i = 0; i < count; ++i) {
+    const std::uint64_t at = table + 4 + 16 * i;
+    const std::uint32_t offset = b.U32(at);
+    if (offset < p + 20 || offset > table) return t;
+    t.entries.emplace_back(b.Text(at + 4, 11), offset);
+  }
+  t.openedAt = t.end = table + 4 + 16 * count;
+  t.sound = true;
+  return t;
+}
+
+// A read-only stream buffer that cannot tell or change its position.
+class ForwardOnly : public std::streambuf {
+ public:
+  explicit ForwardOnly(const std::string& bytes) : bytes_(bytes) {
+    setg(&bytes_[0], &bytes_[0], &bytes_[0] + bytes_.size());
+  }
+
+ private:
+  std::string bytes_;
+};
+
+// A fresh stream on the bytes, standing at P.
+class Source {
+ public:
+  Source(const Bytes& b, std::uint64_t p, bool seekable) : seekable_(seekable) {
+    const std::string all(reinterpret_cast<const char*>(b.data), b.size);
+    if (seekable) {
+      stream_ = std::make_unique<std::istringstream>(all);
+      stream_->seekg(static_cast<std::streamoff>(p));
+    } else {
+      forward_ = std::make_unique<ForwardOnly>(all.substr(p));
+      stream_ = std::make_unique<std::istream>(forward_.get());
+    }
+  }
+  std::istream& stream() { return *stream_; }
+  // The position, or -1 where the stream cannot tell it.
+  std::int64_t Where() { return seekable_ ? static_cast<std::int64_t>(stream_->tellg()) : -1; }
+  // Reads up to 16 bytes, never past the end (which would set eofbit).
+  void Taste(std::uint64_t size) {
+    char bytes[16];
+    const auto left = size - static_cast<std::uint64_t>(Where());
+    stream_->read(bytes, static_cast<std::streamsize>(std::min<std::uint64_t>(16, left)));
+  }
+
+ private:
+  bool seekable_;
+  std::unique_ptr<ForwardOnly> forward_;
+  std::unique_ptr<std::istream> stream_;
+};
+
+// What both directories share once their model says how Open went.
+template <typename Key, typename Directory, typename Lookup>
+void CheckDirectory(Source& src, Directory& dir, const Table<Key>& model,
+                    const std::vector<Key>& absent, const Bytes& b, Lookup lookup) {
+  std::istream& s = src.stream();
+  if (!model.sound) {
+    Expect(s.bad(), "a refused directory leaves no badbit");
+    for (const auto& e : model.entries) Expect(lookup(dir, e.first) == nullptr, "a refused directory finds");
+    for (const Key& key : absent) Expect(lookup(dir, key) == nullptr, "a refused directory finds");
+    return;
+  }
+  Expect(s.good() && src.Where() == static_cast<std::int64_t>(model.openedAt), "Open leaves the stream elsewhere");
+  Expect(!dir.Open(s) && s.good(), "a second Open is taken or changes the stream");
+  for (const auto& e : model.entries) {
+    Expect(lookup(dir, e.first) == &s, "a stored key is not found");
+    Expect(model.HoldsAt(e.first, static_cast<std::uint64_t>(src.Where())), "a key is found elsewhere");
+    src.Taste(b.size);
+  }
+  for (const Key& key : absent) {
+    if (model.Holds(key)) continue;
+    const std::int64_t before = src.Where();
+    Expect(lookup(dir, key) == nullptr, "a key not stored is found");
+    Expect(s.good() && src.Where() == before, "a missing key moves the stream");
+  }
+  dir.Close();
+  Expect(src.Where() == static_cast<std::int64_t>(model.end), "Close leaves the stream elsewhere");
+}
+
+void CheckNumbered(const Bytes& b, std::uint64_t p, bool seekable, std::uint16_t extraId) {
+  Table<std::uint16_t> model = seekable ? ReadNumbered(b, p) : Table<std::uint16_t>();
+  Source src(b, p, seekable);
+  InputStreamDirectory dir(src.stream());
+  Expect(src.stream().good() == model.sound, "numbered: Open disagrees with the table");
+  std::vector<std::uint16_t> absent = {extraId, 0, 0xFFFF};
+  for (const auto& e : model.entries) absent.push_back(static_cast<std::uint16_t>(e.first + 1));
+  CheckDirectory(src, dir, model, absent, b,
+                 [](InputStreamDirectory& d, std::uint16_t id) { return d.GetInput(id); });
+}
+
+void CheckNamed(const Bytes& b, std::uint64_t p, bool seekable) {
+  Table<std::string> model = seekable ? ReadNamed(b, p) : Table<std::string>();
+  Source src(b, p, seekable);
+  std::istream& s = src.stream();
+  const bool magic = seekable && b.Has(p, 12) && std::memcmp(b.data + p, kNamedMagic, 12) == 0;
+  const std::int64_t before = src.Where();
+  Expect(OldInputStreamDirectory::IsStreamDirectory(s) == magic, "IsStreamDirectory is wrong");
+  Expect(s.good() && src.Where() == before, "IsStreamDirectory changes the stream");
+
+  OldInputStreamDirectory dir(s);
+  Expect(s.good() == model.sound, "named: Open disagrees with the table");
+  // Keys that are not stored as such: each name with a byte changed, and
+  // the empty name. A key of 12 characters must find the name of its first
+  // 11, so those go in as stored keys.
+  std::vector<std::string> absent = {""};
+  for (const auto& e : model.entries) {
+    std::string other = e.first;
+    if (other.empty()) continue;
+    other.back() = static_cast<char>(other.back() == 'z' ? 'y' : 'z');
+    absent.push_back(other);
+  }
+  CheckDirectory(src, dir, model, absent, b, [](OldInputStreamDirectory& d, const std::string& name) {
+    return d.GetInput(name.size() == 11 ? (name + "+").c_str() : name.c_str());
+  });
+}
+
+// The head of ZStreamBase and ZStreamableData: a four-byte length, the
+// magic, two bytes of version.
+void CheckBaseHead(const Bytes& b, std::uint64_t p, bool seekable) {
+  const bool whole = b.Has(p, 4) && b.Has(p + 4, b.U32(p)) && b.Has(p + 4 + b.U32(p), 2);
+  const std::string stored = whole ? b.Text(p + 4, b.U32(p)) : std::string();
+  const std::uint64_t after = whole ? p + 6 + b.U32(p) : 0;
+  const auto version = static_cast<std::int16_t>(whole ? b.U16(after - 2) : 0);
+  {
+    Source src(b, p, seekable);
+    ZStreamBase head;
+    const std::int16_t earlier = head.GetZStreamVersionNumber();
+    const bool match = whole && stored == "ZSB";
+    src.stream() >> head;
+    Expect(src.stream().good() == match && src.stream().bad() != match, ">> of ZStreamBase is wrong");
+    Expect(head.GetZStreamVersionNumber() == (match ? version : earlier), "ZStreamBase version is wrong");
+    if (match && seekable) Expect(src.Where() == static_cast<std::int64_t>(after), ">> stops elsewhere");
+  }
+  // The stored magic itself, and one that differs from it.
+  for (const std::string& magic : {stored, stored + "?"}) {
+    Source src(b, p, seekable);
+    ZStreamableData data(1, magic.c_str());
+    const bool match = whole && magic == stored;
+    Expect(data.Check(src.stream()) == match, "ZStreamableData::Check is wrong");
+    Expect(data.GetZStreamVersionNumber() == (match ? version : 0), "ZStreamableData version is wrong");
+  }
+}
+
+// The head of ZStreamLight: a two-byte length, the magic, two bytes of
+// version.
+void CheckLightHead(const Bytes& b, std::uint64_t p, bool seekable) {
+  const std::uint64_t length = b.Has(p, 2) ? b.U16(p) : 0;
+  const std::string stored = b.Has(p, 2) ? b.Text(p + 2, std::min(length, b.size - p - 2)) : std::string();
+  for (const std::string& magic : {std::string("abc"), std::string(), stored, stored + "?"}) {
+    Source src(b, p, seekable);
+    // The model walks as the function does: byte by byte while both last;
+    // the first byte that differs is read, nothing behind it.
+    bool sound = b.Has(p, 2), differs = false;
+    std::uint64_t at = p + 2, i = 0;
+    while (sound && !differs && i < length && i < magic.size()) {
+      sound = b.Has(at, 1);
+      differs = sound && b.data[at++] != static_cast<unsigned char>(magic[i++]);
+    }
+    const bool sameLength = i == length && i == magic.size();
+    const bool match = sound && !differs && sameLength && b.Has(at, 2);
+    const bool mismatch = sound && (differs || !sameLength);
+    std::uint16_t version = 0x5A5A;
+    const bool result = ZStreamLight::CheckMagicStringAndVersionNumber(src.stream(), version, magic.c_str());
+    Expect(result == match, "ZStreamLight check is wrong");
+    Expect(version == (match ? b.U16(at) : 0x5A5A), "ZStreamLight version is wrong");
+    if (seekable && (match || mismatch)) {
+      Expect(src.Where() == static_cast<std::int64_t>(match ? at + 2 : at), "ZStreamLight stops elsewhere");
+    }
+  }
+}
+
+// Heads written with a magic from the input read back.
+void CheckHeadsRoundTrip(const Bytes& b, std::uint64_t p) {
+  const std::string magic = b.Text(p, std::min<std::uint64_t>(b.size - p, 300));
+  const std::uint16_t version = b.Has(p, 2) ? b.U16(p) : 7;
+  std::stringstream s;
+  Expect(ZStreamLight::WriteMagicStringAndVersionNumber(s, version, magic.c_str()), "light write fails");
+  Expect(ZStreamableData(static_cast<std::int16_t>(version), magic.c_str()).Write(s), "head write fails");
+  std::uint16_t light = 0;
+  ZStreamableData data(0, magic.c_str());
+  Expect(ZStreamLight::CheckMagicStringAndVersionNumber(s, light, magic.c_str()) && light == version,
+         "light head does not read back");
+  Expect(data.Check(s) && data.GetZStreamVersionNumber() == static_cast<std::int16_t>(version),
+         "head does not read back");
+  Expect(s.peek() == std::char_traits<char>::eof(), "heads leave bytes unread");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  if (size < kHeaderSize) return 0;
+  const Bytes b{data + kHeaderSize, size - kHeaderSize};
+  const std::uint64_t p = std::min<std::uint64_t>(data[0], b.size);
+  const bool seekable = (data[1] & kForwardOnly) == 0;
+  const std::uint16_t extraId = tz::DecodeFixed16(data + 2);
+  CheckNumbered(b, p, seekable, extraId);
+  CheckNamed(b, p, seekable);
+  CheckBaseHead(b, p, seekable);
+  CheckLightHead(b, p, seekable);
+  CheckHeadsRoundTrip(b, p);
+  return 0;
+}
+
+#else  // TZ_FUZZ_SEEDS
+
+#include <fstream>
+
+#include <boost/filesystem.hpp>
+
+namespace {
+
+void Seed(const std::string& dir, const char* name, std::uint8_t start, const std::string& stream) {
+  const char header[kHeaderSize] = {static_cast<char>(start), 0, 7, 0};
+  std::ofstream(dir + "/" + name, std::ios::binary) << std::string(header, kHeaderSize) << stream;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 3) {
+    std::fprintf(stderr, "usage: %s CORPUS_DIR DICTIONARY_FILE\n", argv[0]);
+    return 2;
+  }
+  const std::string dir = argv[1];
+  boost::filesystem::create_directories(dir);
+  {
+    std::stringstream s;
+    OutputStreamDirectory numbered(s, 3);
+    numbered.GetOutput(7) << "abc";
+    numbered.GetOutput(2) << "defgh";
+    numbered.Close();
+    Seed(dir, "numbered", 0, s.str());
+  }
+  {
+    std::stringstream s;
+    s << "lead";  // a directory behind other data, with every slot in use
+    OutputStreamDirectory numbered(s, 80);
+    for (std::uint16_t i = 0; i < 80; ++i) numbered.GetOutput(static_cast<std::uint16_t>(80 - i)) << i;
+    numbered.Close();
+    Seed(dir, "numbered-full", 4, s.str());
+  }
+  {
+    std::stringstream s;
+    OldOutputStreamDirectory named(s);
+    named.GetOutput("abd") << "ABD";
+    named.GetOutput("abc") << "ABCDE";
+    named.Close();
+    Seed(dir, "named", 0, s.str());
+  }
+  {
+    std::stringstream s;
+    s << "lead";
+    OldOutputStreamDirectory named(s);
+    const char* names[] = {"", "elevenchars", "twelve-chars", "\xE9t\xE9", "a", "b", "a"};
+    for (const char* name : names) named.GetOutput(name) << name << '.';
+    named.Close();
+    Seed(dir, "named-mixed", 4, s.str());
+  }
+  {
+    std::stringstream s;
+    s << ZStreamBase();
+    ZStreamLight::WriteMagicStringAndVersionNumber(s, 7, "abc");
+    Seed(dir, "heads", 0, s.str());
+    Seed(dir, "light-head", 9, s.str());
+  }
+  std::ofstream dict(argv[2]);
+  dict << "# Written by tz_fuzz_streamformats_seeds: the fixed texts of the formats.\n";
+  dict << "numbered_magic=\"xA\"\n";
+  dict << "named_magic=\"\\x01Stream\\x02Dir\\x00\"\n";
+  dict << "base_head=\"\\x03\\x00\\x00\\x00ZSB\\x01\\x00\"\n";
+  dict << "capacity_80=\"\\x50\\x00\"\n";
+  dict << "max_u32=\"\\xFF\\xFF\\xFF\\xFF\"\n";
+  return 0;
+}
+
+#endif  // TZ_FUZZ_SEEDS
