@@ -239,7 +239,7 @@ class TZ_EXPORT CompoundFileStreamSource : public CompundFileBase {
   bool ExtractFile(const char* name) const;
   void BuildCurrentFileSet() const;
   // Creates or replaces stream `name` in `target` with the rest of `input`,
-  // in chunks of 10240 bytes.
+  // copied in large chunks until the first short read.
   static Error CopyToBlockFile(CompoundFile& target, std::istream& input, const char* name);
 
   char* mCompoundFileName;
