@@ -13,8 +13,9 @@
 // Each reader's answer is compared with a reading of the same bytes by the
 // rules that its header states, written out again here:
 // - a directory opens exactly when the checks of its Open pass (numbered:
-//   magic, capacity and count, a whole table; named: a sound table), with
-//   the stream at the first data byte (numbered) or behind the
+//   magic, capacity and count, a whole table; named: magic, a table
+//   position neither 0 nor beyond the end, a count whose entries the stream
+//   holds), with the stream at the first data byte (numbered) or behind the
 //   table (named); a refusal sets badbit; a second Open gives false;
 // - each stored id or name is found at one of the positions stored for it
 //   (a name also by a 12-character key that starts with it), or gives null
@@ -129,14 +130,12 @@ Table<std::string> ReadNamed(const Bytes& b, std::uint64_t p) {
   Table<std::string> t;
   if (!b.Has(p, 16) || std::memcmp(b.data + p, kNamedMagic, sizeof kNamedMagic) != 0) return t;
   const std::uint64_t table = b.U32(p + 12);
-  if (table < p + 20 || !b.Has(table, 4)) return t;
+  if (table == 0 || !b.Has(table, 4)) return t;
   const std::uint64_t count = b.U32(table);
   if (!b.Has(table + 4, 16 * count)) return t;
   for (std::uint64_t i = 0; i < count; ++i) {
     const std::uint64_t at = table + 4 + 16 * i;
-    const std::uint32_t offset = b.U32(at);
-    if (offset < p + 20 || offset > table) return t;
-    t.entries.emplace_back(b.Text(at + 4, 11), offset);
+    t.entries.emplace_back(b.Text(at + 4, 11), b.U32(at));
   }
   t.openedAt = t.end = table + 4 + 16 * count;
   t.sound = true;
