@@ -32,8 +32,8 @@
 // - heads written with a magic from the input read back;
 // - on a stream that cannot seek, the named directory refuses at Open and
 //   the numbered one at the first seek.
-// The sanitizers and libFuzzer's limits catch crashes, hangs and large
-// allocations besides.
+// A seek beyond the stream's end stops the run too. The sanitizers and
+// libFuzzer's limits catch crashes, hangs and large allocations besides.
 //
 // Built with -DTZ_FUZZ_SEEDS, the same file is a program that writes a seed
 // corpus of valid items (with the header in front) and a dictionary.
@@ -153,13 +153,36 @@ class ForwardOnly : public std::streambuf {
   std::string bytes_;
 };
 
+// A string stream buffer on which a seek beyond the end stops the run: the
+// readers check stored positions before they seek, and on a file or a
+// block stream such a seek would be followed.
+class Bounded : public std::stringbuf {
+ public:
+  explicit Bounded(const std::string& bytes)
+      : std::stringbuf(bytes, std::ios::in), size_(static_cast<std::streamoff>(bytes.size())) {}
+
+ protected:
+  pos_type seekpos(pos_type to, std::ios_base::openmode which) override {
+    Expect(static_cast<std::streamoff>(to) <= size_, "a seek beyond the stream's end");
+    return std::stringbuf::seekpos(to, which);
+  }
+  pos_type seekoff(off_type off, std::ios_base::seekdir dir, std::ios_base::openmode which) override {
+    Expect(dir != std::ios::beg || off <= size_, "a seek beyond the stream's end");
+    return std::stringbuf::seekoff(off, dir, which);
+  }
+
+ private:
+  std::streamoff size_;
+};
+
 // A fresh stream on the bytes, standing at P.
 class Source {
  public:
   Source(const Bytes& b, std::uint64_t p, bool seekable) : seekable_(seekable) {
     const std::string all(reinterpret_cast<const char*>(b.data), b.size);
     if (seekable) {
-      stream_ = std::make_unique<std::istringstream>(all);
+      bounded_ = std::make_unique<Bounded>(all);
+      stream_ = std::make_unique<std::istream>(bounded_.get());
       stream_->seekg(static_cast<std::streamoff>(p));
     } else {
       forward_ = std::make_unique<ForwardOnly>(all.substr(p));
@@ -180,6 +203,7 @@ class Source {
  private:
   bool seekable_;
   std::unique_ptr<ForwardOnly> forward_;
+  std::unique_ptr<Bounded> bounded_;
   std::unique_ptr<std::istream> stream_;
 };
 

@@ -111,12 +111,13 @@ class TZ_EXPORT InputStreamDirectory {
   // Reads the head and the table at the stream's position. True with the
   // stream at the first data byte. False when already open (nothing
   // changes); false with badbit set for a state bit set on entry, a wrong
-  // magic, a short read, a stored capacity above kMaxSlots or a count above
-  // the capacity (the way of refusing those two is this class's choice: the
-  // same as a short read). Offsets, the end position and the order of the
-  // ids are not looked at here, so a directory that was never closed opens,
-  // and each of its ids reads 0 at offset 0. After false, GetInput gives
-  // null. Needs no seek and no size of the stream.
+  // magic, a short read, a stored capacity above kMaxSlots, or a count
+  // above the capacity (slots beyond it were not read); these two are
+  // refused the way a short read is. Offsets, the end position and the
+  // order of the ids are not looked at here, so a directory that was never
+  // closed opens (with the zero slots that the writer here leaves: N ids 0
+  // at offset 0). After false, GetInput gives null. Needs no seek and no
+  // size of the stream.
   bool Open(std::istream& stream);
 
   // The stream, placed at the first byte of sub-stream `id`, or null when
