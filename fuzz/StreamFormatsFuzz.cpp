@@ -12,21 +12,28 @@
 //
 // Each reader's answer is compared with a reading of the same bytes by the
 // rules that its header states, written out again here:
-// - a directory opens exactly when its table is sound, with the stream at
-//   the first data byte (numbered) or behind the table (named); a refusal
-//   sets badbit; a second Open gives false;
+// - a directory opens exactly when the checks of its Open pass (numbered:
+//   magic, capacity and count, a whole table; named: magic, a table
+//   position neither 0 nor beyond the end, a count whose entries the stream
+//   holds), with the stream at the first data byte (numbered) or behind the
+//   table (named); a refusal sets badbit; a second Open gives false;
 // - each stored id or name is found at one of the positions stored for it
-//   (a name also by a 12-character key that starts with it); a key that is
-//   not stored gives null and leaves the stream where it stood; Close
-//   leaves the stream behind the directory;
+//   (a name also by a 12-character key that starts with it), or gives null
+//   and badbit, the stream not moved, when a position stored for it lies
+//   beyond the stream's end or the stream cannot seek; numbered ids stored
+//   out of order may also give null with the stream untouched; a key that
+//   is not stored gives null and leaves the stream where it stood;
+// - Close leaves the stream at the end of the directory when that lies
+//   within the stream, and otherwise gives failbit without moving it;
 // - IsStreamDirectory tells the magic and leaves position and state alone;
 // - a head is taken exactly when it matches, with its stored version, and
 //   a refused one sets badbit (operators) or leaves the version untouched;
 //   a ZStreamLight mismatch stops right behind the first byte that differs;
 // - heads written with a magic from the input read back;
-// - on a stream that cannot seek, both directories refuse.
-// The sanitizers and libFuzzer's limits catch crashes, hangs and large
-// allocations besides.
+// - on a stream that cannot seek, the named directory refuses at Open and
+//   the numbered one at the first seek.
+// A seek beyond the stream's end stops the run too. The sanitizers and
+// libFuzzer's limits catch crashes, hangs and large allocations besides.
 //
 // Built with -DTZ_FUZZ_SEEDS, the same file is a program that writes a seed
 // corpus of valid items (with the header in front) and a dictionary.
@@ -85,6 +92,7 @@ struct Bytes {
 template <typename Key>
 struct Table {
   bool sound = false;
+  bool sorted = true;          // keys ascend: the search finds each one
   std::uint64_t openedAt = 0;  // where Open leaves the stream
   std::uint64_t end = 0;       // where Close leaves it
   std::vector<std::pair<Key, std::uint32_t>> entries;
@@ -96,6 +104,10 @@ struct Table {
     return std::any_of(entries.begin(), entries.end(),
                        [&](const auto& e) { return e.first == key && e.second == at; });
   }
+  bool HoldsBeyond(const Key& key, std::uint64_t size) const {
+    return std::any_of(entries.begin(), entries.end(),
+                       [&](const auto& e) { return e.first == key && e.second > size; });
+  }
 };
 
 Table<std::uint16_t> ReadNumbered(const Bytes& b, std::uint64_t p) {
@@ -105,12 +117,10 @@ Table<std::uint16_t> ReadNumbered(const Bytes& b, std::uint64_t p) {
   if (n > OutputStreamDirectory::kMaxSlots || count > n || !b.Has(p, 10 + 6 * n)) return t;
   t.openedAt = p + 10 + 6 * n;
   t.end = b.U32(p + 6 + 6 * n);
-  if (t.end < t.openedAt || t.end > b.size) return t;
   for (std::uint64_t i = 0; i < count; ++i) {
     const std::uint16_t id = b.U16(p + 6 + 2 * i);
-    const std::uint32_t offset = b.U32(p + 6 + 2 * n + 4 * i);
-    if ((i > 0 && id < t.entries.back().first) || offset < t.openedAt || offset > t.end) return t;
-    t.entries.emplace_back(id, offset);
+    if (i > 0 && id < t.entries.back().first) t.sorted = false;
+    t.entries.emplace_back(id, b.U32(p + 6 + 2 * n + 4 * i));
   }
   t.sound = true;
   return t;
@@ -120,14 +130,12 @@ Table<std::string> ReadNamed(const Bytes& b, std::uint64_t p) {
   Table<std::string> t;
   if (!b.Has(p, 16) || std::memcmp(b.data + p, kNamedMagic, sizeof kNamedMagic) != 0) return t;
   const std::uint64_t table = b.U32(p + 12);
-  if (table < p + 20 || !b.Has(table, 4)) return t;
+  if (table == 0 || !b.Has(table, 4)) return t;
   const std::uint64_t count = b.U32(table);
   if (!b.Has(table + 4, 16 * count)) return t;
   for (std::uint64_t i = 0; i < count; ++i) {
     const std::uint64_t at = table + 4 + 16 * i;
-    const std::uint32_t offset = b.U32(at);
-    if (offset < p + 20 || offset > table) return t;
-    t.entries.emplace_back(b.Text(at + 4, 11), offset);
+    t.entries.emplace_back(b.Text(at + 4, 11), b.U32(at));
   }
   t.openedAt = t.end = table + 4 + 16 * count;
   t.sound = true;
@@ -145,13 +153,36 @@ class ForwardOnly : public std::streambuf {
   std::string bytes_;
 };
 
+// A string stream buffer on which a seek beyond the end stops the run: the
+// readers check stored positions before they seek, and on a file or a
+// block stream such a seek would be followed.
+class Bounded : public std::stringbuf {
+ public:
+  explicit Bounded(const std::string& bytes)
+      : std::stringbuf(bytes, std::ios::in), size_(static_cast<std::streamoff>(bytes.size())) {}
+
+ protected:
+  pos_type seekpos(pos_type to, std::ios_base::openmode which) override {
+    Expect(static_cast<std::streamoff>(to) <= size_, "a seek beyond the stream's end");
+    return std::stringbuf::seekpos(to, which);
+  }
+  pos_type seekoff(off_type off, std::ios_base::seekdir dir, std::ios_base::openmode which) override {
+    Expect(dir != std::ios::beg || off <= size_, "a seek beyond the stream's end");
+    return std::stringbuf::seekoff(off, dir, which);
+  }
+
+ private:
+  std::streamoff size_;
+};
+
 // A fresh stream on the bytes, standing at P.
 class Source {
  public:
   Source(const Bytes& b, std::uint64_t p, bool seekable) : seekable_(seekable) {
     const std::string all(reinterpret_cast<const char*>(b.data), b.size);
     if (seekable) {
-      stream_ = std::make_unique<std::istringstream>(all);
+      bounded_ = std::make_unique<Bounded>(all);
+      stream_ = std::make_unique<std::istream>(bounded_.get());
       stream_->seekg(static_cast<std::streamoff>(p));
     } else {
       forward_ = std::make_unique<ForwardOnly>(all.substr(p));
@@ -159,6 +190,7 @@ class Source {
     }
   }
   std::istream& stream() { return *stream_; }
+  bool seekable() const { return seekable_; }
   // The position, or -1 where the stream cannot tell it.
   std::int64_t Where() { return seekable_ ? static_cast<std::int64_t>(stream_->tellg()) : -1; }
   // Reads up to 16 bytes, never past the end (which would set eofbit).
@@ -171,6 +203,7 @@ class Source {
  private:
   bool seekable_;
   std::unique_ptr<ForwardOnly> forward_;
+  std::unique_ptr<Bounded> bounded_;
   std::unique_ptr<std::istream> stream_;
 };
 
@@ -185,12 +218,26 @@ void CheckDirectory(Source& src, Directory& dir, const Table<Key>& model,
     for (const Key& key : absent) Expect(lookup(dir, key) == nullptr, "a refused directory finds");
     return;
   }
-  Expect(s.good() && src.Where() == static_cast<std::int64_t>(model.openedAt), "Open leaves the stream elsewhere");
+  Expect(s.good() && (!src.seekable() || src.Where() == static_cast<std::int64_t>(model.openedAt)),
+         "Open leaves the stream elsewhere");
   Expect(!dir.Open(s) && s.good(), "a second Open is taken or changes the stream");
   for (const auto& e : model.entries) {
-    Expect(lookup(dir, e.first) == &s, "a stored key is not found");
-    Expect(model.HoldsAt(e.first, static_cast<std::uint64_t>(src.Where())), "a key is found elsewhere");
-    src.Taste(b.size);
+    const std::int64_t before = src.Where();
+    std::istream* found = lookup(dir, e.first);
+    if (found != nullptr) {
+      const std::int64_t at = src.Where();
+      Expect(found == &s && s.good() && at >= 0 && static_cast<std::uint64_t>(at) <= b.size &&
+                 model.HoldsAt(e.first, static_cast<std::uint64_t>(at)),
+             "a key is found elsewhere");
+      src.Taste(b.size);
+    } else if (s.bad()) {
+      Expect(!src.seekable() || model.HoldsBeyond(e.first, b.size), "a key within the stream is refused");
+      s.clear();
+      Expect(src.Where() == before, "a refused seek moves the stream");
+    } else {
+      Expect(!model.sorted, "a stored key is not found");
+      Expect(s.good() && src.Where() == before, "a key not found moves the stream");
+    }
   }
   for (const Key& key : absent) {
     if (model.Holds(key)) continue;
@@ -198,12 +245,19 @@ void CheckDirectory(Source& src, Directory& dir, const Table<Key>& model,
     Expect(lookup(dir, key) == nullptr, "a key not stored is found");
     Expect(s.good() && src.Where() == before, "a missing key moves the stream");
   }
+  const std::int64_t before = src.Where();
   dir.Close();
-  Expect(src.Where() == static_cast<std::int64_t>(model.end), "Close leaves the stream elsewhere");
+  if (src.seekable() && model.end <= b.size) {
+    Expect(s.good() && src.Where() == static_cast<std::int64_t>(model.end), "Close leaves the stream elsewhere");
+  } else {
+    Expect(s.fail(), "Close beyond the stream's end leaves no failbit");
+    s.clear();
+    Expect(src.Where() == before, "Close beyond the stream's end moves it");
+  }
 }
 
 void CheckNumbered(const Bytes& b, std::uint64_t p, bool seekable, std::uint16_t extraId) {
-  Table<std::uint16_t> model = seekable ? ReadNumbered(b, p) : Table<std::uint16_t>();
+  const Table<std::uint16_t> model = ReadNumbered(b, p);
   Source src(b, p, seekable);
   InputStreamDirectory dir(src.stream());
   Expect(src.stream().good() == model.sound, "numbered: Open disagrees with the table");

@@ -40,6 +40,19 @@ bool StreamEnd(std::istream& in, std::uint64_t here, std::uint64_t* end) {
   return true;
 }
 
+bool SeekWithin(std::istream& in, std::uint64_t target) {
+  in.clear(in.rdstate() & ~std::ios::eofbit);
+  if (in.fail()) return false;
+  std::uint64_t here;
+  std::uint64_t end;
+  if (!GetPosition(in, &here) || !StreamEnd(in, here, &end) || target > end) {
+    in.setstate(std::ios::failbit);
+    return false;
+  }
+  in.seekg(static_cast<std::streamoff>(target));
+  return !in.fail();
+}
+
 bool ReadMagic(std::istream& in, const char* magic, std::size_t size) {
   char stored[16];
   if (in.rdstate() != std::ios::goodbit || size > sizeof stored) return false;

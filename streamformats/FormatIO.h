@@ -35,6 +35,16 @@ void SeekPut(std::ostream& out, std::uint32_t position);
 // cannot tell its size.
 bool StreamEnd(std::istream& in, std::uint64_t here, std::uint64_t* end);
 
+// seekg to `target` when the stream holds it, that is when `target` is not
+// beyond the position one behind its last byte, so bad input never makes a
+// stream seek outside itself (on a block stream such a seek would grow the
+// file). Like seekg, it first clears eofbit and then does nothing when
+// failbit or badbit is set. A target beyond the end, or a stream that
+// cannot tell its position or size, gets failbit as a failed seek would,
+// and the stream does not move. True when the stream then stands at
+// `target` with failbit and badbit clear.
+bool SeekWithin(std::istream& in, std::uint64_t target);
+
 // True when the stream has no state bit set and its next `size` bytes are
 // those of `magic`; the bytes are consumed either way. REQUIRES: size <= 16
 // (a longer magic never matches).

@@ -103,12 +103,14 @@ bool OldInputStreamDirectory::IsStreamDirectory(const std::istream& constStream)
 }
 
 boost::shared_ptr<std::vector<NamedEntry>> OldInputStreamDirectory::ReadTable(
-    std::istream& in, std::uint64_t dataStart, std::uint64_t streamEnd,
-    std::uint32_t tableAt) {
-  if (tableAt < dataStart || tableAt + kField > streamEnd) return {};
-  std::uint32_t count;
+    std::istream& in, std::uint64_t streamEnd, std::uint32_t tableAt) {
+  // 0 is left by a writer that never closed: no table can stand there.
+  // Beyond the stream's end there is nothing to seek to.
+  if (tableAt == 0 || tableAt > streamEnd) return {};
   in.seekg(tableAt);
-  if (!ReadFourBytes(&count, 1, in) ||
+  std::uint32_t count;
+  // The count is bounded by the bytes behind it before any room is taken.
+  if (!ReadFourBytes(&count, 1, in) || tableAt + kField > streamEnd ||
       count > (streamEnd - tableAt - kField) / tz::kNamedEntrySize) {
     return {};
   }
@@ -119,11 +121,10 @@ boost::shared_ptr<std::vector<NamedEntry>> OldInputStreamDirectory::ReadTable(
     const std::size_t n = std::min<std::size_t>(tz::kEntriesPerChunk, count - table->size());
     if (!ReadBytes(chunk, n * tz::kNamedEntrySize, in)) return {};
     for (std::size_t i = 0; i < n; ++i) {
-      const NamedEntry entry = tz::DecodeNamedEntry(chunk + i * tz::kNamedEntrySize);
-      if (entry.offset < dataStart || entry.offset > tableAt) return {};
-      table->push_back(entry);
+      table->push_back(tz::DecodeNamedEntry(chunk + i * tz::kNamedEntrySize));
     }
   }
+  if (in.rdstate() != std::ios::goodbit) return {};
   // Tables written here are sorted already, which costs one pass to see;
   // the search must not depend on it.
   if (!std::is_sorted(table->begin(), table->end(), tz::NamedEntryBefore)) {
@@ -141,8 +142,7 @@ bool OldInputStreamDirectory::Open(std::istream& in) {
       !ReadFourBytes(&tableAt, 1, in) || !tz::StreamEnd(in, afterMagic + kField, &streamEnd)) {
     return tz::RefuseStream(in);
   }
-  boost::shared_ptr<std::vector<NamedEntry>> table =
-      ReadTable(in, afterMagic + 2 * kField, streamEnd, tableAt);
+  boost::shared_ptr<std::vector<NamedEntry>> table = ReadTable(in, streamEnd, tableAt);
   if (!table) return tz::RefuseStream(in);
   entries = table;
   endPosition = static_cast<std::uint32_t>(tableAt + kField + entries->size() * tz::kNamedEntrySize);
@@ -155,8 +155,8 @@ std::istream* OldInputStreamDirectory::GetInput(const char* name) {
   const NamedEntry key = tz::MakeNamedEntry(name, 0);
   const auto found = std::lower_bound(entries->begin(), entries->end(), key, tz::NamedEntryBefore);
   if (found == entries->end() || std::strcmp(found->name, key.name) != 0) return nullptr;
-  stream->seekg(found->offset);
-  if (stream->fail()) {
+  // An offset beyond the stream's end is refused as a failed seek.
+  if (!tz::SeekWithin(*stream, found->offset)) {
     tz::RefuseStream(*stream);
     return nullptr;
   }
@@ -165,6 +165,7 @@ std::istream* OldInputStreamDirectory::GetInput(const char* name) {
 
 void OldInputStreamDirectory::Close() {
   if (!entries) return;
+  // Within the stream: Open took the table only when it ended there.
   stream->seekg(endPosition);
   entries.reset();
   stream = nullptr;

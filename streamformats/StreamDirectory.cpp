@@ -9,11 +9,6 @@
 namespace {
 
 constexpr char kMagic[2] = {'x', 'A'};
-constexpr std::uint64_t kMagicSize = sizeof kMagic;
-
-// Bytes from P to the first data byte for a capacity of n slots: magic,
-// capacity, count, n ids, n offsets, end position.
-std::uint64_t HeadSize(std::uint16_t n) { return kMagicSize + 2 + 2 + 6u * n + 4; }
 
 }  // namespace
 
@@ -112,30 +107,17 @@ bool InputStreamDirectory::CheckMagicString(std::istream& in) {
 
 bool InputStreamDirectory::ReadOffsetIDVector(std::istream& in, std::uint16_t& slots) {
   if (!ReadTwoBytes(&slots, 1, in) || !ReadTwoBytes(&count, 1, in)) return false;
+  // The arrays hold kMaxSlots; a count above the capacity would make the
+  // search look at slots that were not read.
   if (slots > OutputStreamDirectory::kMaxSlots || count > slots) return false;
   return ReadTwoBytes(ids, slots, in) && ReadFourBytes(offsets, slots, in);
 }
 
-bool InputStreamDirectory::TableIsSound(std::istream& in, std::uint64_t tableStart,
-                                        std::uint16_t slots) const {
-  const std::uint64_t dataStart = tableStart + HeadSize(slots);
-  std::uint64_t streamEnd;
-  if (!tz::StreamEnd(in, dataStart, &streamEnd)) return false;
-  if (endPosition < dataStart || endPosition > streamEnd) return false;
-  for (std::uint16_t i = 0; i < count; ++i) {
-    if (i > 0 && ids[i] < ids[i - 1]) return false;
-    if (offsets[i] < dataStart || offsets[i] > endPosition) return false;
-  }
-  return true;
-}
-
 bool InputStreamDirectory::Open(std::istream& in) {
   if (isOpen) return false;
-  std::uint64_t afterMagic;
   std::uint16_t slots;
-  if (!CheckMagicString(in) || !tz::GetPosition(in, &afterMagic) ||
-      !ReadOffsetIDVector(in, slots) || !ReadFourBytes(&endPosition, 1, in) ||
-      !TableIsSound(in, afterMagic - kMagicSize, slots)) {
+  if (!CheckMagicString(in) || !ReadOffsetIDVector(in, slots) ||
+      !ReadFourBytes(&endPosition, 1, in)) {
     return tz::RefuseStream(in);
   }
   stream = &in;
@@ -145,13 +127,25 @@ bool InputStreamDirectory::Open(std::istream& in) {
 
 std::istream* InputStreamDirectory::GetInput(std::uint16_t id) {
   if (!isOpen || stream->rdstate() != std::ios::goodbit) return nullptr;
-  const std::uint16_t* slot = std::lower_bound(ids, ids + count, id);
-  if (slot == ids + count || *slot != id) return nullptr;
-  const std::uint32_t target = offsets[slot - ids];
+  // The first slot whose id is not below `id`, by halving. The ids come from
+  // the stream and need not ascend; the search then may miss an id, but it
+  // stays within the first count slots.
+  std::uint16_t low = 0;
+  std::uint16_t high = count;
+  while (low < high) {
+    const std::uint16_t middle = static_cast<std::uint16_t>(low + (high - low) / 2);
+    if (ids[middle] < id) {
+      low = static_cast<std::uint16_t>(middle + 1);
+    } else {
+      high = middle;
+    }
+  }
+  if (low == count || ids[low] != id) return nullptr;
+  const std::uint32_t target = offsets[low];
   std::uint64_t here;
   if (!tz::GetPosition(*stream, &here) || here != target) {
-    stream->seekg(target);
-    if (stream->fail()) {
+    // An offset beyond the stream's end is refused as a failed seek.
+    if (!tz::SeekWithin(*stream, target)) {
       tz::RefuseStream(*stream);
       return nullptr;
     }
@@ -162,9 +156,11 @@ std::istream* InputStreamDirectory::GetInput(std::uint16_t id) {
 void InputStreamDirectory::Close() {
   if (!isOpen) return;
   std::uint64_t here;
-  // seekg clears eofbit, so a caller who read the last sub-stream to its end
-  // still gets a stream placed behind the directory.
-  if (!tz::GetPosition(*stream, &here) || here != endPosition) stream->seekg(endPosition);
+  // SeekWithin clears eofbit as seekg does, so a caller who read the last
+  // sub-stream to its end still gets a stream placed behind the directory.
+  // An end position beyond the stream's end leaves failbit and the stream
+  // where it stood.
+  if (!tz::GetPosition(*stream, &here) || here != endPosition) tz::SeekWithin(*stream, endPosition);
   stream = nullptr;
   isOpen = false;
 }

@@ -19,20 +19,25 @@
 //                 first byte, 12 bytes name (at most 11 characters,
 //                 zero-filled)
 // The item ends at D + 4 + 16 * count. Positions are the stream's own
-// (tellp), low 32 bits, not relative to P; a directory beyond the first
-// 4 GiB of a stream cannot be told from damage and is refused. The table
-// is sorted by the 32-bit hash of the name (unsigned), then by the name's
-// bytes (unsigned); the hash is not stored but recomputed. Names longer than
-// 11 characters are cut to 11, when written and when looked up.
+// (tellp), low 32 bits, not relative to P; beyond the first 4 GiB of a
+// stream they are cut to their low 32 bits and the reader goes where they
+// say. The table is sorted by the 32-bit hash of the name (unsigned), then
+// by the name's bytes (unsigned); the hash is not stored but recomputed.
+// Names longer than 11 characters are cut to 11, when written and when
+// looked up.
 //
-// Invariants of a table the reader takes (checked at Open, so a damaged or
-// hostile stream never makes it allocate beyond the stream's size or seek
-// outside the stream):
-// (1) P + 20 <= D and D + 4 + 16 * count <= size of the stream; a table
-//     position of 0, left by a writer that never closed, breaks this.
-// (2) P + 20 <= each entry's position <= D.
-// (3) Each name in memory is zero-terminated within its 12 bytes (byte 11
-//     of a stored name is taken as 0 whatever it holds).
+// What the reader checks, and where (so a damaged or hostile stream never
+// makes it allocate beyond the stream's size or seek outside the stream;
+// anything else in the table is taken as it stands):
+// - Open: the magic; D, before the seek to it: not 0 and not beyond the
+//   stream's end; the count, before room is taken for the table: its
+//   entries fit between D + 4 and the stream's end; a short read. Each
+//   name in memory is zero-terminated within its 12 bytes (byte 11 of a
+//   stored name is taken as 0 whatever it holds).
+// - GetInput: the entry's position against the stream's end, before the
+//   seek.
+// A table may stand anywhere in the stream, and entries may point anywhere
+// in it, the head and the table included.
 //
 // Ownership: neither class owns its stream; the stream must outlive the
 // directory's use of it. Copies of a reader share one table through a
@@ -113,18 +118,24 @@ class TZ_EXPORT OldInputStreamDirectory {
   ~OldInputStreamDirectory();
 
   // Reads the head and the table at the stream's position. True when the
-  // table was taken. False when already open (nothing changes); false with
-  // badbit set for a state bit set on entry, a wrong magic, a short table,
-  // or one that breaks the invariants above (a table position of 0, left by
-  // a writer that never closed, among them). After false the object is
-  // closed. Costs one read of the table and a sort: O(count log count).
+  // table was taken, with the stream behind it. False when already open
+  // (nothing changes); false with badbit set for a state bit set on entry,
+  // a wrong magic, a short read, a stream that cannot tell its position or
+  // size, a table position beyond the stream's end or of 0, and a count
+  // whose entries the stream cannot hold (refused rather than allocated).
+  // A table position of 0 is left by a writer that never closed; no table
+  // can stand there, since a table follows a head of 20 bytes, and what
+  // stands at 0 is refused rather than read as one. After false the object
+  // is closed. Costs one read of the table and a sort: O(count log count).
   bool Open(std::istream& stream);
 
   // The stream, placed at the first byte of sub-stream `name` (cut to 11
   // characters), or null when the directory is not open, the name is null,
   // the stream has a state bit set, or the table has no such name (the
-  // stream is then untouched). A failed seek sets badbit and gives null.
-  // Of two entries with one name, either may be found.
+  // stream is then untouched). The seek is always made; a failed one, an
+  // entry's position beyond the stream's end, or a stream that cannot tell
+  // its position or size, gives badbit and null (the stream not moved in
+  // the last two cases). Of two entries with one name, either may be found.
   // A binary search on the hashes: O(log count).
   std::istream* GetInput(const char* name);
 
@@ -141,11 +152,11 @@ class TZ_EXPORT OldInputStreamDirectory {
 
  private:
   static bool CheckMagicString(std::istream& stream);
-  // Reads and checks the table at D = `tableAt`; null when it breaks the
-  // invariants. `dataStart` is P + 20.
+  // Seeks to D = `tableAt` and reads the table there, sorted; null when D
+  // or the count fails the checks of Open or the read comes up short.
+  // `streamEnd` is the position one behind the stream's last byte.
   static boost::shared_ptr<std::vector<NamedEntry>> ReadTable(
-      std::istream& stream, std::uint64_t dataStart, std::uint64_t streamEnd,
-      std::uint32_t tableAt);
+      std::istream& stream, std::uint64_t streamEnd, std::uint32_t tableAt);
 
   std::istream* stream;
   std::uint32_t endPosition;  // behind the table

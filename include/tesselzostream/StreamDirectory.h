@@ -19,17 +19,22 @@
 //                     sub-stream
 //   P + 10 + 6N       the sub-streams, in the order they were written
 // Positions are the stream's own (tellp), low 32 bits, not relative to P, so
-// a directory may follow other data; one that ends beyond the first 4 GiB
-// of a stream cannot be told from damage and is refused. The slots from
-// count to N - 1 mean nothing. Until Close the head reads count = N and end
-// position P + 2.
+// a directory may follow other data; beyond the first 4 GiB of a stream the
+// stored positions are cut to their low 32 bits and the reader goes where
+// they say. The slots from count to N - 1 mean nothing. Until Close the head
+// reads count = N, zero ids and offsets, and end position P + 2.
 //
-// Invariants of a closed directory, which the reader checks before it takes
-// a table (so a damaged or hostile stream never makes it seek outside the
-// stream or overrun its arrays):
-// (1) count <= N <= kMaxSlots.
-// (2) The first count ids ascend.
-// (3) P + 10 + 6N <= each used offset <= end position <= size of the stream.
+// What the reader checks, and where (so a damaged or hostile stream never
+// makes it overrun its arrays or seek outside the stream; anything else in
+// the table is taken as it stands):
+// - Open: the magic; a short read; N <= kMaxSlots, before the ids and
+//   offsets are read into the arrays; count <= N, since the slots beyond N
+//   were not read and hold nothing of this table. A table that was never
+//   closed passes all of these and opens.
+// - GetInput: the offset against the stream's end, before the seek.
+// - Close: the end position against the stream's end, before the seek.
+// Ids that do not ascend are not refused; the search over them is defined,
+// but it may miss an id that is stored.
 //
 // Ownership: neither class owns its stream; the stream must outlive the
 // directory's use of it (until Close or the destructor).
@@ -106,30 +111,36 @@ class TZ_EXPORT InputStreamDirectory {
   // Reads the head and the table at the stream's position. True with the
   // stream at the first data byte. False when already open (nothing
   // changes); false with badbit set for a state bit set on entry, a wrong
-  // magic, a short table or one that breaks the invariants above (a stored
-  // capacity or count above kMaxSlots, and a directory that was never
-  // closed, among them). After false, GetInput gives null.
+  // magic, a short read, a stored capacity above kMaxSlots, or a count
+  // above the capacity (slots beyond it were not read); these two are
+  // refused the way a short read is. Offsets, the end position and the
+  // order of the ids are not looked at here, so a directory that was never
+  // closed opens (with the zero slots that the writer here leaves: N ids 0
+  // at offset 0). After false, GetInput gives null. Needs no seek and no
+  // size of the stream.
   bool Open(std::istream& stream);
 
   // The stream, placed at the first byte of sub-stream `id`, or null when
-  // the directory is not open, the stream has a state bit set, or no slot
-  // holds the id (the stream is then untouched). Seeks only when the stream
-  // stands elsewhere; a failed seek sets badbit and gives null. Of two slots
-  // with one id, either may be found.
+  // the directory is not open, the stream has a state bit set, or the
+  // search over the first count ids (by halving) finds no slot with the id
+  // (the stream is then untouched). Seeks only when the stream stands
+  // elsewhere; an offset beyond the stream's end, or a stream that cannot
+  // tell its position or size, counts as a failed seek: badbit and null,
+  // the stream not moved. Of two slots with one id, either may be found;
+  // of ids stored out of order, some may not be found.
   std::istream* GetInput(std::uint16_t id);
 
   // Places the stream at the end position, behind the directory's data,
-  // so the next item can be read. Does nothing when not open.
+  // so the next item can be read (eofbit is cleared first, as seekg does).
+  // An end position beyond the stream's end gets failbit, as a failed seek
+  // would, and the stream is not moved. Does nothing when not open.
   void Close();
 
  private:
   static bool CheckMagicString(std::istream& stream);
   // Reads capacity, count, ids and offsets; false when the read came up
-  // short or capacity and count break invariant (1).
+  // short, the capacity is above kMaxSlots or the count above the capacity.
   bool ReadOffsetIDVector(std::istream& stream, std::uint16_t& capacity);
-  // Invariants (2) and (3); `tableStart` is P.
-  bool TableIsSound(std::istream& stream, std::uint64_t tableStart,
-                    std::uint16_t capacity) const;
 
   std::istream* stream;
   std::uint32_t endPosition;

@@ -160,25 +160,55 @@ TEST(OldStreamDirectory, IsStreamDirectoryLeavesTheStreamAsItWas) {
   EXPECT_EQ(s->rdstate(), std::ios::eofbit);
 }
 
-TEST(OldStreamDirectory, TruncatedOrDamagedTablesAreRefused) {
-  std::vector<std::pair<std::string, std::string>> cases;
+TEST(OldStreamDirectory, TruncatedOrDamagedTables) {
+  // Refused at Open: badbit, and GetInput gives null.
+  std::vector<std::pair<std::string, std::string>> refused;
   for (std::size_t cut = 0; cut < kExample.size(); ++cut) {
-    cases.emplace_back("cut at " + std::to_string(cut), kExample.substr(0, cut));
+    refused.emplace_back("cut at " + std::to_string(cut), kExample.substr(0, cut));
   }
-  cases.emplace_back("wrong magic", Patched(kExample, 11, {'x'}));
-  cases.emplace_back("never closed: table at 0", Patched(kExample, 12, {0}));
-  cases.emplace_back("table in the head", Patched(kExample, 12, {19}));
-  cases.emplace_back("table beyond the stream", Patched(kExample, 12, {61}));
-  cases.emplace_back("count one too many", Patched(kExample, 28, {3}));
-  cases.emplace_back("count of four billion", Patched(kExample, 28, {0xFF, 0xFF, 0xFF, 0xFF}));
-  cases.emplace_back("entry in the head", Patched(kExample, 32, {19}));
-  cases.emplace_back("entry behind the table", Patched(kExample, 48, {29}));
-  cases.emplace_back("entry far beyond", Patched(kExample, 51, {0x7F}));
-  for (const auto& [what, bytes] : cases) {
+  refused.emplace_back("wrong magic", Patched(kExample, 11, {'x'}));
+  refused.emplace_back("never closed: table at 0", Patched(kExample, 12, {0}));
+  refused.emplace_back("table runs beyond the stream", Patched(kExample, 12, {61}));
+  refused.emplace_back("table far beyond", Patched(kExample, 12, {0xFF, 0xFF, 0xFF, 0x7F}));
+  refused.emplace_back("count one too many", Patched(kExample, 28, {3}));
+  refused.emplace_back("count of four billion", Patched(kExample, 28, {0xFF, 0xFF, 0xFF, 0xFF}));
+  for (const auto& [what, bytes] : refused) {
     auto s = StringStream(bytes);
     OldInputStreamDirectory dir(*s);
     EXPECT_TRUE(s->bad()) << what;
     EXPECT_EQ(dir.GetInput("abd"), nullptr) << what;
+  }
+
+  // Opened; the stream's end bounds each seek. `at` is where GetInput(name)
+  // places the stream, kMissing for null with the stream untouched,
+  // kBeyond for null and badbit with the stream not moved; `end` is where
+  // Open and Close leave it.
+  constexpr std::streamoff kMissing = -1, kBeyond = -2;
+  struct Opened {
+    std::string what, bytes;
+    const char* name;
+    std::streamoff at, end;
+  };
+  const Opened cases[] = {
+      {"table on the reserved field: empty", Patched(kExample, 12, {16}), "abd", kMissing, 20},
+      {"entry in the head", Patched(kExample, 32, {19}), "abc", 19, 64},
+      {"entry behind the table", Patched(kExample, 48, {29}), "abd", 29, 64},
+      {"entry at the end", Patched(kExample, 48, {64}), "abd", 64, 64},
+      {"entry behind the end", Patched(kExample, 48, {65}), "abd", kBeyond, 64},
+      {"entry far beyond", Patched(kExample, 51, {0x7F}), "abd", kBeyond, 64},
+  };
+  for (const Opened& c : cases) {
+    auto s = StringStream(c.bytes);
+    OldInputStreamDirectory dir(*s);
+    ASSERT_TRUE(s->good()) << c.what;
+    EXPECT_EQ(s->tellg(), c.end) << c.what;
+    std::istream* found = dir.GetInput(c.name);
+    EXPECT_EQ(found != nullptr, c.at >= 0) << c.what;
+    EXPECT_EQ(s->bad(), c.at == kBeyond) << c.what;
+    s->clear();
+    EXPECT_EQ(s->tellg(), c.at >= 0 ? c.at : c.end) << c.what;
+    dir.Close();
+    EXPECT_EQ(s->tellg(), c.end) << c.what;
   }
 
   // On a block stream a seek far beyond the end would grow the file.
@@ -186,6 +216,7 @@ TEST(OldStreamDirectory, TruncatedOrDamagedTablesAreRefused) {
   any.stream() << Patched(kExample, 32, {0xF0, 0xFF, 0xFF, 0x7F});
   OldInputStreamDirectory dir(any.stream().seekg(0));
   EXPECT_EQ(dir.GetInput("abc"), nullptr);
+  EXPECT_TRUE(any.stream().bad());
   EXPECT_EQ(Contents(any.stream()).size(), kExample.size());
 }
 

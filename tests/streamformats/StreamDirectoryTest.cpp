@@ -133,36 +133,71 @@ TEST(StreamDirectory, WriterRefusesWhatItCannotHold) {
   EXPECT_TRUE(closed.bad());
 }
 
-TEST(StreamDirectory, TruncatedOrDamagedTablesAreRefused) {
-  std::vector<std::pair<std::string, std::string>> cases;
-  for (std::size_t cut = 0; cut < kExample.size(); ++cut) {
-    cases.emplace_back("cut at " + std::to_string(cut), kExample.substr(0, cut));
+TEST(StreamDirectory, TruncatedOrDamagedTables) {
+  // Refused at Open: badbit, and GetInput gives null.
+  std::vector<std::pair<std::string, std::string>> refused;
+  for (std::size_t cut = 0; cut < 28; ++cut) {
+    refused.emplace_back("cut at " + std::to_string(cut), kExample.substr(0, cut));
   }
-  std::stringstream unfinished;  // count = N and the end at P + 2
-  OutputStreamDirectory never(unfinished, 3);
-  never.GetOutput(2) << "data";
-  cases.emplace_back("never closed", unfinished.str());
-  cases.emplace_back("wrong magic", Patched(kExample, 1, {'a'}));
-  cases.emplace_back("capacity above 80", Patched(kExample, 2, {81}));
-  cases.emplace_back("count above capacity", Patched(kExample, 4, {4}));
-  cases.emplace_back("ids descending", Patched(kExample, 6, {9}));
-  cases.emplace_back("offset in the table", Patched(kExample, 12, {27}));
-  cases.emplace_back("offset behind the end", Patched(kExample, 16, {37}));
-  cases.emplace_back("offset far beyond", Patched(kExample, 15, {0xFF}));
-  cases.emplace_back("end beyond the stream", Patched(kExample, 24, {37}));
-  cases.emplace_back("end before the data", Patched(kExample, 24, {27}));
-  for (const auto& [what, bytes] : cases) {
+  refused.emplace_back("wrong magic", Patched(kExample, 1, {'a'}));
+  refused.emplace_back("capacity above 80", Patched(kExample, 2, {81}));
+  refused.emplace_back("count above capacity", Patched(kExample, 4, {4}));
+  for (const auto& [what, bytes] : refused) {
     auto s = StringStream(bytes);
     InputStreamDirectory dir(*s);
     EXPECT_TRUE(s->bad()) << what;
     EXPECT_EQ(dir.GetInput(2), nullptr) << what;
   }
 
+  // Opened; the stream's end bounds each seek. `at` is where GetInput(id)
+  // places the stream, kMissing for null with the stream untouched,
+  // kBeyond for null and badbit; `end` is where Close leaves it, kBeyond
+  // for failbit with the stream not moved.
+  constexpr std::streamoff kMissing = -1, kBeyond = -2;
+  struct Opened {
+    std::string what, bytes;
+    std::uint16_t id;
+    std::streamoff at, end;
+  };
+  std::stringstream unfinished;  // count = N, zero slots, the end at P + 2
+  OutputStreamDirectory never(unfinished, 3);
+  never.GetOutput(2) << "data";
+  const Opened cases[] = {
+      {"never closed", unfinished.str(), 0, 0, 2},
+      {"never closed, id not in the zero slots", unfinished.str(), 2, kMissing, 2},
+      {"data cut", kExample.substr(0, 30), 2, kBeyond, kBeyond},
+      {"ids out of order", Patched(kExample, 6, {9}), 7, kMissing, 36},
+      {"offset in the table", Patched(kExample, 12, {27}), 2, 27, 36},
+      {"offset at the end", Patched(kExample, 12, {36}), 2, 36, 36},
+      {"offset behind the end", Patched(kExample, 12, {37}), 2, kBeyond, 36},
+      {"offset far beyond", Patched(kExample, 15, {0xFF}), 2, kBeyond, 36},
+      {"end beyond the stream", Patched(kExample, 24, {37}), 2, 31, kBeyond},
+      {"end before the data", Patched(kExample, 24, {2}), 7, 28, 2},
+  };
+  for (const Opened& c : cases) {
+    auto s = StringStream(c.bytes);
+    InputStreamDirectory dir(*s);
+    ASSERT_TRUE(s->good()) << c.what;
+    std::istream* found = dir.GetInput(c.id);
+    EXPECT_EQ(found != nullptr, c.at >= 0) << c.what;
+    EXPECT_EQ(s->bad(), c.at == kBeyond) << c.what;
+    s->clear();
+    EXPECT_EQ(s->tellg(), c.at >= 0 ? c.at : 28) << c.what;
+    dir.Close();
+    EXPECT_EQ(s->fail(), c.end == kBeyond) << c.what;
+    s->clear();
+    EXPECT_EQ(s->tellg(), c.end >= 0 ? c.end : std::max<std::streamoff>(c.at, 28)) << c.what;
+  }
+
   // On a block stream a seek far beyond the end would grow the file.
   AnyStream any(StreamKind::Block);
-  any.stream() << Patched(kExample, 12, {0xF0, 0xFF, 0xFF, 0x7F});
+  any.stream() << Patched(Patched(kExample, 12, {0xF0, 0xFF, 0xFF, 0x7F}), 24, {0, 0, 0, 0x7F});
   InputStreamDirectory dir(any.stream().seekg(0));
   EXPECT_EQ(dir.GetInput(2), nullptr);
+  EXPECT_TRUE(any.stream().bad());
+  any.stream().clear();
+  dir.Close();
+  EXPECT_TRUE(any.stream().fail());
   EXPECT_EQ(Contents(any.stream()).size(), kExample.size());
 }
 
