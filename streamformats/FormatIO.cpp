@@ -40,12 +40,17 @@ bool StreamEnd(std::istream& in, std::uint64_t here, std::uint64_t* end) {
   return true;
 }
 
-bool SeekWithin(std::istream& in, std::uint64_t target) {
-  in.clear(in.rdstate() & ~std::ios::eofbit);
-  if (in.fail()) return false;
+std::uint64_t EndOf(std::istream& in) {
   std::uint64_t here;
   std::uint64_t end;
-  if (!GetPosition(in, &here) || !StreamEnd(in, here, &end) || target > end) {
+  if (!GetPosition(in, &here) || !StreamEnd(in, here, &end)) return kUnknownEnd;
+  return end;
+}
+
+bool SeekWithin(std::istream& in, std::uint64_t target, std::uint64_t end) {
+  in.clear(in.rdstate() & ~std::ios::eofbit);
+  if (in.fail()) return false;
+  if (target > end) {
     in.setstate(std::ios::failbit);
     return false;
   }

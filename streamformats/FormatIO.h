@@ -35,15 +35,22 @@ void SeekPut(std::ostream& out, std::uint32_t position);
 // cannot tell its size.
 bool StreamEnd(std::istream& in, std::uint64_t here, std::uint64_t* end);
 
+// The position one behind the stream's last byte, measured from its
+// current position (which stays), or kUnknownEnd when the stream cannot
+// tell its position or size.
+constexpr std::uint64_t kUnknownEnd = ~std::uint64_t{0};
+std::uint64_t EndOf(std::istream& in);
+
 // seekg to `target` when the stream holds it, that is when `target` is not
-// beyond the position one behind its last byte, so bad input never makes a
-// stream seek outside itself (on a block stream such a seek would grow the
-// file). Like seekg, it first clears eofbit and then does nothing when
-// failbit or badbit is set. A target beyond the end, or a stream that
-// cannot tell its position or size, gets failbit as a failed seek would,
-// and the stream does not move. True when the stream then stands at
-// `target` with failbit and badbit clear.
-bool SeekWithin(std::istream& in, std::uint64_t target);
+// beyond `end` (the stream's EndOf, measured once by the caller), so bad
+// input never makes a stream seek outside itself (on a block stream such a
+// seek would grow the file). Like seekg, it first clears eofbit and then
+// does nothing when failbit or badbit is set. A target beyond `end` gets
+// failbit as a failed seek would, and the stream does not move; with
+// kUnknownEnd the seek itself decides (a stream that cannot tell its size
+// cannot seek either). True when the stream then stands at `target` with
+// failbit and badbit clear.
+bool SeekWithin(std::istream& in, std::uint64_t target, std::uint64_t end);
 
 // True when the stream has no state bit set and its next `size` bytes are
 // those of `magic`; the bytes are consumed either way. REQUIRES: size <= 16

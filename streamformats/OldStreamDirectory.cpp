@@ -71,7 +71,7 @@ void OldOutputStreamDirectory::Close() {
   tz::SeekPut(*stream, end);
 }
 
-OldInputStreamDirectory::OldInputStreamDirectory() : stream(nullptr), endPosition(0) {}
+OldInputStreamDirectory::OldInputStreamDirectory() : stream(nullptr), endPosition(0), end(0) {}
 
 OldInputStreamDirectory::OldInputStreamDirectory(std::istream& in)
     : OldInputStreamDirectory() {
@@ -146,6 +146,7 @@ bool OldInputStreamDirectory::Open(std::istream& in) {
   if (!table) return tz::RefuseStream(in);
   entries = table;
   endPosition = static_cast<std::uint32_t>(tableAt + kField + entries->size() * tz::kNamedEntrySize);
+  end = streamEnd;
   stream = &in;
   return true;
 }
@@ -156,7 +157,7 @@ std::istream* OldInputStreamDirectory::GetInput(const char* name) {
   const auto found = std::lower_bound(entries->begin(), entries->end(), key, tz::NamedEntryBefore);
   if (found == entries->end() || std::strcmp(found->name, key.name) != 0) return nullptr;
   // An offset beyond the stream's end is refused as a failed seek.
-  if (!tz::SeekWithin(*stream, found->offset)) {
+  if (!tz::SeekWithin(*stream, found->offset, end)) {
     tz::RefuseStream(*stream);
     return nullptr;
   }

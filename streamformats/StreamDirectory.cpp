@@ -88,7 +88,7 @@ void OutputStreamDirectory::WriteDirectory(std::ostream& out) {
 }
 
 InputStreamDirectory::InputStreamDirectory(std::istream& in)
-    : stream(nullptr), endPosition(0), count(0), ids(), offsets(), isOpen(false) {
+    : stream(nullptr), endPosition(0), count(0), ids(), offsets(), isOpen(false), streamEnd(0) {
   Open(in);
 }
 
@@ -120,6 +120,7 @@ bool InputStreamDirectory::Open(std::istream& in) {
       !ReadFourBytes(&endPosition, 1, in)) {
     return tz::RefuseStream(in);
   }
+  streamEnd = tz::EndOf(in);
   stream = &in;
   isOpen = true;
   return true;
@@ -145,7 +146,7 @@ std::istream* InputStreamDirectory::GetInput(std::uint16_t id) {
   std::uint64_t here;
   if (!tz::GetPosition(*stream, &here) || here != target) {
     // An offset beyond the stream's end is refused as a failed seek.
-    if (!tz::SeekWithin(*stream, target)) {
+    if (!tz::SeekWithin(*stream, target, streamEnd)) {
       tz::RefuseStream(*stream);
       return nullptr;
     }
@@ -160,7 +161,7 @@ void InputStreamDirectory::Close() {
   // sub-stream to its end still gets a stream placed behind the directory.
   // An end position beyond the stream's end leaves failbit and the stream
   // where it stood.
-  if (!tz::GetPosition(*stream, &here) || here != endPosition) tz::SeekWithin(*stream, endPosition);
+  if (!tz::GetPosition(*stream, &here) || here != endPosition) tz::SeekWithin(*stream, endPosition, streamEnd);
   stream = nullptr;
   isOpen = false;
 }

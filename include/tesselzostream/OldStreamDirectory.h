@@ -34,8 +34,8 @@
 //   entries fit between D + 4 and the stream's end; a short read. Each
 //   name in memory is zero-terminated within its 12 bytes (byte 11 of a
 //   stored name is taken as 0 whatever it holds).
-// - GetInput: the entry's position against the stream's end, before the
-//   seek.
+// - GetInput: the entry's position against the stream's end (as Open
+//   measured it, once), before the seek.
 // A table may stand anywhere in the stream, and entries may point anywhere
 // in it, the head and the table included.
 //
@@ -161,6 +161,7 @@ class TZ_EXPORT OldInputStreamDirectory {
   std::istream* stream;
   std::uint32_t endPosition;  // behind the table
   boost::shared_ptr<std::vector<NamedEntry>> entries;  // non-null while open
+  std::uint64_t end;  // the stream's end as Open found it; seeks stay below
 };
 
 #endif  // TESSELZOSTREAM_OLDSTREAMDIRECTORY_H_

@@ -31,7 +31,8 @@
 //   offsets are read into the arrays; count <= N, since the slots beyond N
 //   were not read and hold nothing of this table. A table that was never
 //   closed passes all of these and opens.
-// - GetInput: the offset against the stream's end, before the seek.
+// - GetInput: the offset against the stream's end (as Open measured it,
+//   once), before the seek.
 // - Close: the end position against the stream's end, before the seek.
 // Ids that do not ascend are not refused; the search over them is defined,
 // but it may miss an id that is stored.
@@ -148,6 +149,9 @@ class TZ_EXPORT InputStreamDirectory {
   std::uint16_t ids[OutputStreamDirectory::kMaxSlots];
   std::uint32_t offsets[OutputStreamDirectory::kMaxSlots];
   bool isOpen;
+  // The stream's end as Open found it, or the largest value when the stream
+  // could not tell; every seek of the reader stays at or below it.
+  std::uint64_t streamEnd;
 };
 
 #endif  // TESSELZOSTREAM_STREAMDIRECTORY_H_
