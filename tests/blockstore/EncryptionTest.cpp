@@ -46,33 +46,6 @@ TEST(CipherLength, RoundsUpToEightAndStopsAtOneThousand) {
   for (const auto& c : cases) EXPECT_EQ(BlockFileCore::CipherLength(c.first), c.second) << c.first;
 }
 
-TEST_F(EncryptionTest, ReadsBackAfterCloseAndOpenWithThePassword) {
-  {
-    CompoundFile file;
-    ASSERT_EQ(file.Open(path_.c_str(), OpenReadWrite), StatusOk);
-    ASSERT_EQ(file.Encrypt("secret"), StatusOk);
-    EXPECT_TRUE(file.IsEncrypted());
-    EXPECT_EQ(GetStream(file, "full"), full_);  // the cipher stays set
-    file.Close();
-  }
-  CompoundFile file;
-  ASSERT_EQ(file.Open(path_.c_str(), OpenReadOnly), StatusOk);
-  EXPECT_TRUE(file.IsEncrypted());
-  bool ok = true;
-  GetStream(file, "full", &ok);  // locked: the first data block read fails
-  EXPECT_FALSE(ok);
-  EXPECT_EQ(file.GetStatus(), StatusPasswordNeeded);
-  EXPECT_FALSE(file.IsEncrypted());
-  EXPECT_FALSE(file.SetPassword("wrong"));
-  EXPECT_EQ(file.GetStatus(), StatusPasswordNeeded);
-  EXPECT_TRUE(file.SetPassword("secret"));
-  EXPECT_EQ(file.GetStatus(), StatusOk);
-  EXPECT_TRUE(file.IsEncrypted());
-  EXPECT_EQ(GetStream(file, "full"), full_);
-  EXPECT_EQ(GetStream(file, "short"), "abcdefghi");
-  EXPECT_EQ(GetStream(file, "empty"), "");
-}
-
 TEST_F(EncryptionTest, HeadsDirectoryAndTailsStayClear) {
   {
     CompoundFile file;
@@ -107,17 +80,36 @@ TEST_F(EncryptionTest, HeadsDirectoryAndTailsStayClear) {
   EXPECT_EQ(GetStream(file, "after"), "written while unlocked");
 }
 
-TEST_F(EncryptionTest, DecryptRestoresTheClearFile) {
+// Locked until the password is given, the old one refused after a change
+// of password (two passes), and Decrypt gives back the clear file.
+TEST_F(EncryptionTest, LockStatesPasswordChangeAndDecrypt) {
   CompoundFile file;
   ASSERT_EQ(file.Open(path_.c_str(), OpenReadWrite), StatusOk);
   ASSERT_EQ(file.Encrypt("one"), StatusOk);
-  ASSERT_EQ(file.Encrypt("two"), StatusOk);  // a change of password: two passes
+  EXPECT_TRUE(file.IsEncrypted());
+  EXPECT_EQ(GetStream(file, "full"), full_);  // the cipher stays set
+  ASSERT_EQ(file.Encrypt("two"), StatusOk);
+  file.Close();
+  ASSERT_EQ(file.Open(path_.c_str(), OpenReadOnly), StatusOk);
+  EXPECT_TRUE(file.IsEncrypted());
+  bool ok = true;
+  GetStream(file, "full", &ok);  // locked: the first data block read fails
+  EXPECT_FALSE(ok);
+  EXPECT_EQ(file.GetStatus(), StatusPasswordNeeded);
+  EXPECT_FALSE(file.IsEncrypted());
+  EXPECT_FALSE(file.SetPassword("one"));
+  EXPECT_EQ(file.GetStatus(), StatusPasswordNeeded);
+  EXPECT_TRUE(file.SetPassword("two"));
+  EXPECT_EQ(file.GetStatus(), StatusOk);
+  EXPECT_TRUE(file.IsEncrypted());
+  EXPECT_EQ(GetStream(file, "full"), full_);
+  EXPECT_EQ(GetStream(file, "short"), "abcdefghi");
+  EXPECT_EQ(GetStream(file, "empty"), "");
   file.Close();
   ASSERT_EQ(file.Open(path_.c_str(), OpenReadWrite), StatusOk);
   EXPECT_EQ(file.Decrypt(), StatusPasswordNeeded);  // nothing given yet
   file.Close();
   ASSERT_EQ(file.Open(path_.c_str(), OpenReadWrite), StatusOk);
-  EXPECT_FALSE(file.SetPassword("one"));
   ASSERT_TRUE(file.SetPassword("two"));
   ASSERT_EQ(file.Decrypt(), StatusOk);
   EXPECT_FALSE(file.IsEncrypted());

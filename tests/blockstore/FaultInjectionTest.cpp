@@ -154,42 +154,26 @@ class FaultInjectionTest : public ::testing::Test {
   FileBytes good_;
 };
 
-TEST_F(FaultInjectionTest, NewStream) {
-  const std::string bytes = Pattern(5000, 21);
-  RunUntilClean({"new stream", [bytes](CompoundFile& f) { PutStream(f, "fresh", bytes); },
-                 "fresh", false, bytes, false});
-}
-
-TEST_F(FaultInjectionTest, OverwriteInPlace) {
-  const std::string patch = Pattern(3000, 22);
-  std::string after = *OldContent("one");
-  after.replace(1500, patch.size(), patch);
-  RunUntilClean({"overwrite with r+b", [patch](CompoundFile& f) { Patch(f, "one", 1500, patch); },
-                 "one", false, after, false});
-}
-
-// Growing a stream takes blocks from the hole and from the end of the file.
-TEST_F(FaultInjectionTest, AppendToStream) {
-  const std::string tail = Pattern(4000, 23);
-  RunUntilClean({"append with r+b", [tail](CompoundFile& f) { Patch(f, "two", -1, tail); },
-                 "two", false, *OldContent("two") + tail, false});
-}
-
-TEST_F(FaultInjectionTest, DeleteStream) {
-  RunUntilClean({"delete", [](CompoundFile& f) { f.DeleteCFFile("four"); }, "four", true, "", false});
-}
-
-TEST_F(FaultInjectionTest, EncryptFile) {
-  RunUntilClean({"encrypt", [](CompoundFile& f) { f.Encrypt(kPassword); }, nullptr, false, "", true});
-}
-
-// Both passes, so that the failing write lands in the deciphering one too.
-TEST_F(FaultInjectionTest, EncryptThenDecrypt) {
-  RunUntilClean({"encrypt, then decrypt",
-                 [](CompoundFile& f) {
-                   if (f.Encrypt(kPassword) == ZoStreamE::StatusOk) f.Decrypt();
-                 },
-                 nullptr, false, "", true});
+// Growing a stream ("two") takes blocks from the hole and from the end of
+// the file. Encrypting and decrypting runs both passes, so that the failing
+// write lands in the deciphering one too.
+TEST_F(FaultInjectionTest, EveryOperationSurvivesAFullDisk) {
+  const std::string fresh = Pattern(5000, 21), patch = Pattern(3000, 22), tail = Pattern(4000, 23);
+  const std::string patched = std::string(*OldContent("one")).replace(1500, patch.size(), patch);
+  const Operation operations[] = {
+      {"new stream", [&](CompoundFile& f) { PutStream(f, "fresh", fresh); }, "fresh", false, fresh, false},
+      {"overwrite with r+b", [&](CompoundFile& f) { Patch(f, "one", 1500, patch); }, "one", false, patched, false},
+      {"append with r+b", [&](CompoundFile& f) { Patch(f, "two", -1, tail); }, "two", false,
+       *OldContent("two") + tail, false},
+      {"delete", [](CompoundFile& f) { f.DeleteCFFile("four"); }, "four", true, "", false},
+      {"encrypt", [](CompoundFile& f) { f.Encrypt(kPassword); }, nullptr, false, "", true},
+      {"encrypt, then decrypt",
+       [](CompoundFile& f) {
+         if (f.Encrypt(kPassword) == ZoStreamE::StatusOk) f.Decrypt();
+       },
+       nullptr, false, "", true},
+  };
+  for (const Operation& op : operations) RunUntilClean(op);
 }
 
 }  // namespace
