@@ -162,17 +162,13 @@ TEST_F(CompoundFileTest, HandlesOnOnePathShareOneEngine) {
 
   // Reopening a handle that holds a file releases it first, even if the new
   // open fails.
-  CompoundFile h;
-  ASSERT_EQ(h.Open(path.c_str(), OpenReadOnly), StatusOk);
+  OpenedFile h(path, OpenReadOnly);
   EXPECT_EQ(h.Open(dir_.Path("no/such.cf").c_str(), OpenReadWrite), StatusNotOpen);
-  CompoundFile w;
-  ASSERT_EQ(w.Open(path.c_str(), OpenReadWrite), StatusOk);
-  EXPECT_FALSE(w.IsReadOnly());
+  EXPECT_FALSE(OpenedFile(path, OpenReadWrite).IsReadOnly());
 }
 
 TEST_F(CompoundFileTest, LockKeepsOutAnotherProcessAndADirectOpen) {
-  CompoundFile file;
-  ASSERT_EQ(file.Open(path.c_str(), OpenReadWrite), StatusOk);
+  OpenedFile file(path, OpenReadWrite);
   ASSERT_TRUE(PutStream(file, "s", "x"));
   const pid_t child = fork();
   ASSERT_GE(child, 0);
@@ -193,8 +189,7 @@ TEST_F(CompoundFileTest, LockKeepsOutAnotherProcessAndADirectOpen) {
 }
 
 TEST_F(CompoundFileTest, DirectoryGrowsAndFillsSlots) {
-  CompoundFile file;
-  ASSERT_EQ(file.Open(path.c_str(), OpenReadWrite), StatusOk);
+  OpenedFile file(path, OpenReadWrite);
   for (const char* name : {"a", "b", "c", "d"}) ASSERT_TRUE(PutStream(file, name, name));
   file.Flush();
   // The fourth stream opened a second directory block, linked from block 1.
@@ -230,8 +225,7 @@ TEST_F(CompoundFileTest, DirectoryOnDiskMatchesMemoryAtEveryFlush) {
   for (int session = 0; session < 6; ++session) {
     BlockFileCore* core = OpenShared(path.c_str(), OpenReadWrite);
     ASSERT_NE(core, nullptr);
-    CompoundFile file;
-    ASSERT_EQ(file.Open(path.c_str(), OpenReadWrite), StatusOk);
+    OpenedFile file(path, OpenReadWrite);
     for (int step = 0; step < 60; ++step) {
       const std::string name = "n" + std::to_string(rng() % 25);
       if (rng() % 4 == 0) {
@@ -266,8 +260,7 @@ TEST_F(CompoundFileTest, DirectoryOnDiskMatchesMemoryAtEveryFlush) {
 
 TEST_F(CompoundFileTest, SavedMapIsTakenOnlyWhileTheDirectoryIsUnchanged) {
   {
-    CompoundFile file;
-    ASSERT_EQ(file.Open(path.c_str(), OpenReadWrite), StatusOk);
+    OpenedFile file(path, OpenReadWrite);
     ASSERT_TRUE(PutStream(file, "keep", std::string(3000, 'k')));
     ASSERT_TRUE(PutStream(file, "gone", std::string(3000, 'g')));
     ASSERT_TRUE(file.DeleteCFFile("gone"));
@@ -283,8 +276,7 @@ TEST_F(CompoundFileTest, SavedMapIsTakenOnlyWhileTheDirectoryIsUnchanged) {
   ASSERT_LE(freeBlock, BlockCount(f));
   f[BlockAt(freeBlock) + bf::kOffSignature] = 'X';
   WriteAll(path, f);
-  CompoundFile file;
-  ASSERT_EQ(file.Open(path.c_str(), OpenReadWrite), StatusOk);
+  OpenedFile file(path, OpenReadWrite);
   EXPECT_EQ(file.GetNumUsedBlocks(), static_cast<int>(f.size() / 1024) - 1);
   file.Close();  // wrote nothing: the file is unchanged
   EXPECT_EQ(ReadAll(path), f);

@@ -48,8 +48,7 @@ TEST(CipherLength, RoundsUpToEightAndStopsAtOneThousand) {
 
 TEST_F(EncryptionTest, HeadsDirectoryAndTailsStayClear) {
   {
-    CompoundFile file;
-    ASSERT_EQ(file.Open(path_.c_str(), OpenReadWrite), StatusOk);
+    OpenedFile file(path_, OpenReadWrite);
     ASSERT_EQ(file.Encrypt("pw"), StatusOk);
     ASSERT_TRUE(PutStream(file, "after", "written while unlocked"));
     file.Close();
@@ -74,8 +73,7 @@ TEST_F(EncryptionTest, HeadsDirectoryAndTailsStayClear) {
       EXPECT_NE(std::memcmp(Payload(f, n), Payload(clear_, n), 1000), 0);
     }
   }
-  CompoundFile file;
-  ASSERT_EQ(file.Open(path_.c_str(), OpenReadWrite), StatusOk);  // scans: the list can't be read locked
+  OpenedFile file(path_, OpenReadWrite);  // scans: the list can't be read locked
   ASSERT_TRUE(file.SetPassword("pw"));
   EXPECT_EQ(GetStream(file, "after"), "written while unlocked");
 }
@@ -83,8 +81,7 @@ TEST_F(EncryptionTest, HeadsDirectoryAndTailsStayClear) {
 // Locked until the password is given, the old one refused after a change
 // of password (two passes), and Decrypt gives back the clear file.
 TEST_F(EncryptionTest, LockStatesPasswordChangeAndDecrypt) {
-  CompoundFile file;
-  ASSERT_EQ(file.Open(path_.c_str(), OpenReadWrite), StatusOk);
+  OpenedFile file(path_, OpenReadWrite);
   ASSERT_EQ(file.Encrypt("one"), StatusOk);
   EXPECT_TRUE(file.IsEncrypted());
   EXPECT_EQ(GetStream(file, "full"), full_);  // the cipher stays set
@@ -126,8 +123,7 @@ TEST_F(EncryptionTest, LockStatesPasswordChangeAndDecrypt) {
 }
 
 TEST_F(EncryptionTest, RefusalsLeaveTheFileAsItWas) {
-  CompoundFile file;
-  ASSERT_EQ(file.Open(path_.c_str(), OpenReadOnly), StatusOk);
+  OpenedFile file(path_, OpenReadOnly);
   EXPECT_EQ(file.Encrypt("pw"), ZoStreamE::StatusFailed);
   file.Close();
   EXPECT_EQ(ReadAll(path_), clear_);

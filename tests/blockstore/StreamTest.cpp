@@ -216,8 +216,7 @@ TEST_F(StreamTest, StreamKeepsTheFileOpenAfterItsHandleCloses) {
   EXPECT_EQ(file_.Close(), StatusOk);
   out->write("still here", 10);
   out.reset();  // the last holder: the file closes now
-  CompoundFile again;
-  ASSERT_EQ(again.Open(path_.c_str(), OpenReadOnly), StatusOk);
+  OpenedFile again(path_, OpenReadOnly);
   EXPECT_EQ(GetStream(again, "late"), "still here");
 }
 

@@ -121,8 +121,7 @@ TEST_F(CopyBackTest, FailedWritesLeaveAReadableFile) {
     std::map<std::string, std::string> stored;
     int damaged = 0;
     for (const auto& s : before) {
-      CompoundFile cf;
-      ASSERT_EQ(ZoStreamE::StatusOk, cf.Open(file.c_str(), ZoStreamE::OpenReadOnly));
+      tztest::OpenedFile cf(file, ZoStreamE::OpenReadOnly);
       bool ok = false;
       const std::string content = tztest::GetStream(cf, s.first.c_str(), &ok);
       if (ok) stored[s.first] = content;
