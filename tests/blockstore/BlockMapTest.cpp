@@ -9,18 +9,16 @@
 #include "blockstore/BlockMap.h"
 #include "blockstore/ChainList.h"
 
+// Capacity doubles up to 10000 (exactly 10000 still doubles), then grows
+// by 10000, or to the request + 10 where the step falls short.
 TEST(BlockMap, GrowthSteps) {
-  BlockMap map;
+  BlockMap map, exact;
   EXPECT_EQ(map.capacity(), 110);  // doubling 0 falls short of 100
-  map.Grow(5000);
-  EXPECT_EQ(map.capacity(), 5010);  // far above the doubling
-  map.Grow(5011);
-  EXPECT_EQ(map.capacity(), 10020);  // above 10000: linear steps
-  map.Grow(10021);
-  EXPECT_EQ(map.capacity(), 20020);
-
-  BlockMap exact;
-  exact.Grow(10000 - 10);  // capacity exactly 10000 still doubles
+  for (const auto& step : {std::make_pair(5000, 5010), {5011, 10020}, {10021, 20020}}) {
+    map.Grow(step.first);
+    EXPECT_EQ(map.capacity(), step.second) << step.first;
+  }
+  exact.Grow(10000 - 10);
   ASSERT_EQ(exact.capacity(), 10000);
   exact.Grow(10001);
   EXPECT_EQ(exact.capacity(), 20000);
