@@ -56,11 +56,15 @@ TEST_F(CopyBackTest, ChangedFilesGoInAscendingOrderAndOnlyOnce) {
   EXPECT_EQ("a", Stored().at("a"));
 }
 
+// A read-only source refuses to copy back, and a compaction does nothing.
 TEST_F(CopyBackTest, ReadOnlySourceRefusesTheSave) {
   Store({{"a", "1"}});
   auto source = Opened(true);
   EXPECT_EQ(Source::CompoundFileNotAvailable, source->CopyToBlockFile(false));
   EXPECT_TRUE(Fill(source->GetOStream("a"), "2"));
+  const auto original = tztest::ReadAll(file);
+  source->CompactCompoundFile();
+  EXPECT_EQ(original, tztest::ReadAll(file));
   EXPECT_EQ(Source::CompoundFileNotAvailable, source->Close(Source::SaveChanges, false));
   EXPECT_TRUE(fs::exists(work));
   EXPECT_EQ(Source::NoError, source->Close(Source::DiscardChanges, false));
