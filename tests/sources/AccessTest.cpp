@@ -3,12 +3,7 @@
 // working directory.
 #include <unistd.h>
 
-#include <boost/filesystem.hpp>
-
 #include "tests/sources/SourceFixture.h"
-
-namespace fs = boost::filesystem;
-using Source = CompoundFileStreamSource;
 
 namespace {
 

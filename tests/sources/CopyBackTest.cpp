@@ -1,11 +1,6 @@
 // Extraction and copy back: chunk boundaries, order, refusals, a damaged
 // stored stream, and injected write failures.
-#include <boost/filesystem.hpp>
-
 #include "tests/sources/SourceFixture.h"
-
-namespace fs = boost::filesystem;
-using Source = CompoundFileStreamSource;
 
 namespace {
 

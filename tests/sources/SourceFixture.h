@@ -15,12 +15,15 @@
 
 #include "tests/TestUtil.h"
 
+namespace fs = boost::filesystem;
+using Source = CompoundFileStreamSource;
+
 class SourceFixture : public ::testing::Test {
  protected:
   tztest::ScratchDir dir;
   const std::string file = dir.Path("doc.tzcf");
   const std::string work =
-      CompoundFileStreamSource::GetTempFolderName(dir.path().c_str(), "doc.tzcf");
+      Source::GetTempFolderName(dir.path().c_str(), "doc.tzcf");
 
   // Makes the compound file with these streams.
   void Store(const std::map<std::string, std::string>& streams) {
@@ -43,9 +46,9 @@ class SourceFixture : public ::testing::Test {
     return result;
   }
   // A source on our file and working folder, opened with a new folder.
-  std::unique_ptr<CompoundFileStreamSource> Opened(bool readOnly = false) {
-    std::unique_ptr<CompoundFileStreamSource> source(new CompoundFileStreamSource(file.c_str(), work.c_str()));
-    EXPECT_EQ(CompoundFileStreamSource::NoError, source->Open(CompoundFileStreamSource::NewDirectory, readOnly));
+  std::unique_ptr<Source> Opened(bool readOnly = false) {
+    std::unique_ptr<Source> source(new Source(file.c_str(), work.c_str()));
+    EXPECT_EQ(Source::NoError, source->Open(Source::NewDirectory, readOnly));
     return source;
   }
   // Reads the rest of a stream and deletes it; "<null>" for null.
@@ -65,7 +68,7 @@ class SourceFixture : public ::testing::Test {
     return ok;
   }
   bool InWork(const std::string& name) const {
-    return boost::filesystem::exists(work + "/" + name);
+    return fs::exists(work + "/" + name);
   }
 };
 

@@ -1,10 +1,5 @@
 // Save as, compaction and the unused-space estimate.
-#include <boost/filesystem.hpp>
-
 #include "tests/sources/SourceFixture.h"
-
-namespace fs = boost::filesystem;
-using Source = CompoundFileStreamSource;
 
 namespace {
 
@@ -76,12 +71,15 @@ TEST_F(WholeFileTest, CompactionRefusalsAndFailures) {
   const auto original = tztest::ReadAll(file);
   for (char c = 'A'; c <= 'Y'; ++c) tztest::WriteAll(dir.Path(std::string("kelvoptmp") + c + ".zvp"), {});
   auto source = Opened();
-  try {
-    source->CompactCompoundFile();
-    ADD_FAILURE() << "no exception";
-  } catch (const Exception& e) {
-    EXPECT_STREQ("Temporary file name could not be generated.", e.what());
-  }
+  auto expectThrows = [&](const char* what) {
+    try {
+      source->CompactCompoundFile();
+      ADD_FAILURE() << "no exception";
+    } catch (const Exception& e) {
+      EXPECT_STREQ(what, e.what());
+    }
+  };
+  expectThrows("Temporary file name could not be generated.");
   fs::remove(dir.Path("kelvoptmpC.zvp"));
 
   // Every write to the new file fails: the old one stays as it was.
@@ -89,12 +87,7 @@ TEST_F(WholeFileTest, CompactionRefusalsAndFailures) {
   env.Reset(1);
   {
     tztest::ScopedEnv scoped(&env);
-    try {
-      source->CompactCompoundFile();
-      ADD_FAILURE() << "no exception";
-    } catch (const Exception& e) {
-      EXPECT_STREQ("The file could not be copied", e.what());
-    }
+    expectThrows("The file could not be copied");
   }
   EXPECT_EQ(original, tztest::ReadAll(file));
   EXPECT_EQ("1", Drain(source->GetIStream("a")));
