@@ -5,7 +5,7 @@
 
 #include <cstring>
 #include <random>
-#include <set>
+#include <map>
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,5 @@
 // Block streams: the chains they leave in the file, a model test against a
 // std::string, and the edges of reading, writing and seeking.
-#include <cstring>
 #include <memory>
 #include <random>
 #include <thread>
@@ -11,7 +10,6 @@
 #include "blockstore/BlockFormat.h"
 #include "blockstore/FileServer.h"
 #include "tests/TestUtil.h"
-#include "utility/Endian.h"
 
 namespace bf = blockformat;
 using namespace tztest;
