@@ -1,13 +1,11 @@
-// The record codec: round trips, field places, texts without their zero,
-// and every truncation of a real file.
+// The record codec: round trips and texts without their zero. (Damage to
+// whole files, truncations included, is in DamageTest.)
 #include <cstring>
 #include <random>
 
 #include <gtest/gtest.h>
 
 #include "blockstore/BlockFormat.h"
-#include "tests/TestUtil.h"
-#include "utility/Endian.h"
 
 namespace bf = blockformat;
 
@@ -69,52 +67,4 @@ TEST(BlockFormat, TextsWithoutTheirZeroAreCut) {
 
   raw[bf::kOffFileSignature + 2] = 'X';
   EXPECT_FALSE(bf::DecodeDirBlock(raw, &back));
-}
-
-// Cutting a real file anywhere leaves either a file that is refused or one
-// that opens and reports its missing blocks by status, never a crash.
-TEST(BlockFormat, EveryTruncationOfAFileIsRefusedOrReportsMissingBlocks) {
-  tztest::ScratchDir dir;
-  const std::string path = dir.Path("whole.cf");
-  {
-    CompoundFile file;
-    ASSERT_EQ(file.Open(path.c_str(), ZoStreamE::OpenReadWrite), ZoStreamE::StatusOk);
-    for (int i = 0; i < 4; ++i) {
-      const std::string name = "s" + std::to_string(i);
-      ASSERT_TRUE(tztest::PutStream(file, name.c_str(), tztest::Pattern(1500 * i, i)));
-    }
-    file.Close();
-  }
-  const std::vector<unsigned char> whole = tztest::ReadAll(path);
-  ASSERT_EQ(whole.size() % bf::kBlockSize, 0u);
-  for (std::size_t cut = 1; cut < whole.size(); cut += (cut % bf::kBlockSize == 0) ? 1 : 97) {
-    const std::string cutPath = dir.Path("cut.cf");
-    tztest::WriteAll(cutPath, std::vector<unsigned char>(whole.begin(), whole.begin() + cut));
-    for (ZoStreamE::OpenMode mode : {ZoStreamE::OpenReadOnly, ZoStreamE::OpenReadWrite}) {
-      CompoundFile file;
-      ZoStreamE::Status status;
-      try {
-        status = file.Open(cutPath.c_str(), mode);
-      } catch (ZoStreamE::Status thrown) {
-        EXPECT_EQ(thrown, ZoStreamE::StatusFailed);
-        continue;
-      }
-      if (cut % bf::kBlockSize != 0) {
-        EXPECT_EQ(status, ZoStreamE::StatusNotOpen) << cut;
-        continue;
-      }
-      if (status != ZoStreamE::StatusOk) continue;
-      for (int i = 0; i < 4; ++i) {
-        const std::string name = "s" + std::to_string(i);
-        bool ok = false;
-        const std::string got = tztest::GetStream(file, name.c_str(), &ok);
-        if (ok) {
-          EXPECT_EQ(got, tztest::Pattern(1500 * i, i)) << cut;
-        }
-      }
-      const ZoStreamE::Status after = file.GetStatus();
-      EXPECT_TRUE(after == ZoStreamE::StatusOk || after == ZoStreamE::StatusPastEnd ||
-                  after == ZoStreamE::StatusFailed);
-    }
-  }
 }

@@ -9,46 +9,19 @@
 #include "blockstore/BlockMap.h"
 #include "blockstore/ChainList.h"
 
+// Capacity doubles up to 10000 (exactly 10000 still doubles), then grows
+// by 10000, or to the request + 10 where the step falls short.
 TEST(BlockMap, GrowthSteps) {
-  BlockMap map;
+  BlockMap map, exact;
   EXPECT_EQ(map.capacity(), 110);  // doubling 0 falls short of 100
-  map.Grow(5000);
-  EXPECT_EQ(map.capacity(), 5010);  // far above the doubling
-  map.Grow(5011);
-  EXPECT_EQ(map.capacity(), 10020);  // above 10000: linear steps
-  map.Grow(10021);
-  EXPECT_EQ(map.capacity(), 20020);
-
-  BlockMap exact;
-  exact.Grow(10000 - 10);  // capacity exactly 10000 still doubles
+  for (const auto& step : {std::make_pair(5000, 5010), {5011, 10020}, {10021, 20020}}) {
+    map.Grow(step.first);
+    EXPECT_EQ(map.capacity(), step.second) << step.first;
+  }
+  exact.Grow(10000 - 10);
   ASSERT_EQ(exact.capacity(), 10000);
   exact.Grow(10001);
   EXPECT_EQ(exact.capacity(), 20000);
-}
-
-TEST(BlockMap, FreedBlocksComeBackLowestFirst) {
-  BlockMap map;
-  for (int i = 1; i <= 9; ++i) EXPECT_EQ(map.AllocBlock(), i);
-  map.SetBlock(7, 0);
-  map.SetBlock(5, 0);
-  EXPECT_EQ(map.nextFree(), 5);
-  EXPECT_EQ(map.AllocBlock(), 5);
-  EXPECT_EQ(map.AllocBlock(), 7);
-  EXPECT_EQ(map.AllocBlock(), 10);
-  EXPECT_EQ(map.CountUsed(), 10);
-}
-
-TEST(BlockMap, CursorMovesOnlyDownwardForFrees) {
-  BlockMap map;
-  map.AllocBlock();
-  map.AllocBlock();  // cursor at 3
-  map.SetBlock(8, 0);
-  EXPECT_EQ(map.nextFree(), 3);
-  map.SetBlock(9, 1);
-  EXPECT_EQ(map.nextFree(), 3);
-  EXPECT_EQ(map.highest(), 9);
-  map.SetBlock(3, 1);  // taking the cursor's block advances it over used ones
-  EXPECT_EQ(map.nextFree(), 4);
 }
 
 TEST(BlockMap, AdoptedTables) {
@@ -73,19 +46,23 @@ TEST(BlockMap, AdoptedTables) {
 }
 
 // Random allocations, frees and marks against a plain vector whose rule is
-// "the lowest free number, else one past the highest".
+// "the lowest free number, else one past the highest". The cursor must name
+// that number at every step: frees below it pull it down, frees above it
+// and marks above the highest leave it, taking its block moves it on.
 TEST(BlockMap, ModelAgainstVector) {
   std::mt19937 rng(20261123);
   BlockMap map;
   std::vector<std::uint8_t> model(1, 0);  // index 0 unused
   for (int step = 0; step < 100000; ++step) {
+    int lowest = 1;
+    while (lowest < static_cast<int>(model.size()) && model[lowest] != 0) ++lowest;
+    const bool anyFree = lowest < static_cast<int>(model.size());
+    ASSERT_TRUE(anyFree ? map.nextFree() == lowest : map.nextFree() > map.highest()) << "step " << step;
     const int op = static_cast<int>(rng() % 10);
     if (op < 5) {
-      int expected = 1;
-      while (expected < static_cast<int>(model.size()) && model[expected] != 0) ++expected;
-      ASSERT_EQ(map.AllocBlock(), expected) << "step " << step;
-      if (expected == static_cast<int>(model.size())) model.push_back(0);
-      model[expected] = 1;
+      ASSERT_EQ(map.AllocBlock(), lowest) << "step " << step;
+      if (!anyFree) model.push_back(0);
+      model[lowest] = 1;
     } else {
       const int n = 1 + static_cast<int>(rng() % (model.size() + 30));
       const std::uint8_t value = op < 8 ? 0 : 1;
@@ -94,6 +71,7 @@ TEST(BlockMap, ModelAgainstVector) {
       model[n] = value;
     }
     ASSERT_EQ(map.highest(), static_cast<int>(model.size()) - 1);
+    ASSERT_LE(map.highest(), map.capacity());
   }
   int used = 0;
   for (std::size_t i = 1; i < model.size(); ++i) {

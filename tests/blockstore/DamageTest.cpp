@@ -9,94 +9,29 @@
 #include <functional>
 #include <memory>
 #include <random>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "blockstore/BlockFormat.h"
 #include "tests/TestUtil.h"
-#include "utility/Endian.h"
 
 namespace {
 
 namespace bf = blockformat;
-using Bytes = std::vector<unsigned char>;
+using namespace tztest;
+using Bytes = FileBytes;
 using ZoStreamE::OpenReadOnly;
 using ZoStreamE::OpenReadWrite;
 using ZoStreamE::Status;
-using tztest::GetStream;
-using tztest::Pattern;
-using tztest::PutStream;
-
-std::size_t BlockAt(std::uint32_t n) { return (static_cast<std::size_t>(n) - 1) * bf::kBlockSize; }
-std::uint32_t BlockCountOf(const Bytes& b) {
-  return static_cast<std::uint32_t>(b.size() / bf::kBlockSize);
-}
-std::uint32_t Get32(const Bytes& b, std::size_t at) { return tz::DecodeFixed32(&b.at(at)); }
-void Put32(Bytes& b, std::size_t at, std::uint32_t v) { tz::EncodeFixed32(&b.at(at), v); }
-
-// Block numbers of a chain as the file links them, cut at the file's block
-// count so that a looping chain still gives a finite list.
-std::vector<std::uint32_t> Chain(const Bytes& b, std::uint32_t first) {
-  std::vector<std::uint32_t> chain;
-  for (std::uint32_t n = first; n != 0 && n <= BlockCountOf(b) && chain.size() < BlockCountOf(b);
-       n = Get32(b, BlockAt(n) + bf::kOffNextBlock)) {
-    chain.push_back(n);
-  }
-  return chain;
-}
-
-// File offset of the entry in use named `name` (compared with case).
-std::size_t EntryAt(const Bytes& b, const char* name) {
-  for (std::uint32_t n : Chain(b, 1)) {
-    for (std::uint32_t e = 0; e < bf::kEntriesPerBlock; ++e) {
-      const std::size_t at = BlockAt(n) + bf::kOffEntries + e * bf::kEntrySize;
-      const char* stored = reinterpret_cast<const char*>(&b[at + bf::kOffName]);
-      if (Get32(b, at + bf::kOffFirstBlock) != 0 &&
-          std::strncmp(name, stored, DirEntry::kNameSize) == 0) {
-        return at;
-      }
-    }
-  }
-  throw std::logic_error(std::string("no entry ") + name);
-}
-
-std::uint32_t FirstBlockOf(const Bytes& b, const char* name) {
-  return Get32(b, EntryAt(b, name) + bf::kOffFirstBlock);
-}
-
-// Where the saved block map's fields lie in the file.
-std::size_t ListPayload(const Bytes& b) {
-  return BlockAt(FirstBlockOf(b, bf::kFreeListName)) + bf::kOffPayload;
-}
 
 bool IsStatus(int s) {
   return s == ZoStreamE::StatusOk || s == ZoStreamE::StatusFailed || s == ZoStreamE::StatusNotOpen ||
          s == ZoStreamE::StatusPastEnd || s == ZoStreamE::StatusPasswordNeeded;
 }
 
-// What Open gave: its result, or the status it threw.
-struct OpenResult {
-  bool threw;
-  Status status;
-};
-
-OpenResult TryOpen(CompoundFile& f, const std::string& path, ZoStreamE::OpenMode mode) {
-  try {
-    return {false, f.Open(path.c_str(), mode)};
-  } catch (Status thrown) {
-    return {true, thrown};
-  }
-}
-
-std::vector<std::string> Names(const CompoundFile& f) {
-  std::vector<std::string> names;
-  unsigned long cursor = 0;
-  for (const char* n = f.GetFirstDirName(&cursor); n != nullptr; n = f.GetNextDirName(&cursor)) {
-    EXPECT_LE(strnlen(n, DirEntry::kNameSize), bf::kMaxNameLength);
-    names.emplace_back(n, strnlen(n, DirEntry::kNameSize));
-  }
-  return names;
+// Where the saved block map's fields lie in the file.
+std::size_t ListPayload(const Bytes& b) {
+  return BlockAt(FirstBlockOf(b, bf::kFreeListName)) + bf::kOffPayload;
 }
 
 class DamageTest : public ::testing::Test {
@@ -107,11 +42,8 @@ class DamageTest : public ::testing::Test {
     path_ = dir_.Path("damaged.zo");
     streams_ = {{"alpha", Pattern(5, 1)}, {"beta", Pattern(3000, 2)},
                 {"gamma", Pattern(1200, 3)}, {"delta", Pattern(10, 4)}};
-    CompoundFile f;
-    ASSERT_EQ(ZoStreamE::StatusOk, f.Open(path_.c_str(), OpenReadWrite));
-    for (const auto& s : streams_) ASSERT_TRUE(PutStream(f, s.first.c_str(), s.second));
-    ASSERT_EQ(ZoStreamE::StatusOk, f.Close());
-    good_ = tztest::ReadAll(path_);
+    ASSERT_NO_FATAL_FAILURE(MakeFile(path_, streams_));
+    good_ = ReadAll(path_);
     ASSERT_EQ(2u, Chain(good_, 1).size());
     ASSERT_EQ(3u, Chain(good_, FirstBlockOf(good_, "beta")).size());
   }
@@ -122,17 +54,7 @@ class DamageTest : public ::testing::Test {
     damage(b);
     return b;
   }
-  void Install(const Bytes& bytes) { tztest::WriteAll(path_, bytes); }
-
-  // Every stream but `except` reads back as written.
-  void ExpectStreamsIntact(CompoundFile& f, const std::string& except = "") {
-    for (const auto& s : streams_) {
-      if (s.first == except) continue;
-      bool ok = false;
-      EXPECT_TRUE(GetStream(f, s.first.c_str(), &ok) == s.second) << s.first;
-      EXPECT_TRUE(ok) << s.first;
-    }
-  }
+  void Install(const Bytes& bytes) { WriteAll(path_, bytes); }
 
   // In both modes, reading `name` fails with `expected`, and neither the
   // failed read nor the close after it changes a byte of the file.
@@ -140,73 +62,90 @@ class DamageTest : public ::testing::Test {
     for (ZoStreamE::OpenMode mode : {OpenReadOnly, OpenReadWrite}) {
       SCOPED_TRACE(mode == OpenReadOnly ? "read-only" : "read-write");
       Install(damaged);
-      CompoundFile f;
-      ASSERT_EQ(ZoStreamE::StatusOk, f.Open(path_.c_str(), mode));
+      OpenedFile f(path_, mode);
       bool ok = true;
       GetStream(f, name, &ok);
       EXPECT_FALSE(ok);
       EXPECT_EQ(expected, f.GetStatus());
       f.Close();
-      EXPECT_TRUE(tztest::ReadAll(path_) == damaged);
+      EXPECT_TRUE(ReadAll(path_) == damaged);
     }
   }
 
-  tztest::ScratchDir dir_;
+  ScratchDir dir_;
   std::string path_;
-  std::vector<std::pair<std::string, std::string>> streams_;
+  StreamList streams_;
   Bytes good_;
 };
 
+}  // namespace
+
+// A file whose length is no whole number of blocks or whose first block is
+// no directory block is refused as not open. A directory chain that cannot
+// be followed to its end leaves Open as a thrown StatusFailed. Either way,
+// in both modes, the handle has no file, nothing was written, and the file
+// is not left locked (a second attempt meets the same damage).
 TEST_F(DamageTest, OpenRefusesWhatIsNoBlockFile) {
-  const std::vector<std::pair<const char*, Bytes>> cases = {
-      {"one byte too long", With([](Bytes& b) { b.push_back(0); })},
-      {"one byte short", With([](Bytes& b) { b.pop_back(); })},
-      {"no BlockFile at offset 5", With([](Bytes& b) { b[bf::kOffSignature + 2] = 'X'; })},
-      {"no ZoCompoundFile in block 1", With([](Bytes& b) { b[bf::kOffFileSignature + 1] = 'X'; })},
-      {"block 1 calls itself block 3", With([](Bytes& b) { Put32(b, bf::kOffBlockNumber, 3); })},
+  const std::vector<std::uint32_t> dir = Chain(good_, 1);
+  const std::size_t link1 = BlockAt(dir[0]) + bf::kOffNextBlock;
+  const std::size_t link2 = BlockAt(dir[1]) + bf::kOffNextBlock;
+  const struct {
+    const char* label;
+    bool threw;  // else returned StatusNotOpen
+    Bytes bytes;
+  } cases[] = {
+      {"one byte too long", false, With([](Bytes& b) { b.push_back(0); })},
+      {"one byte short", false, With([](Bytes& b) { b.pop_back(); })},
+      {"no BlockFile at offset 5", false, With([](Bytes& b) { b[bf::kOffSignature + 2] = 'X'; })},
+      {"no ZoCompoundFile in block 1", false, With([](Bytes& b) { b[bf::kOffFileSignature + 1] = 'X'; })},
+      {"block 1 calls itself block 3", false, With([](Bytes& b) { Put32(b, bf::kOffBlockNumber, 3); })},
+      {"link past the end", true, With([&](Bytes& b) { Put32(b, link1, BlockCount(good_) + 1); })},
+      {"link to a data block", true, With([&](Bytes& b) { Put32(b, link1, FirstBlockOf(good_, "beta")); })},
+      {"second block without file signature", true,
+       With([&](Bytes& b) { b[BlockAt(dir[1]) + bf::kOffFileSignature] = 'z'; })},
+      {"block 1 links to itself", true, With([&](Bytes& b) { Put32(b, link1, 1); })},
+      {"second block links back to block 1", true, With([&](Bytes& b) { Put32(b, link2, 1); })},
   };
   for (const auto& c : cases) {
     for (ZoStreamE::OpenMode mode : {OpenReadOnly, OpenReadWrite}) {
-      SCOPED_TRACE(c.first);
-      Install(c.second);
-      CompoundFile f;
-      EXPECT_EQ(ZoStreamE::StatusNotOpen, f.Open(path_.c_str(), mode));
-      EXPECT_EQ(ZoStreamE::StatusNotOpen, f.GetStatus());
-      EXPECT_EQ(nullptr, f.GetCompoundFileName());
-      EXPECT_TRUE(tztest::ReadAll(path_) == c.second);
+      SCOPED_TRACE(c.label);
+      Install(c.bytes);
+      for (int attempt = 0; attempt < 2; ++attempt) {
+        CompoundFile f;
+        const OpenResult r = TryOpen(f, path_, mode);
+        EXPECT_EQ(c.threw, r.threw);
+        EXPECT_EQ(c.threw ? ZoStreamE::StatusFailed : ZoStreamE::StatusNotOpen, r.status);
+        EXPECT_EQ(ZoStreamE::StatusNotOpen, f.GetStatus());
+        EXPECT_EQ(nullptr, f.GetCompoundFileName());
+      }
+      EXPECT_TRUE(ReadAll(path_) == c.bytes);
     }
   }
 }
 
-// A directory chain that cannot be followed to its end leaves Open as a
-// thrown StatusFailed; the handle has no file, nothing was written, and the
-// file is not left locked (a second attempt meets the same damage).
-TEST_F(DamageTest, BrokenDirectoryChainThrowsFailed) {
-  const std::vector<std::uint32_t> dir = Chain(good_, 1);
-  const std::size_t link1 = BlockAt(dir[0]) + bf::kOffNextBlock;
-  const std::size_t link2 = BlockAt(dir[1]) + bf::kOffNextBlock;
-  const std::uint32_t count = BlockCountOf(good_);
-  const std::uint32_t data = FirstBlockOf(good_, "beta");
-  const std::vector<std::pair<const char*, Bytes>> cases = {
-      {"link past the end", With([&](Bytes& b) { Put32(b, link1, count + 1); })},
-      {"link to a data block", With([&](Bytes& b) { Put32(b, link1, data); })},
-      {"second block without file signature",
-       With([&](Bytes& b) { b[BlockAt(dir[1]) + bf::kOffFileSignature] = 'z'; })},
-      {"block 1 links to itself", With([&](Bytes& b) { Put32(b, link1, 1); })},
-      {"second block links back to block 1", With([&](Bytes& b) { Put32(b, link2, 1); })},
-  };
-  for (const auto& c : cases) {
+// Cutting the file anywhere leaves either a file that is refused or one
+// that opens and reports its missing blocks by status, never a crash.
+TEST_F(DamageTest, EveryTruncationIsRefusedOrReportsMissingBlocks) {
+  for (std::size_t cut = 1; cut < good_.size(); cut += (cut % bf::kBlockSize == 0) ? 1 : 97) {
+    SCOPED_TRACE(cut);
+    Install(Bytes(good_.begin(), good_.begin() + cut));
     for (ZoStreamE::OpenMode mode : {OpenReadOnly, OpenReadWrite}) {
-      SCOPED_TRACE(c.first);
-      Install(c.second);
-      for (int attempt = 0; attempt < 2; ++attempt) {
-        CompoundFile f;
-        const OpenResult r = TryOpen(f, path_, mode);
-        EXPECT_TRUE(r.threw);
+      CompoundFile f;
+      const OpenResult r = TryOpen(f, path_, mode);
+      if (r.threw) {
         EXPECT_EQ(ZoStreamE::StatusFailed, r.status);
-        EXPECT_EQ(ZoStreamE::StatusNotOpen, f.GetStatus());
+      } else if (cut % bf::kBlockSize != 0) {
+        EXPECT_EQ(ZoStreamE::StatusNotOpen, r.status);
       }
-      EXPECT_TRUE(tztest::ReadAll(path_) == c.second);
+      if (r.threw || r.status != ZoStreamE::StatusOk) continue;
+      for (const auto& s : streams_) {
+        bool ok = false;
+        const std::string got = GetStream(f, s.first.c_str(), &ok);
+        EXPECT_TRUE(!ok || got == s.second) << s.first;
+      }
+      const Status after = f.GetStatus();
+      EXPECT_TRUE(after == ZoStreamE::StatusOk || after == ZoStreamE::StatusPastEnd ||
+                  after == ZoStreamE::StatusFailed);
     }
   }
 }
@@ -218,14 +157,13 @@ TEST_F(DamageTest, BrokenDirectoryChainThrowsFailed) {
 TEST_F(DamageTest, DamagedDataChainFailsTheRead) {
   const std::vector<std::uint32_t> beta = Chain(good_, FirstBlockOf(good_, "beta"));
   const std::size_t entry = EntryAt(good_, "beta");
-  const std::uint32_t count = BlockCountOf(good_);
   const struct {
     const char* label;
     Status expected;
     Bytes bytes;
   } cases[] = {
       {"link past the end", ZoStreamE::StatusPastEnd,
-       With([&](Bytes& b) { Put32(b, BlockAt(beta[0]) + bf::kOffNextBlock, count + 9); })},
+       With([&](Bytes& b) { Put32(b, BlockAt(beta[0]) + bf::kOffNextBlock, BlockCount(b) + 9); })},
       {"head names another block", ZoStreamE::StatusFailed,
        With([&](Bytes& b) { Put32(b, BlockAt(beta[1]) + bf::kOffBlockNumber, beta[0]); })},
       {"head without signature", ZoStreamE::StatusFailed,
@@ -243,9 +181,8 @@ TEST_F(DamageTest, DamagedDataChainFailsTheRead) {
   }
 
   // A first block past the end: the stream comes back already failed.
-  Install(With([&](Bytes& b) { Put32(b, entry + bf::kOffFirstBlock, count + 1); }));
-  CompoundFile f;
-  ASSERT_EQ(ZoStreamE::StatusOk, f.Open(path_.c_str(), OpenReadOnly));
+  Install(With([&](Bytes& b) { Put32(b, entry + bf::kOffFirstBlock, BlockCount(b) + 1); }));
+  OpenedFile f(path_, OpenReadOnly);
   std::unique_ptr<std::iostream> s(f.GetIOStream("beta", "rb"));
   ASSERT_NE(nullptr, s);
   EXPECT_TRUE(s->bad());
@@ -259,8 +196,7 @@ TEST_F(DamageTest, DamagedDataChainRefusesWrites) {
   const Bytes torn = With([&](Bytes& b) { b[BlockAt(beta[1]) + bf::kOffSignature] = 'b'; });
   Install(torn);
   {
-    CompoundFile f;
-    ASSERT_EQ(ZoStreamE::StatusOk, f.Open(path_.c_str(), OpenReadWrite));
+    OpenedFile f(path_, OpenReadWrite);
     std::unique_ptr<std::iostream> s(f.GetIOStream("beta", "r+b"));
     ASSERT_NE(nullptr, s);
     // seekg: the standard library passes a failure of seekp on as the
@@ -272,51 +208,42 @@ TEST_F(DamageTest, DamagedDataChainRefusesWrites) {
     s.reset();
     EXPECT_EQ(ZoStreamE::StatusFailed, f.GetStatus());
   }
-  EXPECT_TRUE(tztest::ReadAll(path_) == torn);
+  EXPECT_TRUE(ReadAll(path_) == torn);
 
   Install(With([&](Bytes& b) { Put32(b, BlockAt(beta.back()) + bf::kOffNextBlock, beta[0]); }));
   {
-    CompoundFile f;
-    ASSERT_EQ(ZoStreamE::StatusOk, f.Open(path_.c_str(), OpenReadWrite));
+    OpenedFile f(path_, OpenReadWrite);
     // The link back names a block this deletion has just freed: the walk
     // ends there, having freed each block of the stream once.
     EXPECT_TRUE(f.DeleteCFFile("beta"));
     EXPECT_EQ(ZoStreamE::StatusOk, f.GetStatus());
   }
   {
-    CompoundFile f;  // the heads agree with the directory: a scan accepts it
-    ASSERT_EQ(ZoStreamE::StatusOk, f.Open(path_.c_str(), OpenReadWrite));
+    OpenedFile f(path_, OpenReadWrite);  // the heads agree with the directory: a scan accepts it
     EXPECT_FALSE(f.Exists("beta"));
   }
-  CompoundFile f;
-  ASSERT_EQ(ZoStreamE::StatusOk, f.Open(path_.c_str(), OpenReadOnly));
-  ExpectStreamsIntact(f, "beta");
+  OpenedFile f(path_, OpenReadOnly);
+  ExpectStreams(f, streams_, "beta");
 }
 
 // A name field without its zero is cut to 256 characters: listing gives a
 // terminated text, the stream is reachable by it, and the file stays usable.
 TEST_F(DamageTest, UnterminatedNameIsCut) {
-  Bytes b = good_;
-  const std::size_t at = EntryAt(good_, "alpha");
-  std::memset(&b[at + bf::kOffName], 'n', DirEntry::kNameSize);
+  Install(With([](Bytes& b) { std::memset(&b[EntryAt(b, "alpha") + bf::kOffName], 'n', DirEntry::kNameSize); }));
   const std::string cut(bf::kMaxNameLength, 'n');
   streams_[0].first = cut;
-  Install(b);
   for (ZoStreamE::OpenMode mode : {OpenReadOnly, OpenReadWrite}) {
-    CompoundFile f;
-    ASSERT_EQ(ZoStreamE::StatusOk, f.Open(path_.c_str(), mode));
-    const std::vector<std::string> names = Names(f);
-    EXPECT_EQ(cut, names.at(0));
+    OpenedFile f(path_, mode);
+    EXPECT_EQ(cut, ListNames(f).at(0));
     EXPECT_TRUE(f.Exists(cut.c_str()));
-    ExpectStreamsIntact(f);
+    ExpectStreams(f, streams_);
     if (mode == OpenReadWrite) {
       ASSERT_TRUE(PutStream(f, "epsilon", Pattern(1500, 5)));
     }
   }
   streams_.emplace_back("epsilon", Pattern(1500, 5));
-  CompoundFile f;
-  ASSERT_EQ(ZoStreamE::StatusOk, f.Open(path_.c_str(), OpenReadOnly));
-  ExpectStreamsIntact(f);
+  OpenedFile f(path_, OpenReadOnly);
+  ExpectStreams(f, streams_);
 }
 
 // A saved map that the open cannot trust is thrown away for a scan. Each
@@ -324,7 +251,7 @@ TEST_F(DamageTest, UnterminatedNameIsCut) {
 // would hand out blocks of live streams to the next writer.
 TEST_F(DamageTest, UntrustworthySavedMapFallsBackToScan) {
   const std::size_t list = ListPayload(good_);
-  const std::uint32_t count = BlockCountOf(good_);
+  const std::uint32_t count = BlockCount(good_);
   const std::vector<std::pair<const char*, Bytes>> cases = {
       {"H of all ones", With([&](Bytes& b) { Put32(b, list + bf::kOffListHighest, 0xFFFFFFFF); })},
       {"H far beyond", With([&](Bytes& b) { Put32(b, list + bf::kOffListHighest, 0x7FFFFFF0); })},
@@ -335,15 +262,13 @@ TEST_F(DamageTest, UntrustworthySavedMapFallsBackToScan) {
     std::memset(&c.second[list + bf::kOffListMap], 0, count + 1);
     Install(c.second);
     {
-      CompoundFile f;
-      ASSERT_EQ(ZoStreamE::StatusOk, f.Open(path_.c_str(), OpenReadWrite));
+      OpenedFile f(path_, OpenReadWrite);
       EXPECT_EQ(static_cast<int>(count), f.GetNumUsedBlocks());  // the good file has no free block
       ASSERT_TRUE(PutStream(f, "epsilon", Pattern(4000, 6)));
       EXPECT_EQ(ZoStreamE::StatusOk, f.Close());
     }
-    CompoundFile f;
-    ASSERT_EQ(ZoStreamE::StatusOk, f.Open(path_.c_str(), OpenReadOnly));
-    ExpectStreamsIntact(f);
+    OpenedFile f(path_, OpenReadOnly);
+    ExpectStreams(f, streams_);
     EXPECT_TRUE(GetStream(f, "epsilon") == Pattern(4000, 6));
   }
 }
@@ -368,9 +293,8 @@ TEST_F(DamageTest, TornHeadFailsTheScanOnly) {
       CompoundFile f;
       EXPECT_EQ(ZoStreamE::StatusNotOpen, f.Open(path_.c_str(), OpenReadWrite));
     }
-    CompoundFile f;
-    ASSERT_EQ(ZoStreamE::StatusOk, f.Open(path_.c_str(), OpenReadOnly));
-    ExpectStreamsIntact(f, "gamma");
+    OpenedFile f(path_, OpenReadOnly);
+    ExpectStreams(f, streams_, "gamma");
   }
 }
 
@@ -379,22 +303,18 @@ TEST_F(DamageTest, TornHeadFailsTheScanOnly) {
 // The directory still names the lost block, so a later write that grows
 // the file must not end up sharing blocks with that stale entry.
 TEST_F(DamageTest, FileCutAtBlockBoundaryStaysUsable) {
-  ASSERT_EQ(BlockCountOf(good_), FirstBlockOf(good_, bf::kFreeListName));
-  Bytes b = good_;
-  b.resize(b.size() - bf::kBlockSize);
-  Install(b);
+  ASSERT_EQ(BlockCount(good_), FirstBlockOf(good_, bf::kFreeListName));
+  Install(Bytes(good_.begin(), good_.end() - bf::kBlockSize));
   {
-    CompoundFile f;
-    ASSERT_EQ(ZoStreamE::StatusOk, f.Open(path_.c_str(), OpenReadWrite));
-    ExpectStreamsIntact(f);
+    OpenedFile f(path_, OpenReadWrite);
+    ExpectStreams(f, streams_);
     ASSERT_TRUE(PutStream(f, "epsilon", Pattern(3000, 7)));
     EXPECT_EQ(ZoStreamE::StatusOk, f.Close());
   }
   streams_.emplace_back("epsilon", Pattern(3000, 7));
   for (ZoStreamE::OpenMode mode : {OpenReadOnly, OpenReadWrite}) {
-    CompoundFile f;
-    ASSERT_EQ(ZoStreamE::StatusOk, f.Open(path_.c_str(), mode));
-    ExpectStreamsIntact(f);
+    OpenedFile f(path_, mode);
+    ExpectStreams(f, streams_);
   }
 }
 
@@ -416,7 +336,7 @@ TEST_F(DamageTest, RandomByteFlipsNeverCrash) {
     SCOPED_TRACE(round);
     Bytes b = good_;
     for (int flips = 1 + static_cast<int>(rng() % 6); flips > 0; --flips) {
-      const std::size_t block = rng() % BlockCountOf(b);
+      const std::size_t block = rng() % BlockCount(b);
       const std::size_t at = rng() % 2 == 0 ? rng() % b.size()
                                             : block * bf::kBlockSize + hot[rng() % hot.size()];
       b[at] = static_cast<unsigned char>(rng() % 4 == 0 ? 0xFF : rng());
@@ -427,8 +347,8 @@ TEST_F(DamageTest, RandomByteFlipsNeverCrash) {
       const OpenResult r = TryOpen(f, path_, mode);
       EXPECT_TRUE(IsStatus(r.status));
       if (r.threw || r.status != ZoStreamE::StatusOk) continue;
-      const std::vector<std::string> names = Names(f);
-      EXPECT_LE(names.size(), BlockCountOf(b) * bf::kEntriesPerBlock);
+      const std::vector<std::string> names = ListNames(f);
+      EXPECT_LE(names.size(), BlockCount(b) * bf::kEntriesPerBlock);
       for (const std::string& name : names) GetStream(f, name.c_str());
       EXPECT_TRUE(IsStatus(f.GetStatus()));
       if (mode == OpenReadWrite) PutStream(f, "fresh", Pattern(2500, static_cast<std::uint32_t>(round)));
@@ -437,30 +357,25 @@ TEST_F(DamageTest, RandomByteFlipsNeverCrash) {
   }
 }
 
-}  // namespace
-
 // A run that crashed after appending to a stream leaves its old last block
 // linked to blocks the saved map calls free. This session hands those
 // blocks to a new stream; neither deleting nor growing the old stream may
 // then reach into the new one.
 TEST_F(DamageTest, LinkLeftByACrashedRunNeverReachesANewStream) {
   const std::vector<std::uint32_t> beta = Chain(good_, FirstBlockOf(good_, "beta"));
-  const std::uint32_t lost = BlockCountOf(good_) + 1;
+  const std::uint32_t lost = BlockCount(good_) + 1;
   Bytes crashed = good_;
-  crashed.resize(crashed.size() + bf::kBlockSize, 0);
-  Bytes appended(bf::kBlockSize, 0);  // the lost run's block, a used head
-  Put32(appended, bf::kOffBlockNumber, lost);
-  appended[bf::kOffInUse] = 1;
-  std::memcpy(&appended[bf::kOffSignature], bf::kSignature, bf::kSignatureSize);
-  std::copy(appended.begin(), appended.end(), crashed.begin() + BlockAt(lost));
+  crashed.resize(crashed.size() + bf::kBlockSize, 0);  // the lost run's block, a used head
+  Put32(crashed, BlockAt(lost) + bf::kOffBlockNumber, lost);
+  crashed[BlockAt(lost) + bf::kOffInUse] = 1;
+  std::memcpy(&crashed[BlockAt(lost) + bf::kOffSignature], bf::kSignature, bf::kSignatureSize);
   Put32(crashed, BlockAt(beta.back()) + bf::kOffNextBlock, lost);  // directory unchanged
   const std::string fresh = Pattern(2500, 99);
   for (const bool grow : {false, true}) {
     SCOPED_TRACE(grow ? "grow" : "delete");
     Install(crashed);
     {
-      CompoundFile f;
-      ASSERT_EQ(ZoStreamE::StatusOk, f.Open(path_.c_str(), OpenReadWrite));
+      OpenedFile f(path_, OpenReadWrite);
       ASSERT_TRUE(PutStream(f, "fresh", fresh));  // takes the lost block
       if (grow) {
         std::unique_ptr<std::iostream> s(f.GetIOStream("beta", "r+b"));
@@ -473,10 +388,9 @@ TEST_F(DamageTest, LinkLeftByACrashedRunNeverReachesANewStream) {
       EXPECT_EQ(ZoStreamE::StatusOk, f.GetStatus());
       EXPECT_EQ(fresh, GetStream(f, "fresh"));
     }
-    CompoundFile f;
-    ASSERT_EQ(ZoStreamE::StatusOk, f.Open(path_.c_str(), OpenReadWrite));  // heads agree: scan passes
+    OpenedFile f(path_, OpenReadWrite);  // heads agree: scan passes
     EXPECT_EQ(fresh, GetStream(f, "fresh"));
-    ExpectStreamsIntact(f, "beta");
+    ExpectStreams(f, streams_, "beta");
     EXPECT_EQ(grow, f.Exists("beta"));
   }
 }
@@ -486,25 +400,19 @@ TEST_F(DamageTest, LinkLeftByACrashedRunNeverReachesANewStream) {
 // first block with an earlier entry. Deleting what is left never touches the
 // directory or another stream.
 TEST_F(DamageTest, EntriesNamingBlocksNotTheirOwnAreDropped) {
-  const std::size_t gamma = EntryAt(good_, "gamma");
-  const std::size_t delta = EntryAt(good_, "delta");
-  const std::uint32_t betaFirst = FirstBlockOf(good_, "beta");
-  const std::uint32_t secondDir = Chain(good_, 1)[1];
-  Install(With([&](Bytes& b) {
-    Put32(b, gamma + bf::kOffFirstBlock, betaFirst);  // shares beta's chain
-    Put32(b, delta + bf::kOffFirstBlock, secondDir);  // a directory block
+  Install(With([](Bytes& b) {
+    Put32(b, EntryAt(b, "gamma") + bf::kOffFirstBlock, FirstBlockOf(b, "beta"));  // shares beta's chain
+    Put32(b, EntryAt(b, "delta") + bf::kOffFirstBlock, Chain(b, 1)[1]);  // a directory block
   }));
   {
-    CompoundFile f;
-    ASSERT_EQ(ZoStreamE::StatusOk, f.Open(path_.c_str(), OpenReadWrite));
+    OpenedFile f(path_, OpenReadWrite);
     EXPECT_FALSE(f.Exists("gamma"));
     EXPECT_FALSE(f.Exists("delta"));
     EXPECT_TRUE(f.DeleteCFFile("alpha"));
     ASSERT_TRUE(PutStream(f, "epsilon", Pattern(4000, 8)));
     EXPECT_EQ(ZoStreamE::StatusOk, f.Close());
   }
-  CompoundFile f;
-  ASSERT_EQ(ZoStreamE::StatusOk, f.Open(path_.c_str(), OpenReadWrite));
+  OpenedFile f(path_, OpenReadWrite);
   EXPECT_EQ(Pattern(3000, 2), GetStream(f, "beta"));
   EXPECT_EQ(Pattern(4000, 8), GetStream(f, "epsilon"));
   EXPECT_EQ(3, f.GetNumDirEntrys());  // beta, epsilon, the saved map

@@ -12,6 +12,7 @@
 #include "utility/MD5.h"
 
 namespace bf = blockformat;
+using namespace tztest;
 using ZoStreamE::OpenReadOnly;
 using ZoStreamE::OpenReadWrite;
 using ZoStreamE::StatusOk;
@@ -23,23 +24,18 @@ class EncryptionTest : public ::testing::Test {
  protected:
   void SetUp() override {
     path_ = dir_.Path("e.cf");
-    CompoundFile file;
-    ASSERT_EQ(file.Open(path_.c_str(), OpenReadWrite), StatusOk);
-    ASSERT_TRUE(tztest::PutStream(file, "full", full_));
-    ASSERT_TRUE(tztest::PutStream(file, "short", "abcdefghi"));  // 9 bytes
-    ASSERT_TRUE(tztest::PutStream(file, "empty", ""));
-    file.Close();
-    clear_ = tztest::ReadAll(path_);
+    ASSERT_NO_FATAL_FAILURE(MakeFile(path_, {{"full", full_}, {"short", "abcdefghi"}, {"empty", ""}}));
+    clear_ = ReadAll(path_);
   }
   // Payload of block n of the file on disk.
-  const unsigned char* Payload(const std::vector<unsigned char>& f, std::uint32_t n) {
-    return f.data() + (n - 1) * bf::kBlockSize + bf::kOffPayload;
+  static const unsigned char* Payload(const FileBytes& f, std::uint32_t n) {
+    return &f[BlockAt(n) + bf::kOffPayload];
   }
 
-  tztest::ScratchDir dir_;
+  ScratchDir dir_;
   std::string path_;
-  const std::string full_ = tztest::Pattern(1003 * 2 + 100, 5);
-  std::vector<unsigned char> clear_;
+  const std::string full_ = Pattern(1003 * 2 + 100, 5);
+  FileBytes clear_;
 };
 
 }  // namespace
@@ -50,42 +46,14 @@ TEST(CipherLength, RoundsUpToEightAndStopsAtOneThousand) {
   for (const auto& c : cases) EXPECT_EQ(BlockFileCore::CipherLength(c.first), c.second) << c.first;
 }
 
-TEST_F(EncryptionTest, ReadsBackAfterCloseAndOpenWithThePassword) {
-  {
-    CompoundFile file;
-    ASSERT_EQ(file.Open(path_.c_str(), OpenReadWrite), StatusOk);
-    ASSERT_EQ(file.Encrypt("secret"), StatusOk);
-    EXPECT_TRUE(file.IsEncrypted());
-    EXPECT_EQ(tztest::GetStream(file, "full"), full_);  // the cipher stays set
-    file.Close();
-  }
-  CompoundFile file;
-  ASSERT_EQ(file.Open(path_.c_str(), OpenReadOnly), StatusOk);
-  EXPECT_TRUE(file.IsEncrypted());
-  bool ok = true;
-  tztest::GetStream(file, "full", &ok);  // locked: the first data block read fails
-  EXPECT_FALSE(ok);
-  EXPECT_EQ(file.GetStatus(), StatusPasswordNeeded);
-  EXPECT_FALSE(file.IsEncrypted());
-  EXPECT_FALSE(file.SetPassword("wrong"));
-  EXPECT_EQ(file.GetStatus(), StatusPasswordNeeded);
-  EXPECT_TRUE(file.SetPassword("secret"));
-  EXPECT_EQ(file.GetStatus(), StatusOk);
-  EXPECT_TRUE(file.IsEncrypted());
-  EXPECT_EQ(tztest::GetStream(file, "full"), full_);
-  EXPECT_EQ(tztest::GetStream(file, "short"), "abcdefghi");
-  EXPECT_EQ(tztest::GetStream(file, "empty"), "");
-}
-
 TEST_F(EncryptionTest, HeadsDirectoryAndTailsStayClear) {
   {
-    CompoundFile file;
-    ASSERT_EQ(file.Open(path_.c_str(), OpenReadWrite), StatusOk);
+    OpenedFile file(path_, OpenReadWrite);
     ASSERT_EQ(file.Encrypt("pw"), StatusOk);
-    ASSERT_TRUE(tztest::PutStream(file, "after", "written while unlocked"));
+    ASSERT_TRUE(PutStream(file, "after", "written while unlocked"));
     file.Close();
   }
-  const std::vector<unsigned char> f = tztest::ReadAll(path_);
+  const FileBytes f = ReadAll(path_);
   ASSERT_GE(f.size(), clear_.size());
   // First directory block: flag and digest of the password.
   EXPECT_EQ(tz::DecodeFixed16(f.data() + bf::kOffFlags) & bf::kFlagEncrypted, 1);
@@ -94,10 +62,8 @@ TEST_F(EncryptionTest, HeadsDirectoryAndTailsStayClear) {
   const std::uint32_t fullBlocks[] = {2, 3, 4};
   BlowFish::Context cipher("pw", 2);
   for (std::uint32_t n : fullBlocks) {
-    const unsigned char* head = f.data() + (n - 1) * bf::kBlockSize;
-    const unsigned char* before = clear_.data() + (n - 1) * bf::kBlockSize;
-    EXPECT_EQ(std::memcmp(head, before, bf::kOffPayload), 0) << "head and usedLength stay clear";
-    const std::uint16_t used = tz::DecodeFixed16(head + bf::kOffUsedLength);
+    EXPECT_EQ(std::memcmp(&f[BlockAt(n)], &clear_[BlockAt(n)], bf::kOffPayload), 0) << "head and usedLength stay clear";
+    const std::uint16_t used = Get16(f, BlockAt(n) + bf::kOffUsedLength);
     const int length = BlockFileCore::CipherLength(used);
     std::vector<unsigned char> plain(Payload(f, n), Payload(f, n) + bf::kPayloadSize);
     cipher.Decrypt(plain.data(), static_cast<unsigned>(length));
@@ -107,51 +73,67 @@ TEST_F(EncryptionTest, HeadsDirectoryAndTailsStayClear) {
       EXPECT_NE(std::memcmp(Payload(f, n), Payload(clear_, n), 1000), 0);
     }
   }
-  CompoundFile file;
-  ASSERT_EQ(file.Open(path_.c_str(), OpenReadWrite), StatusOk);  // scans: the list can't be read locked
+  OpenedFile file(path_, OpenReadWrite);  // scans: the list can't be read locked
   ASSERT_TRUE(file.SetPassword("pw"));
-  EXPECT_EQ(tztest::GetStream(file, "after"), "written while unlocked");
+  EXPECT_EQ(GetStream(file, "after"), "written while unlocked");
 }
 
-TEST_F(EncryptionTest, DecryptRestoresTheClearFile) {
-  CompoundFile file;
-  ASSERT_EQ(file.Open(path_.c_str(), OpenReadWrite), StatusOk);
+// Locked until the password is given, the old one refused after a change
+// of password (two passes), and Decrypt gives back the clear file.
+TEST_F(EncryptionTest, LockStatesPasswordChangeAndDecrypt) {
+  OpenedFile file(path_, OpenReadWrite);
   ASSERT_EQ(file.Encrypt("one"), StatusOk);
-  ASSERT_EQ(file.Encrypt("two"), StatusOk);  // a change of password: two passes
+  EXPECT_TRUE(file.IsEncrypted());
+  EXPECT_EQ(GetStream(file, "full"), full_);  // the cipher stays set
+  ASSERT_EQ(file.Encrypt("two"), StatusOk);
+  file.Close();
+  ASSERT_EQ(file.Open(path_.c_str(), OpenReadOnly), StatusOk);
+  EXPECT_TRUE(file.IsEncrypted());
+  bool ok = true;
+  GetStream(file, "full", &ok);  // locked: the first data block read fails
+  EXPECT_FALSE(ok);
+  EXPECT_EQ(file.GetStatus(), StatusPasswordNeeded);
+  EXPECT_FALSE(file.IsEncrypted());
+  EXPECT_FALSE(file.SetPassword("one"));
+  EXPECT_EQ(file.GetStatus(), StatusPasswordNeeded);
+  EXPECT_TRUE(file.SetPassword("two"));
+  EXPECT_EQ(file.GetStatus(), StatusOk);
+  EXPECT_TRUE(file.IsEncrypted());
+  EXPECT_EQ(GetStream(file, "full"), full_);
+  EXPECT_EQ(GetStream(file, "short"), "abcdefghi");
+  EXPECT_EQ(GetStream(file, "empty"), "");
   file.Close();
   ASSERT_EQ(file.Open(path_.c_str(), OpenReadWrite), StatusOk);
   EXPECT_EQ(file.Decrypt(), StatusPasswordNeeded);  // nothing given yet
   file.Close();
   ASSERT_EQ(file.Open(path_.c_str(), OpenReadWrite), StatusOk);
-  EXPECT_FALSE(file.SetPassword("one"));
   ASSERT_TRUE(file.SetPassword("two"));
   ASSERT_EQ(file.Decrypt(), StatusOk);
   EXPECT_FALSE(file.IsEncrypted());
   file.Close();
-  const std::vector<unsigned char> f = tztest::ReadAll(path_);
+  const FileBytes f = ReadAll(path_);
   EXPECT_EQ(tz::DecodeFixed16(f.data() + bf::kOffFlags), 0);
-  for (std::uint32_t i = 0; i < 16; ++i) EXPECT_EQ(f[bf::kOffPasswordDigest + i], 0);
+  EXPECT_EQ(FileBytes(bf::kDigestSize, 0), FileBytes(&f[bf::kOffPasswordDigest], &f[bf::kOffPasswordDigest + 16]));
   for (std::uint32_t n : {2u, 3u, 4u, 5u}) {
     EXPECT_EQ(std::memcmp(Payload(f, n), Payload(clear_, n), bf::kPayloadSize), 0) << "block " << n;
   }
   ASSERT_EQ(file.Open(path_.c_str(), OpenReadOnly), StatusOk);
   EXPECT_TRUE(file.SetPassword("anything"));  // clear file: nothing to unlock
-  EXPECT_EQ(tztest::GetStream(file, "full"), full_);
+  EXPECT_EQ(GetStream(file, "full"), full_);
 }
 
 TEST_F(EncryptionTest, RefusalsLeaveTheFileAsItWas) {
-  CompoundFile file;
-  ASSERT_EQ(file.Open(path_.c_str(), OpenReadOnly), StatusOk);
+  OpenedFile file(path_, OpenReadOnly);
   EXPECT_EQ(file.Encrypt("pw"), ZoStreamE::StatusFailed);
   file.Close();
-  EXPECT_EQ(tztest::ReadAll(path_), clear_);
+  EXPECT_EQ(ReadAll(path_), clear_);
 
   // A stream without entries counts as clear, whatever the flag says.
   const std::string empty = dir_.Path("none.cf");
   ASSERT_EQ(file.Open(empty.c_str(), OpenReadWrite), StatusOk);
   EXPECT_EQ(file.Encrypt("pw"), ZoStreamE::StatusFailed);  // no directory to hold the flag
   EXPECT_EQ(file.GetStatus(), StatusOk);
-  ASSERT_TRUE(tztest::PutStream(file, "a", "a"));
+  ASSERT_TRUE(PutStream(file, "a", "a"));
   ASSERT_EQ(file.Encrypt(""), StatusOk);  // the empty password is a password
   ASSERT_TRUE(file.DeleteCFFile("a"));
   EXPECT_FALSE(file.IsEncrypted());

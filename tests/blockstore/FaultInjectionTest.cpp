@@ -14,7 +14,6 @@
 #include <memory>
 #include <set>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "blockstore/BlockFormat.h"
@@ -22,12 +21,9 @@
 
 namespace {
 
+using namespace tztest;
 using ZoStreamE::OpenReadOnly;
 using ZoStreamE::OpenReadWrite;
-using ZoStreamE::Status;
-using tztest::GetStream;
-using tztest::Pattern;
-using tztest::PutStream;
 
 const char kPassword[] = "full disk";
 // Upper bound on the rounds of one operation; far above what any of them
@@ -43,6 +39,15 @@ struct Operation {
   bool mayMarkUnusable; // a failed cipher pass may leave a refused file
 };
 
+// Writes `bytes` at `at` of stream `name` ("r+b"); -1 appends.
+void Patch(CompoundFile& f, const char* name, std::streamoff at, const std::string& bytes) {
+  std::unique_ptr<std::iostream> s(f.GetIOStream(name, "r+b"));
+  if (!s) return;
+  if (at < 0) s->seekp(0, std::ios_base::end);
+  else s->seekp(at);
+  s->write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
 class FaultInjectionTest : public ::testing::Test {
  protected:
   // Five streams, one of them deleted again so that the file has free
@@ -52,13 +57,13 @@ class FaultInjectionTest : public ::testing::Test {
     path_ = dir_.Path("faults.zo");
     streams_ = {{"one", Pattern(5000, 11)}, {"two", Pattern(1200, 12)}, {"hole", Pattern(2100, 13)},
                 {"three", Pattern(3, 14)}, {"four", Pattern(2600, 15)}};
-    CompoundFile f;
-    ASSERT_EQ(ZoStreamE::StatusOk, f.Open(path_.c_str(), OpenReadWrite));
-    for (const auto& s : streams_) ASSERT_TRUE(PutStream(f, s.first.c_str(), s.second));
-    ASSERT_TRUE(f.DeleteCFFile("hole"));
-    ASSERT_EQ(ZoStreamE::StatusOk, f.Close());
+    ASSERT_NO_FATAL_FAILURE(MakeFile(path_, streams_));
+    {
+      OpenedFile f(path_, OpenReadWrite);
+      ASSERT_TRUE(f.DeleteCFFile("hole"));
+    }
     streams_.erase(streams_.begin() + 2);
-    good_ = tztest::ReadAll(path_);
+    good_ = ReadAll(path_);
   }
 
   const std::string* OldContent(const char* name) const {
@@ -71,50 +76,39 @@ class FaultInjectionTest : public ::testing::Test {
   // One round: the operation with write `n` failing. True when a write
   // failed, false when the operation finished before write `n`.
   bool RunWithFault(const Operation& op, int n) {
-    tztest::WriteAll(path_, good_);
-    tztest::FaultyEnv env;
+    WriteAll(path_, good_);
+    FaultyEnv env;
     env.Reset(n);
-    tztest::ScopedEnv scoped(&env);
-    CompoundFile f;
-    EXPECT_EQ(ZoStreamE::StatusOk, f.Open(path_.c_str(), OpenReadWrite));
+    ScopedEnv scoped(&env);
+    OpenedFile f(path_, OpenReadWrite);
     op.run(f);
     f.Flush();
     // A failed write is reported on the handle as StatusFailed, and only then.
-    const bool failedBeforeClose = env.writes() >= n;
-    EXPECT_EQ(failedBeforeClose ? ZoStreamE::StatusFailed : ZoStreamE::StatusOk, f.GetStatus());
+    EXPECT_EQ(env.writes() >= n ? ZoStreamE::StatusFailed : ZoStreamE::StatusOk, f.GetStatus());
     f.Close();
     return env.writes() >= n;
   }
 
   // The streams of the reopened file against what the round may leave.
   void CheckStreams(CompoundFile& f, const Operation& op, bool hit, const std::string& later) {
-    std::set<std::string> allowed = {blockformat::kFreeListName, later};
-    for (const auto& s : streams_) {
-      allowed.insert(s.first);
-      if (op.target != nullptr && s.first == op.target) continue;
+    const std::string target = op.target != nullptr ? op.target : "";
+    ExpectStreams(f, streams_, target);
+    std::set<std::string> allowed = {blockformat::kFreeListName, later, target};
+    for (const auto& s : streams_) allowed.insert(s.first);
+    for (const std::string& n : ListNames(f)) EXPECT_EQ(1u, allowed.count(n)) << "unexpected stream " << n;
+    if (op.target == nullptr) return;
+    const std::string* old = OldContent(op.target);
+    if (f.Exists(op.target)) {
       bool ok = false;
-      EXPECT_TRUE(GetStream(f, s.first.c_str(), &ok) == s.second) << s.first << " changed";
-      EXPECT_TRUE(ok) << s.first;
-    }
-    if (op.target != nullptr) {
-      allowed.insert(op.target);
-      const std::string* old = OldContent(op.target);
-      if (f.Exists(op.target)) {
-        bool ok = false;
-        const std::string got = GetStream(f, op.target, &ok);
-        EXPECT_TRUE(ok);
-        const bool asBefore = old != nullptr && got == *old;
-        const bool asAfter = !op.removesTarget && got == op.after;
-        EXPECT_TRUE(asBefore || asAfter) << op.target << " holds neither its old nor its new bytes";
-        EXPECT_TRUE(hit || asAfter) << op.target << " not updated by a clean run";
-      } else {
-        EXPECT_TRUE(old == nullptr || op.removesTarget) << op.target << " lost";
-        EXPECT_TRUE(hit || op.removesTarget) << op.target << " missing after a clean run";
-      }
-    }
-    unsigned long cursor = 0;
-    for (const char* n = f.GetFirstDirName(&cursor); n != nullptr; n = f.GetNextDirName(&cursor)) {
-      EXPECT_EQ(1u, allowed.count(n)) << "unexpected stream " << n;
+      const std::string got = GetStream(f, op.target, &ok);
+      EXPECT_TRUE(ok);
+      const bool asBefore = old != nullptr && got == *old;
+      const bool asAfter = !op.removesTarget && got == op.after;
+      EXPECT_TRUE(asBefore || asAfter) << op.target << " holds neither its old nor its new bytes";
+      EXPECT_TRUE(hit || asAfter) << op.target << " not updated by a clean run";
+    } else {
+      EXPECT_TRUE(old == nullptr || op.removesTarget) << op.target << " lost";
+      EXPECT_TRUE(hit || op.removesTarget) << op.target << " missing after a clean run";
     }
   }
 
@@ -124,15 +118,10 @@ class FaultInjectionTest : public ::testing::Test {
   void CheckSurvivor(const Operation& op, bool hit) {
     {
       CompoundFile f;
-      Status opened = ZoStreamE::StatusNotOpen;
-      try {
-        opened = f.Open(path_.c_str(), OpenReadWrite);
-      } catch (Status thrown) {
-        ADD_FAILURE() << "open threw status " << thrown;
-        return;
-      }
-      if (opened == ZoStreamE::StatusNotOpen && hit && op.mayMarkUnusable) return;
-      ASSERT_EQ(ZoStreamE::StatusOk, opened);
+      const OpenResult r = TryOpen(f, path_, OpenReadWrite);
+      ASSERT_FALSE(r.threw) << "open threw status " << r.status;
+      if (r.status == ZoStreamE::StatusNotOpen && hit && op.mayMarkUnusable) return;
+      ASSERT_EQ(ZoStreamE::StatusOk, r.status);
       if (f.IsEncrypted()) {
         ASSERT_TRUE(f.SetPassword(kPassword));
       }
@@ -140,8 +129,7 @@ class FaultInjectionTest : public ::testing::Test {
       ASSERT_TRUE(PutStream(f, "later", Pattern(3500, 99)));
       ASSERT_EQ(ZoStreamE::StatusOk, f.Close());
     }
-    CompoundFile f;
-    ASSERT_EQ(ZoStreamE::StatusOk, f.Open(path_.c_str(), OpenReadOnly));
+    OpenedFile f(path_, OpenReadOnly);
     if (f.IsEncrypted()) {
       ASSERT_TRUE(f.SetPassword(kPassword));
     }
@@ -160,61 +148,32 @@ class FaultInjectionTest : public ::testing::Test {
     ADD_FAILURE() << op.label << " still writing after " << kMaxRounds << " rounds";
   }
 
-  tztest::ScratchDir dir_;
+  ScratchDir dir_;
   std::string path_;
-  std::vector<std::pair<std::string, std::string>> streams_;
-  std::vector<unsigned char> good_;
+  StreamList streams_;
+  FileBytes good_;
 };
 
-TEST_F(FaultInjectionTest, NewStream) {
-  const std::string bytes = Pattern(5000, 21);
-  RunUntilClean({"new stream", [bytes](CompoundFile& f) { PutStream(f, "fresh", bytes); },
-                 "fresh", false, bytes, false});
-}
-
-TEST_F(FaultInjectionTest, OverwriteInPlace) {
-  const std::string patch = Pattern(3000, 22);
-  std::string after = *OldContent("one");
-  after.replace(1500, patch.size(), patch);
-  RunUntilClean({"overwrite with r+b",
-                 [patch](CompoundFile& f) {
-                   std::unique_ptr<std::iostream> s(f.GetIOStream("one", "r+b"));
-                   if (!s) return;
-                   s->seekp(1500);
-                   s->write(patch.data(), static_cast<std::streamsize>(patch.size()));
-                 },
-                 "one", false, after, false});
-}
-
-// Growing a stream takes blocks from the hole and from the end of the file.
-TEST_F(FaultInjectionTest, AppendToStream) {
-  const std::string tail = Pattern(4000, 23);
-  const std::string after = *OldContent("two") + tail;
-  RunUntilClean({"append with r+b",
-                 [tail](CompoundFile& f) {
-                   std::unique_ptr<std::iostream> s(f.GetIOStream("two", "r+b"));
-                   if (!s) return;
-                   s->seekp(0, std::ios_base::end);
-                   s->write(tail.data(), static_cast<std::streamsize>(tail.size()));
-                 },
-                 "two", false, after, false});
-}
-
-TEST_F(FaultInjectionTest, DeleteStream) {
-  RunUntilClean({"delete", [](CompoundFile& f) { f.DeleteCFFile("four"); }, "four", true, "", false});
-}
-
-TEST_F(FaultInjectionTest, EncryptFile) {
-  RunUntilClean({"encrypt", [](CompoundFile& f) { f.Encrypt(kPassword); }, nullptr, false, "", true});
-}
-
-// Both passes, so that the failing write lands in the deciphering one too.
-TEST_F(FaultInjectionTest, EncryptThenDecrypt) {
-  RunUntilClean({"encrypt, then decrypt",
-                 [](CompoundFile& f) {
-                   if (f.Encrypt(kPassword) == ZoStreamE::StatusOk) f.Decrypt();
-                 },
-                 nullptr, false, "", true});
+// Growing a stream ("two") takes blocks from the hole and from the end of
+// the file. Encrypting and decrypting runs both passes, so that the failing
+// write lands in the deciphering one too.
+TEST_F(FaultInjectionTest, EveryOperationSurvivesAFullDisk) {
+  const std::string fresh = Pattern(5000, 21), patch = Pattern(3000, 22), tail = Pattern(4000, 23);
+  const std::string patched = std::string(*OldContent("one")).replace(1500, patch.size(), patch);
+  const Operation operations[] = {
+      {"new stream", [&](CompoundFile& f) { PutStream(f, "fresh", fresh); }, "fresh", false, fresh, false},
+      {"overwrite with r+b", [&](CompoundFile& f) { Patch(f, "one", 1500, patch); }, "one", false, patched, false},
+      {"append with r+b", [&](CompoundFile& f) { Patch(f, "two", -1, tail); }, "two", false,
+       *OldContent("two") + tail, false},
+      {"delete", [](CompoundFile& f) { f.DeleteCFFile("four"); }, "four", true, "", false},
+      {"encrypt", [](CompoundFile& f) { f.Encrypt(kPassword); }, nullptr, false, "", true},
+      {"encrypt, then decrypt",
+       [](CompoundFile& f) {
+         if (f.Encrypt(kPassword) == ZoStreamE::StatusOk) f.Decrypt();
+       },
+       nullptr, false, "", true},
+  };
+  for (const Operation& op : operations) RunUntilClean(op);
 }
 
 }  // namespace

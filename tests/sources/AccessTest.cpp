@@ -3,12 +3,7 @@
 // working directory.
 #include <unistd.h>
 
-#include <boost/filesystem.hpp>
-
 #include "tests/sources/SourceFixture.h"
-
-namespace fs = boost::filesystem;
-using Source = CompoundFileStreamSource;
 
 namespace {
 
@@ -16,8 +11,7 @@ class AccessTest : public SourceFixture {
  protected:
   void SetUp() override {
     Store({{"stored", "stored bytes"}, {"Other", "other bytes"}});
-    source.reset(new Source(file.c_str(), work.c_str()));
-    ASSERT_EQ(Source::NoError, source->Open(Source::NewDirectory, false));
+    source = Opened();
   }
   void TearDown() override { source->Close(Source::DiscardChanges, false); }
   std::set<std::string> Names() { return *source->GetFileNames(); }
@@ -57,11 +51,7 @@ TEST_F(AccessTest, WritingMakesChangedStreams) {
 
   EXPECT_TRUE(Fill(source->GetOStream("new"), "fresh"));
   EXPECT_EQ(1u, Names().count("new"));
-  {
-    CompoundFile cf;  // joins the source's engine
-    ASSERT_EQ(ZoStreamE::StatusOk, cf.Open(file.c_str(), ZoStreamE::OpenReadOnly));
-    EXPECT_FALSE(cf.Exists("new"));
-  }
+  EXPECT_FALSE(tztest::OpenedFile(file, ZoStreamE::OpenReadOnly).Exists("new"));  // joins the source's engine
   ASSERT_EQ(Source::NoError, source->Close(Source::SaveChanges, false));
   const auto stored = Stored();
   EXPECT_EQ("", stored.at("stored"));
@@ -122,12 +112,7 @@ TEST_F(AccessTest, PathLengthLimit) {
   ASSERT_LT(folder, 200u);
   const std::string at259(259 - folder, 'n');
   const std::string at260(260 - folder, 'n');
-  {
-    CompoundFile cf;
-    ASSERT_EQ(ZoStreamE::StatusOk, cf.Open(file.c_str(), ZoStreamE::OpenReadWrite));
-    ASSERT_TRUE(tztest::PutStream(cf, at259.c_str(), "x"));
-    ASSERT_TRUE(tztest::PutStream(cf, at260.c_str(), "y"));
-  }
+  tztest::MakeFile(file, {{at259, "x"}, {at260, "y"}});
   EXPECT_TRUE(source->StreamExists(at259.c_str()));
   EXPECT_FALSE(source->StreamExists(at260.c_str()));
   EXPECT_EQ("x", Drain(source->GetIStream(at259.c_str())));

@@ -1,40 +1,32 @@
 // Extraction and copy back: chunk boundaries, order, refusals, a damaged
 // stored stream, and injected write failures.
-#include <boost/filesystem.hpp>
-
 #include "tests/sources/SourceFixture.h"
-
-namespace fs = boost::filesystem;
-using Source = CompoundFileStreamSource;
 
 namespace {
 
 class CopyBackTest : public SourceFixture {};
 
+// The same edits, discarded and then saved: discarding leaves the file byte
+// for byte, saving writes what changed and keeps the rest, and both remove
+// the working folder.
 TEST_F(CopyBackTest, EditingRunEndToEnd) {
   const std::string big = tztest::Pattern(100000, 7);
   Store({{"keep", "k"}, {"edit", "e0"}, {"drop", "d"}, {"big", big}});
   const auto before = tztest::ReadAll(file);
-  {
-    Source source(file.c_str(), work.c_str());
-    ASSERT_EQ(Source::NoError, source.Open(Source::NewDirectory, false));
-    EXPECT_EQ(big, Drain(source.GetIStream("big")));
-    EXPECT_TRUE(Fill(source.GetOStream("edit"), "e1"));
-    source.DeleteSource("drop");
-    EXPECT_TRUE(Fill(source.GetOStream("added"), tztest::Pattern(10241, 3)));
-    // Discarding leaves the file byte for byte.
-    ASSERT_EQ(Source::NoError, source.Close(Source::DiscardChanges, false));
-    EXPECT_EQ(before, tztest::ReadAll(file));
+  for (const auto close : {Source::DiscardChanges, Source::SaveChanges}) {
+    auto source = Opened();
+    EXPECT_EQ(big, Drain(source->GetIStream("big")));
+    EXPECT_TRUE(Fill(source->GetOStream("edit"), "e1"));
+    source->DeleteSource("drop");
+    EXPECT_TRUE(Fill(source->GetOStream("added"), tztest::Pattern(10241, 3)));
+    EXPECT_TRUE(Fill(source->GetOStream("exact"), tztest::Pattern(10240, 4)));
+    EXPECT_TRUE(Fill(source->GetOStream("empty"), ""));
+    ASSERT_EQ(Source::NoError, source->Close(close, false));
     EXPECT_FALSE(fs::exists(work));
+    if (close == Source::DiscardChanges) {
+      EXPECT_EQ(before, tztest::ReadAll(file));
+    }
   }
-  Source source(file.c_str(), work.c_str());
-  ASSERT_EQ(Source::NoError, source.Open(Source::NewDirectory, false));
-  EXPECT_TRUE(Fill(source.GetOStream("edit"), "e1"));
-  source.DeleteSource("drop");
-  EXPECT_TRUE(Fill(source.GetOStream("added"), tztest::Pattern(10241, 3)));
-  EXPECT_TRUE(Fill(source.GetOStream("exact"), tztest::Pattern(10240, 4)));
-  EXPECT_TRUE(Fill(source.GetOStream("empty"), ""));
-  ASSERT_EQ(Source::NoError, source.Close(Source::SaveChanges, false));
   const std::map<std::string, std::string> expected = {
       {"keep", "k"}, {"edit", "e1"}, {"big", big}, {"added", tztest::Pattern(10241, 3)},
       {"exact", tztest::Pattern(10240, 4)}, {"empty", ""}};
@@ -43,55 +35,47 @@ TEST_F(CopyBackTest, EditingRunEndToEnd) {
 
 TEST_F(CopyBackTest, ChangedFilesGoInAscendingOrderAndOnlyOnce) {
   Store({});
-  Source source(file.c_str(), work.c_str());
-  ASSERT_EQ(Source::NoError, source.Open(Source::NewDirectory, false));
+  auto source = Opened();
   // "b" replaces "B" in the compound file, whose names ignore case.
-  for (const char* name : {"c", "a", "B", "b"}) EXPECT_TRUE(Fill(source.GetOStream(name), name));
-  EXPECT_TRUE(Fill(source.GetOStream("couldnotdelete"), "marker"));
-  fs::create_directory(std::string(source.GetDirectoryName()) + "folder");
-  ASSERT_EQ(Source::NoError, source.CopyToBlockFile(false));
-  EXPECT_FALSE(source.IsDirty());
+  for (const char* name : {"c", "a", "B", "b"}) EXPECT_TRUE(Fill(source->GetOStream(name), name));
+  EXPECT_TRUE(Fill(source->GetOStream("couldnotdelete"), "marker"));
+  fs::create_directory(std::string(source->GetDirectoryName()) + "folder");
+  ASSERT_EQ(Source::NoError, source->CopyToBlockFile(false));
+  EXPECT_FALSE(source->IsDirty());
   // New entries take directory slots in the order the streams were written.
-  std::vector<std::string> order;
-  {
-    CompoundFile cf;
-    ASSERT_EQ(ZoStreamE::StatusOk, cf.Open(file.c_str(), ZoStreamE::OpenReadOnly));
-    unsigned long cursor = 0;
-    for (const char* n = cf.GetFirstDirName(&cursor); n != nullptr; n = cf.GetNextDirName(&cursor))
-      if (std::string(n) != "zorvanet_block_file_free_list") order.push_back(n);
-  }
-  const std::vector<std::string> expected = {"b", "a", "c"};
-  EXPECT_EQ(expected, order);
+  EXPECT_EQ((std::vector<std::string>{"b", "a", "c"}), StoredNames());
   // Copied files count as extracted: a second run copies nothing.
-  tztest::WriteAll(std::string(source.GetDirectoryName()) + "a", {'z'});
-  ASSERT_EQ(Source::NoError, source.CopyToBlockFile(false));
-  source.Close(Source::DiscardChanges, false);
+  tztest::WriteAll(std::string(source->GetDirectoryName()) + "a", {'z'});
+  ASSERT_EQ(Source::NoError, source->CopyToBlockFile(false));
+  source->Close(Source::DiscardChanges, false);
   EXPECT_EQ("a", Stored().at("a"));
 }
 
+// A read-only source refuses to copy back, and a compaction does nothing.
 TEST_F(CopyBackTest, ReadOnlySourceRefusesTheSave) {
   Store({{"a", "1"}});
-  Source source(file.c_str(), work.c_str());
-  ASSERT_EQ(Source::NoError, source.Open(Source::NewDirectory, true));
-  EXPECT_EQ(Source::CompoundFileNotAvailable, source.CopyToBlockFile(false));
-  EXPECT_TRUE(Fill(source.GetOStream("a"), "2"));
-  EXPECT_EQ(Source::CompoundFileNotAvailable, source.Close(Source::SaveChanges, false));
+  auto source = Opened(true);
+  EXPECT_EQ(Source::CompoundFileNotAvailable, source->CopyToBlockFile(false));
+  EXPECT_TRUE(Fill(source->GetOStream("a"), "2"));
+  const auto original = tztest::ReadAll(file);
+  source->CompactCompoundFile();
+  EXPECT_EQ(original, tztest::ReadAll(file));
+  EXPECT_EQ(Source::CompoundFileNotAvailable, source->Close(Source::SaveChanges, false));
   EXPECT_TRUE(fs::exists(work));
-  EXPECT_EQ(Source::NoError, source.Close(Source::DiscardChanges, false));
+  EXPECT_EQ(Source::NoError, source->Close(Source::DiscardChanges, false));
   EXPECT_EQ("1", Stored().at("a"));
 }
 
 TEST_F(CopyBackTest, ExtractAllFilesAndItsFailures) {
   Store({{"a", "1"}, {"b", tztest::Pattern(20480, 9)}});
-  Source source(file.c_str(), work.c_str());
-  ASSERT_EQ(Source::NoError, source.Open(Source::NewDirectory, false));
-  EXPECT_TRUE(Fill(source.GetOStream("a"), "changed"));
-  EXPECT_TRUE(source.ExtractAllFiles());  // rewrites "a" with its stored content
-  EXPECT_EQ("1", Drain(source.GetIStream("a")));
-  EXPECT_EQ(20480u, source.GetStreamSize("b"));
-  EXPECT_TRUE(Fill(source.GetOStream("new"), "n"));
-  EXPECT_FALSE(source.ExtractAllFiles());
-  EXPECT_EQ("n", Drain(source.GetIStream("new")));
+  auto source = Opened();
+  EXPECT_TRUE(Fill(source->GetOStream("a"), "changed"));
+  EXPECT_TRUE(source->ExtractAllFiles());  // rewrites "a" with its stored content
+  EXPECT_EQ("1", Drain(source->GetIStream("a")));
+  EXPECT_EQ(20480u, source->GetStreamSize("b"));
+  EXPECT_TRUE(Fill(source->GetOStream("new"), "n"));
+  EXPECT_FALSE(source->ExtractAllFiles());
+  EXPECT_EQ("n", Drain(source->GetIStream("new")));
 }
 
 TEST_F(CopyBackTest, DamagedStoredStreamLeavesNoFragment) {
@@ -100,11 +84,10 @@ TEST_F(CopyBackTest, DamagedStoredStreamLeavesNoFragment) {
   auto bytes = tztest::ReadAll(file);
   bytes[3 * 1024 + 10] ^= 0xFF;  // inside the signature of block 4
   tztest::WriteAll(file, bytes);
-  Source source(file.c_str(), work.c_str());
-  ASSERT_EQ(Source::NoError, source.Open(Source::NewDirectory, true));
-  EXPECT_EQ("<null>", Drain(source.GetIStream("s")));
+  auto source = Opened(true);
+  EXPECT_EQ("<null>", Drain(source->GetIStream("s")));
   EXPECT_FALSE(InWork("s"));
-  source.Close(Source::DiscardChanges, false);
+  source->Close(Source::DiscardChanges, false);
 }
 
 TEST_F(CopyBackTest, FailedWritesLeaveAReadableFile) {
@@ -126,20 +109,18 @@ TEST_F(CopyBackTest, FailedWritesLeaveAReadableFile) {
     bool failed;
     {
       tztest::ScopedEnv scoped(&env);
-      Source source(file.c_str(), work.c_str());
-      ASSERT_EQ(Source::NoError, source.Open(Source::NewDirectory, false));
-      for (const auto& s : after) ASSERT_TRUE(Fill(source.GetOStream(s.first.c_str()), s.second));
+      auto source = Opened();
+      for (const auto& s : after) ASSERT_TRUE(Fill(source->GetOStream(s.first.c_str()), s.second));
       env.Reset(n);
-      failed = source.CopyToBlockFile(false) != Source::NoError;
-      source.Close(Source::DiscardChanges, false);
+      failed = source->CopyToBlockFile(false) != Source::NoError;
+      source->Close(Source::DiscardChanges, false);
     }
     // Each stream through a handle of its own: a failed read makes a
     // handle's status sticky.
     std::map<std::string, std::string> stored;
     int damaged = 0;
     for (const auto& s : before) {
-      CompoundFile cf;
-      ASSERT_EQ(ZoStreamE::StatusOk, cf.Open(file.c_str(), ZoStreamE::OpenReadOnly));
+      tztest::OpenedFile cf(file, ZoStreamE::OpenReadOnly);
       bool ok = false;
       const std::string content = tztest::GetStream(cf, s.first.c_str(), &ok);
       if (ok) stored[s.first] = content;

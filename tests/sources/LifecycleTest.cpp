@@ -1,12 +1,7 @@
 // Opening and closing a working-folder source: folder names, modes, flags
 // and what each failure leaves behind.
-#include <boost/filesystem.hpp>
-
 #include "tests/sources/SourceFixture.h"
 #include "utility/MD5.h"
-
-namespace fs = boost::filesystem;
-using Source = CompoundFileStreamSource;
 
 namespace {
 

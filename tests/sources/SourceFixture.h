@@ -3,39 +3,53 @@
 #ifndef TESSELZOSTREAM_TESTS_SOURCES_SOURCEFIXTURE_H_
 #define TESSELZOSTREAM_TESTS_SOURCES_SOURCEFIXTURE_H_
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
 #include "tests/TestUtil.h"
 
+namespace fs = boost::filesystem;
+using Source = CompoundFileStreamSource;
+
 class SourceFixture : public ::testing::Test {
  protected:
   tztest::ScratchDir dir;
   const std::string file = dir.Path("doc.tzcf");
   const std::string work =
-      CompoundFileStreamSource::GetTempFolderName(dir.path().c_str(), "doc.tzcf");
+      Source::GetTempFolderName(dir.path().c_str(), "doc.tzcf");
 
   // Makes the compound file with these streams.
   void Store(const std::map<std::string, std::string>& streams) {
-    CompoundFile cf;
-    ASSERT_EQ(ZoStreamE::StatusOk, cf.Open(file.c_str(), ZoStreamE::OpenReadWrite));
-    for (const auto& s : streams) ASSERT_TRUE(tztest::PutStream(cf, s.first.c_str(), s.second));
+    tztest::MakeFile(file, tztest::StreamList(streams.begin(), streams.end()));
   }
-  // Every stream of the compound file but the saved block map, with content.
-  std::map<std::string, std::string> Stored() {
-    std::map<std::string, std::string> result;
+  // The streams of a compound file (ours by default) in directory order,
+  // the saved block map left out.
+  std::vector<std::string> StoredNames(const std::string& path = "") {
     CompoundFile cf;
-    EXPECT_EQ(ZoStreamE::StatusOk, cf.Open(file.c_str(), ZoStreamE::OpenReadOnly));
-    unsigned long cursor = 0;
-    for (const char* n = cf.GetFirstDirName(&cursor); n != nullptr; n = cf.GetNextDirName(&cursor)) {
-      if (std::string(n) != "zorvanet_block_file_free_list") result[n] = tztest::GetStream(cf, n);
-    }
+    EXPECT_EQ(ZoStreamE::StatusOk, cf.Open((path.empty() ? file : path).c_str(), ZoStreamE::OpenReadOnly));
+    std::vector<std::string> names = tztest::ListNames(cf);
+    names.erase(std::remove(names.begin(), names.end(), "zorvanet_block_file_free_list"), names.end());
+    return names;
+  }
+  // The same streams with their content.
+  std::map<std::string, std::string> Stored(const std::string& path = "") {
+    std::map<std::string, std::string> result;
+    tztest::OpenedFile cf(path.empty() ? file : path, ZoStreamE::OpenReadOnly);
+    for (const std::string& n : StoredNames(path)) result[n] = tztest::GetStream(cf, n.c_str());
     return result;
+  }
+  // A source on our file and working folder, opened with a new folder.
+  std::unique_ptr<Source> Opened(bool readOnly = false) {
+    std::unique_ptr<Source> source(new Source(file.c_str(), work.c_str()));
+    EXPECT_EQ(Source::NoError, source->Open(Source::NewDirectory, readOnly));
+    return source;
   }
   // Reads the rest of a stream and deletes it; "<null>" for null.
   static std::string Drain(std::istream* in) {
@@ -54,7 +68,7 @@ class SourceFixture : public ::testing::Test {
     return ok;
   }
   bool InWork(const std::string& name) const {
-    return boost::filesystem::exists(work + "/" + name);
+    return fs::exists(work + "/" + name);
   }
 };
 

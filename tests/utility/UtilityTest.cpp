@@ -31,7 +31,7 @@ TEST(ByteIO, NumbersAreLittleEndianAndRoundTrip) {
   EXPECT_FALSE(ReadFourBytes(four2, 1, s));  // nothing left
 }
 
-TEST(ByteIO, BinaryStringRoundTripAndEveryTruncationFails) {
+TEST(ByteIO, BinaryStringRoundTripTruncationsAndHostileLengths) {
   std::stringstream s;
   ASSERT_TRUE(WriteBinaryString("hello world", s));
   const std::string whole = s.str();
@@ -49,16 +49,13 @@ TEST(ByteIO, BinaryStringRoundTripAndEveryTruncationFails) {
     EXPECT_TRUE(in.fail());
   }
   delete[] buffer;
-}
-
-TEST(ByteIO, HostileLengthAllocatesNothing) {
-  std::string bytes("\xF0\xFF\xFF\x7F" "abc", 7);  // claims ~2 GiB
-  std::istringstream in(bytes);
-  char* buffer = nullptr;
-  std::uint32_t capacity = 0;
-  EXPECT_FALSE(ReadBinaryString(buffer, capacity, in));
+  // A hostile length (about 2 GiB) allocates nothing.
+  buffer = nullptr;
+  capacity = 0;
+  std::istringstream hostile(std::string("\xF0\xFF\xFF\x7F" "abc", 7));
+  EXPECT_FALSE(ReadBinaryString(buffer, capacity, hostile));
   EXPECT_EQ(buffer, nullptr);
-  EXPECT_TRUE(in.fail());
+  EXPECT_TRUE(hostile.fail());
 }
 
 // Growth across pages keeps what was stored; elements uncovered by growing
@@ -88,7 +85,7 @@ TEST(MD5, PublishedVectors) {
   EXPECT_EQ(std::memcmp(pieces.GetRawDigest(), MD5("abc").GetRawDigest(), 16), 0);
 }
 
-TEST(BlowFish, PublishedVectorAndInverse) {
+TEST(BlowFish, PublishedVectorInverseAndEmptyKey) {
   const unsigned char key[8] = {0, 0, 0, 0, 0, 0, 0, 0};
   BlowFish::Context context(key, 8);
   unsigned char block[16] = {};
@@ -98,9 +95,7 @@ TEST(BlowFish, PublishedVectorAndInverse) {
   for (int i = 8; i < 16; ++i) EXPECT_EQ(block[i], 0) << "only the given length is touched";
   context.Decrypt(block, 8);
   for (unsigned char b : block) EXPECT_EQ(b, 0);
-}
-
-TEST(BlowFish, EmptyKeyIsUsableAndEqualsOneZeroByte) {
+  // The empty key is usable and equals one zero byte.
   const unsigned char zero = 0;
   BlowFish::Context empty("", 0), one(&zero, 1);
   unsigned char a[8] = {1, 2, 3, 4, 5, 6, 7, 8}, b[8] = {1, 2, 3, 4, 5, 6, 7, 8};
