@@ -8,6 +8,7 @@
 
 #include "sources/SourceConstants.h"
 #include "tesselzostream/CompoundFileStreamSource.h"
+#include "utility/ByteIO.h"
 #include "utility/ZoString.h"
 
 namespace fs = boost::filesystem;
@@ -20,17 +21,18 @@ bool IsMarker(const std::string& leaf) {
 
 CompoundFileStreamSource::Error CompoundFileStreamSource::CopyToBlockFile(
     CompoundFile& target, std::istream& input, const char* name) {
-  std::unique_ptr<char[]> buffer(new char[tz::kCopyChunk]);
+  const std::size_t chunk = tz::CopyChunkFor(BytesLeft(input));
+  std::unique_ptr<char[]> buffer(new char[chunk]);
   // Released on every way out; its release writes the last block and
   // flushes the directory.
   std::unique_ptr<std::basic_iostream<char>> output(target.GetIOStream(name, "wb"));
   if (output == nullptr) return StreamWriteFailed;
   for (;;) {
-    input.read(buffer.get(), tz::kCopyChunk);
+    input.read(buffer.get(), static_cast<std::streamsize>(chunk));
     const std::streamsize count = input.gcount();
     output->write(buffer.get(), count);
     if (output->fail()) break;
-    if (count < static_cast<std::streamsize>(tz::kCopyChunk)) break;
+    if (count < static_cast<std::streamsize>(chunk)) break;
   }
   if (output->rdstate() != std::ios::goodbit) return StreamWriteFailed;
   if (input.bad()) return FileOperationFailed;

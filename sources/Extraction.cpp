@@ -21,13 +21,15 @@ bool CompoundFileStreamSource::ExtractFile(const char* name) const {
   {
     std::ofstream output(path, std::ios::out | std::ios::trunc | std::ios::binary);
     if (!output.good()) return false;  // nothing was created or truncated
-    std::unique_ptr<char[]> buffer(new char[tz::kCopyChunk]);
+    const DirEntry* entry = mCompoundFile->FindDirEntry(name);
+    const std::size_t chunk = tz::CopyChunkFor(entry != nullptr ? entry->size : ~std::uint64_t{0});
+    std::unique_ptr<char[]> buffer(new char[chunk]);
     std::streamsize count;
     do {
-      input->read(buffer.get(), tz::kCopyChunk);
+      input->read(buffer.get(), static_cast<std::streamsize>(chunk));
       count = input->gcount();
       output.write(buffer.get(), count);
-    } while (count == static_cast<std::streamsize>(tz::kCopyChunk));
+    } while (count == static_cast<std::streamsize>(chunk));
     // Flushed here so that a failure of the last bytes is seen too.
     output.flush();
     complete = !input->bad() && output.good();

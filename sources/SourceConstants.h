@@ -3,6 +3,7 @@
 #define TESSELZOSTREAM_SOURCES_SOURCECONSTANTS_H_
 
 #include <cstddef>
+#include <cstdint>
 
 namespace tz {
 
@@ -19,6 +20,13 @@ constexpr char kMarkerName[] = "CouldNotDelete";
 // time of a SaveAs against 10240 bytes). Each copy holds one such buffer
 // for its duration.
 constexpr std::size_t kCopyChunk = 1 << 20;
+
+// The chunk for copying `left` bytes: a whole chunk for a large or unknown
+// length, else one byte more than the data, so that the first read already
+// comes up short and a small stream costs no megabyte of memory.
+inline std::size_t CopyChunkFor(std::uint64_t left) {
+  return left < kCopyChunk ? static_cast<std::size_t>(left) + 1 : kCopyChunk;
+}
 
 // A working file's full path must stay below this many characters.
 constexpr std::size_t kMaxPath = 260;
