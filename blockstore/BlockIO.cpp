@@ -15,7 +15,7 @@ constexpr std::size_t kAheadBlocks = 256;     // one read-ahead run
 }  // namespace
 
 BlockIO::BlockIO(std::unique_ptr<tz::RandomAccessFile> file)
-    : file_(std::move(file)), ahead_(kAheadBlocks * kBlock) {
+    : file_(std::move(file)), ahead_(new unsigned char[kAheadBlocks * kBlock]) {
   pending_.reserve(kMaxPending);
 }
 
@@ -40,10 +40,10 @@ void BlockIO::OverlayPending(std::uint64_t start, unsigned char* data,
 bool BlockIO::ReadAhead(std::uint64_t offset) {
   std::size_t got = 0;
   aheadLength_ = 0;
-  if (!file_->ReadAt(offset, ahead_.data(), ahead_.size(), &got)) return false;
+  if (!file_->ReadAt(offset, ahead_.get(), kAheadBlocks * kBlock, &got)) return false;
   aheadStart_ = offset;
   aheadLength_ = got - got % kBlock;
-  OverlayPending(aheadStart_, ahead_.data(), aheadLength_);
+  OverlayPending(aheadStart_, ahead_.get(), aheadLength_);
   return true;
 }
 
@@ -84,7 +84,7 @@ bool BlockIO::ReadBlockSplit(std::uint32_t n, unsigned char* head, std::size_t h
     if (!ReadAhead(offset)) return false;
   }
   if (offset >= aheadStart_ && offset + kBlock <= aheadStart_ + aheadLength_) {
-    Split(ahead_.data() + (offset - aheadStart_), head, headLength, tail);
+    Split(ahead_.get() + (offset - aheadStart_), head, headLength, tail);
     return true;
   }
   unsigned char block[kBlock];
@@ -107,7 +107,7 @@ bool BlockIO::WriteBlockSplit(std::uint32_t n, const unsigned char* head, std::s
   const std::size_t tailLength = kBlock - headLength;
   const std::uint64_t offset = Offset(n);
   if (offset >= aheadStart_ && offset < aheadStart_ + aheadLength_) {
-    Join(head, headLength, tail, ahead_.data() + (offset - aheadStart_));
+    Join(head, headLength, tail, ahead_.get() + (offset - aheadStart_));
   }
   const std::uint64_t pendingEnd = pendingStart_ + pending_.size();
   if (!pending_.empty() && offset >= pendingStart_ && offset + kBlock <= pendingEnd) {

@@ -59,7 +59,9 @@ class BlockIO {
   std::unique_ptr<tz::RandomAccessFile> file_;
   std::vector<unsigned char> pending_;  // queued writes, contiguous
   std::uint64_t pendingStart_ = 0;      // file offset of pending_[0]
-  std::vector<unsigned char> ahead_;    // read-ahead copy
+  // Read-ahead copy, kAheadBlocks blocks; left uninitialised so that a file
+  // read only a little touches only that much of it.
+  std::unique_ptr<unsigned char[]> ahead_;
   std::uint64_t aheadStart_ = 0;
   std::size_t aheadLength_ = 0;
   std::uint64_t lastRead_ = ~std::uint64_t{0};  // offset of the last block read
