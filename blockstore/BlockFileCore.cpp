@@ -31,10 +31,6 @@ BlockFileCore::~BlockFileCore() {
   delete[] fileName;
 }
 
-std::uint32_t BlockFileCore::BlockCount() const {
-  return static_cast<std::uint32_t>(fileSize / blockformat::kBlockSize);
-}
-
 Status BlockFileCore::Open(const char* path, ZoStreamE::OpenMode mode) {
   status = ZoStreamE::StatusOk;
   readOnly = mode != ZoStreamE::OpenReadWrite;

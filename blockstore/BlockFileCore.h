@@ -110,6 +110,13 @@ class BlockFileCore {
   // Caller owns the result. Without `clearPayload` the payload keeps what
   // `reuse` held and the caller must clear or overwrite it before use.
   DataBlock* AllocDataBlock(DataBlock* reuse, bool clearPayload = true);
+  // A growing writer's step past a block written whole, on a file that is
+  // not encrypted: `next` becomes a fresh block (head only) with the map's
+  // lowest free number, `current` links to it and goes to the file with
+  // `payload` as its payload. The same effects, in the same order, as
+  // AllocDataBlock(next, false), the link, NoteLink and WriteDataBlock.
+  ZoStreamE::Status LinkAndWriteWhole(DataBlock& current, DataBlock* next,
+                                      const unsigned char* payload);
   // `exact`, when given, tells whether the block encodes back to the very
   // bytes read (false for a text without its zero, which decoding cuts).
   ZoStreamE::Status ReadDirBlock(std::uint32_t n, DirBlock& block, bool* exact = nullptr);
@@ -117,7 +124,9 @@ class BlockFileCore {
   ZoStreamE::Status WriteDirBlock(const DirBlock& block);
   DirBlock* AllocDirBlock();
   // Blocks the file holds, by the engine's count.
-  std::uint32_t BlockCount() const;
+  std::uint32_t BlockCount() const {
+    return static_cast<std::uint32_t>(fileSize / blockformat::kBlockSize);
+  }
 
   // --- Directory (BlockFileCoreDirectory.cpp) ---
   // Takes ownership. `matchesFile`: the block was just read and encodes to
@@ -192,7 +201,12 @@ class BlockFileCore {
   void MarkEntryUsed(DirEntry* entry);
   void MarkEntryFree(DirEntry* entry);
   void MarkDirBlockChanged(std::uint32_t blockIndex);
-  void MarkIfDirBlock(std::uint32_t blockNumber);
+  // Marks the directory block numbered blockNumber, if it is one, as
+  // changed. Most blocks are not, and are turned away here cheaply.
+  void MarkIfDirBlock(std::uint32_t blockNumber) {
+    if (blockNumber < isDirBlock.size() && isDirBlock[blockNumber]) MarkDirBlockNumberChanged(blockNumber);
+  }
+  void MarkDirBlockNumberChanged(std::uint32_t blockNumber);
   void DirBlockWritten(const DirBlock& block);
   void CheckDirBlocksAgainstMap();
   void DropDanglingEntries();

@@ -158,6 +158,19 @@ DataBlock* BlockFileCore::AllocDataBlock(DataBlock* reuse, bool clearPayload) {
   return block;
 }
 
+Status BlockFileCore::LinkAndWriteWhole(DataBlock& current, DataBlock* next,
+                                        const unsigned char* payload) {
+  bf::InitDataHead(next);
+  const auto n = static_cast<std::uint32_t>(blockMap.AllocBlock());
+  next->blockNumber = n;
+  next->inUse = 1;
+  if (n >= linkSource.size()) linkSource.resize(n + 1);
+  linkSource[n] = current.blockNumber;
+  MarkIfDirBlock(n);
+  current.nextBlock = n;
+  return WriteRawDataBlock(current, payload);
+}
+
 Status BlockFileCore::ReadDirBlock(std::uint32_t n, DirBlock& block, bool* exact) {
   if (status != ZoStreamE::StatusOk) return status;
   std::lock_guard<std::recursive_mutex> hold(readLock);

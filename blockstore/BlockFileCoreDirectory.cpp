@@ -56,8 +56,7 @@ void BlockFileCore::MarkDirBlockChanged(std::uint32_t blockIndex) {
   changedDirBlocks.push_back(blockIndex);
 }
 
-void BlockFileCore::MarkIfDirBlock(std::uint32_t blockNumber) {
-  if (blockNumber >= isDirBlock.size() || !isDirBlock[blockNumber]) return;
+void BlockFileCore::MarkDirBlockNumberChanged(std::uint32_t blockNumber) {
   auto it = dirBlockByNumber.find(blockNumber);
   if (it != dirBlockByNumber.end()) MarkDirBlockChanged(it->second);
 }

@@ -19,7 +19,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <vector>
 
 #include "utility/Env.h"
 
@@ -57,8 +56,11 @@ class BlockIO {
   void OverlayPending(std::uint64_t start, unsigned char* data, std::size_t length) const;
 
   std::unique_ptr<tz::RandomAccessFile> file_;
-  std::vector<unsigned char> pending_;  // queued writes, contiguous
-  std::uint64_t pendingStart_ = 0;      // file offset of pending_[0]
+  // Queued writes, contiguous, pendingLength_ bytes from file offset
+  // pendingStart_; uninitialised beyond pendingLength_.
+  std::unique_ptr<unsigned char[]> pending_;
+  std::size_t pendingLength_ = 0;
+  std::uint64_t pendingStart_ = 0;
   // Read-ahead copy, kAheadBlocks blocks; left uninitialised so that a file
   // read only a little touches only that much of it.
   std::unique_ptr<unsigned char[]> ahead_;

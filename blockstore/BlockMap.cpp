@@ -41,30 +41,6 @@ void BlockMap::Grow(std::int32_t n) {
   capacity_ = newCapacity;
 }
 
-void BlockMap::AdvanceCursor() {
-  ++nextFree_;
-  while (nextFree_ <= highest_ && table_[nextFree_] != 0) ++nextFree_;
-}
-
-void BlockMap::SetBlock(std::int32_t n, std::uint8_t value) {
-  if (n > capacity_) Grow(n);
-  if (n > highest_) highest_ = n;
-  table_[n] = value;
-  if (n < nextFree_ && value == 0) nextFree_ = n;
-  if (n == nextFree_ && value != 0) AdvanceCursor();
-}
-
-std::int32_t BlockMap::AllocBlock() {
-  const std::int32_t n = nextFree_;
-  if (n > highest_) {
-    if (n > capacity_) Grow(n);
-    highest_ = n;
-  }
-  AdvanceCursor();
-  SetBlock(n, 1);
-  return n;
-}
-
 void BlockMap::AdoptTable(std::unique_ptr<std::uint8_t[]> table, std::int32_t h) {
   table_ = std::move(table);
   room_ = static_cast<std::size_t>(h) + 1;

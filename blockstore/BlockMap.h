@@ -34,11 +34,29 @@ class BlockMap {
   // Widens the table so that it holds index n.
   void Grow(std::int32_t n);
   // Steps nextFree to the next free number (or highest + 1).
-  void AdvanceCursor();
+  void AdvanceCursor() {
+    ++nextFree_;
+    while (nextFree_ <= highest_ && table_[nextFree_] != 0) ++nextFree_;
+  }
   // Records the inUse byte of block n (n >= 1); 0 frees it.
-  void SetBlock(std::int32_t n, std::uint8_t value);
+  void SetBlock(std::int32_t n, std::uint8_t value) {
+    if (n > capacity_) Grow(n);
+    if (n > highest_) highest_ = n;
+    table_[n] = value;
+    if (n < nextFree_ && value == 0) nextFree_ = n;
+    if (n == nextFree_ && value != 0) AdvanceCursor();
+  }
   // Takes the lowest free number and marks it used.
-  std::int32_t AllocBlock();
+  std::int32_t AllocBlock() {
+    const std::int32_t n = nextFree_;
+    if (n > highest_) {
+      if (n > capacity_) Grow(n);
+      highest_ = n;
+    }
+    AdvanceCursor();
+    SetBlock(n, 1);
+    return n;
+  }
   // Takes over `table`, h + 1 bytes read from a saved map (h >= 0).
   void AdoptTable(std::unique_ptr<std::uint8_t[]> table, std::int32_t h);
   // Blocks from 1 to highest whose byte is not 0.

@@ -56,8 +56,12 @@ bool ZoIOStreamDevice::Failed() const {
 void ZoIOStreamDevice::SaveCurrentBlock() {
   Data& d = *data_;
   if (!d.dirty) return;
-  ZoCurrentTimeText(d.entry->modified);
-  d.core->EntryChangedAt(d.slot);
+  if (d.inWrite) {
+    d.stampPending = true;
+  } else {
+    ZoCurrentTimeText(d.entry->modified);
+    d.core->EntryChangedAt(d.slot);
+  }
   if (d.directPayload == nullptr) d.ClearLeftovers();
   d.core->WriteDataBlock(*d.current, d.directPayload);
   d.directPayload = nullptr;
@@ -89,14 +93,21 @@ void ZoIOStreamDevice::NextBlock(bool mayGrow, unsigned char* payloadTo) {
       return;
     }
     // The fresh block's payload is cleared only if it is not written whole.
-    d.core->AllocDataBlock(d.spare, false);
-    d.current->nextBlock = d.spare->blockNumber;
-    d.core->NoteLink(d.current->blockNumber, d.spare->blockNumber);
-    if (d.dirty) {
-      SaveCurrentBlock();
+    if (d.directPayload != nullptr && !d.core->IsEncrypted()) {
+      // Only a write call fills a block whole, so the stamp waits for its end.
+      d.core->LinkAndWriteWhole(*d.current, d.spare, d.directPayload);
+      d.stampPending = true;
+      d.directPayload = nullptr;
     } else {
-      d.ClearLeftovers();
-      d.core->WriteDataBlock(*d.current);
+      d.core->AllocDataBlock(d.spare, false);
+      d.current->nextBlock = d.spare->blockNumber;
+      d.core->NoteLink(d.current->blockNumber, d.spare->blockNumber);
+      if (d.dirty) {
+        SaveCurrentBlock();
+      } else {
+        d.ClearLeftovers();
+        d.core->WriteDataBlock(*d.current);
+      }
     }
     std::swap(d.current, d.spare);
     d.dirty = true;
@@ -169,6 +180,15 @@ std::streamsize ZoIOStreamDevice::read(char* s, std::streamsize n) {
   return n;
 }
 
+void ZoIOStreamDevice::SettleEntry() {
+  Data& d = *data_;
+  d.inWrite = false;
+  if (d.stampPending) ZoCurrentTimeText(d.entry->modified);
+  if (d.stampPending || d.entryPending) d.core->EntryChangedAt(d.slot);
+  d.stampPending = false;
+  d.entryPending = false;
+}
+
 std::streamsize ZoIOStreamDevice::write(const char* s, std::streamsize n) {
   Data& d = *data_;
   d.written = true;
@@ -177,9 +197,23 @@ std::streamsize ZoIOStreamDevice::write(const char* s, std::streamsize n) {
   std::int64_t count = static_cast<std::uint32_t>(n);
   count = std::min<std::int64_t>(count, kMaxPosition - d.position);
   if (count == 0) return 0;
+  d.inWrite = true;
+  std::int64_t done = 0;
+  try {
+    done = WriteInBlocks(s, count);
+  } catch (...) {
+    SettleEntry();
+    throw;
+  }
+  SettleEntry();
+  return done;
+}
+
+std::int64_t ZoIOStreamDevice::WriteInBlocks(const char* s, std::int64_t count) {
+  Data& d = *data_;
   std::int64_t done = 0;
   while (done < count) {
-    if (d.current == nullptr) return done;
+    if (d.current == nullptr) break;
     const auto chunk = static_cast<std::uint32_t>(
         std::min<std::int64_t>(count - done, kPayload - d.blockOffset));
     if (chunk == kPayload) {
@@ -204,7 +238,7 @@ std::streamsize ZoIOStreamDevice::write(const char* s, std::streamsize n) {
     done += chunk;
     if (d.position > d.entry->size) {
       d.entry->size = d.position;
-      d.core->EntryChangedAt(d.slot);
+      d.entryPending = true;
     }
   }
   return done;

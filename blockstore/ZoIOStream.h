@@ -93,6 +93,12 @@ class ZoIOStreamDevice {
     // fresh block's zeros belong. A block written whole never needs the
     // zeros; any other use of the payload clears it first.
     bool payloadUnset = false;
+    // Inside a write call the entry's stamp and its directory block's
+    // change mark are settled once, when the call ends: only their last
+    // values can be seen, and nothing reads them while the call runs.
+    bool inWrite = false;
+    bool stampPending = false;
+    bool entryPending = false;
     void ClearLeftovers();
     int mode;
   };
@@ -109,6 +115,11 @@ class ZoIOStreamDevice {
 
  private:
   void SaveCurrentBlock();
+  // Ends a write call: stamps the entry and marks its directory block
+  // changed if the call saved a block or grew the stream.
+  void SettleEntry();
+  // The body of write: `count` bytes from s, block by block.
+  std::int64_t WriteInBlocks(const char* s, std::int64_t count);
   void NextBlock(bool mayGrow, unsigned char* payloadTo = nullptr);
   void GoToBlock(std::uint32_t n);
   bool Failed() const;

@@ -215,7 +215,7 @@ TEST(StreamDirectory, WritersSurviveABlockStreamWhoseFileFailed) {
     numbered.GetOutput(1) << "one";
     named.GetOutput("a") << "a";
     env.Reset(1);  // from now on every platform write fails, as on a full disk
-    *other << Pattern(200000, 1) << std::flush;
+    *other << Pattern(2000000, 1) << std::flush;
     ASSERT_NE(file.GetStatus(), ZoStreamE::StatusOk);
     numbered.GetOutput(2) << "two";
   }  // both close on a stream whose device now throws on every seek
