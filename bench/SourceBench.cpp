@@ -214,8 +214,11 @@ void WholeFile(const Options& o, const std::string& dir) {
     Check(source->Open(Source::NewDirectory, false) == Source::NoError, "open source");
   };
   const std::string saved = dir + "/whole-saved.tzcf";
-  const double saveAs = Best(o.repeat, reopen,
-                             [&] { Check(source->SaveAs(saved.c_str()) == Source::NoError, "save as"); });
+  // Like cp's copy, the target of the last run is removed before the clock
+  // starts (SaveAs would otherwise spend its first moments deleting 1 GiB).
+  const double saveAs = Best(
+      o.repeat, [&] { fs::remove(saved); reopen(); },
+      [&] { Check(source->SaveAs(saved.c_str()) == Source::NoError, "save as"); });
   fs::remove(saved);
   const double compact = Best(o.repeat, reopen, [&] { source->CompactCompoundFile(); });
   source->Close(Source::DiscardChanges, false);
