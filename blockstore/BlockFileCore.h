@@ -117,6 +117,14 @@ class BlockFileCore {
   // AllocDataBlock(next, false), the link, NoteLink and WriteDataBlock.
   ZoStreamE::Status LinkAndWriteWhole(DataBlock& current, DataBlock* next,
                                       const unsigned char* payload);
+  // The same step for `count` blocks in a row, the payloads back to back
+  // from `payloads`, with `current` reused as each fresh block in turn: on
+  // return it is the fresh successor of the last block handled, and
+  // taken[0..k) holds the successors' numbers. Returns k: `count`, or
+  // fewer when a block write failed (k counts that block; the status says
+  // it failed). REQUIRES: the file is not encrypted; taken has count places.
+  std::uint32_t AppendWholeBlocks(DataBlock& current, const unsigned char* payloads,
+                                  std::uint32_t count, std::uint32_t* taken);
   // `exact`, when given, tells whether the block encodes back to the very
   // bytes read (false for a text without its zero, which decoding cuts).
   ZoStreamE::Status ReadDirBlock(std::uint32_t n, DirBlock& block, bool* exact = nullptr);

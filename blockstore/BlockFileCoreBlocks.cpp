@@ -171,6 +171,26 @@ Status BlockFileCore::LinkAndWriteWhole(DataBlock& current, DataBlock* next,
   return WriteRawDataBlock(current, payload);
 }
 
+std::uint32_t BlockFileCore::AppendWholeBlocks(DataBlock& current, const unsigned char* payloads,
+                                               std::uint32_t count, std::uint32_t* taken) {
+  std::uint32_t k = 0;
+  while (k < count) {
+    const auto n = static_cast<std::uint32_t>(blockMap.AllocBlock());
+    if (n >= linkSource.size()) linkSource.resize(n + 1);
+    linkSource[n] = current.blockNumber;
+    MarkIfDirBlock(n);
+    current.nextBlock = n;
+    current.usedLength = bf::kPayloadSize;
+    const Status result = WriteRawDataBlock(current, payloads + std::size_t{k} * bf::kPayloadSize);
+    bf::InitDataHead(&current);
+    current.blockNumber = n;
+    current.inUse = 1;
+    taken[k++] = n;
+    if (result != ZoStreamE::StatusOk) break;
+  }
+  return k;
+}
+
 Status BlockFileCore::ReadDirBlock(std::uint32_t n, DirBlock& block, bool* exact) {
   if (status != ZoStreamE::StatusOk) return status;
   std::lock_guard<std::recursive_mutex> hold(readLock);

@@ -26,7 +26,7 @@ void InitDataBlock(DataBlock* block) {
 }
 
 void InitDataHead(DataBlock* block) {
-  tz::ZeroBytes(block, kOffPayload);
+  std::memset(block, 0, kOffPayload);  // a few stores, not a call
   std::memcpy(block->signature, kSignature, kSignatureSize);
 }
 

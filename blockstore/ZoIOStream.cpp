@@ -15,6 +15,7 @@ namespace io = boost::iostreams;
 namespace {
 constexpr std::uint32_t kPayload = bf::kPayloadSize;
 constexpr std::int64_t kMaxPosition = std::numeric_limits<std::uint32_t>::max();
+constexpr std::uint32_t kAppendRun = 64;  // whole blocks appended per core call
 }  // namespace
 
 ZoIOStreamDevice::ZoIOException::ZoIOException(const std::string& message)
@@ -214,6 +215,31 @@ std::int64_t ZoIOStreamDevice::WriteInBlocks(const char* s, std::int64_t count) 
   std::int64_t done = 0;
   while (done < count) {
     if (d.current == nullptr) break;
+    if (d.blockOffset == 0 && count - done >= kPayload && d.current->nextBlock == 0 &&
+        !Failed() && !d.core->IsEncrypted()) {
+      // A run of whole blocks at the end of the chain goes out in one call.
+      // Each block is the one the block-by-block steps below would write.
+      const auto whole = static_cast<std::uint32_t>(
+          std::min<std::int64_t>((count - done) / kPayload, kAppendRun));
+      std::uint32_t taken[kAppendRun];
+      const std::uint32_t handled = d.core->AppendWholeBlocks(
+          *d.current, reinterpret_cast<const unsigned char*>(s + done), whole, taken);
+      for (std::uint32_t k = 0; k < handled; ++k) {
+        ++d.blockIndex;
+        if (d.blockNumbers.size() < d.blockIndex) d.blockNumbers.push_back(taken[k]);
+      }
+      d.stampPending = true;
+      d.dirty = true;
+      d.payloadUnset = true;
+      if (Failed()) throw ZoIOException("Error in ZoIOStreamDevice::write");
+      d.position += handled * kPayload;
+      done += static_cast<std::int64_t>(handled) * kPayload;
+      if (d.position > d.entry->size) {
+        d.entry->size = d.position;
+        d.entryPending = true;
+      }
+      continue;
+    }
     const auto chunk = static_cast<std::uint32_t>(
         std::min<std::int64_t>(count - done, kPayload - d.blockOffset));
     if (chunk == kPayload) {
