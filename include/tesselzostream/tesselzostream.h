@@ -3,6 +3,7 @@
 #define TESSELZOSTREAM_TESSELZOSTREAM_H_
 
 #include "tesselzostream/CompoundFile.h"
+#include "tesselzostream/CompoundFileCheck.h"
 #include "tesselzostream/DirEntry.h"
 #include "tesselzostream/Exception.h"
 #include "tesselzostream/Export.h"
