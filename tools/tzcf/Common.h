@@ -1,0 +1,65 @@
+// Pieces every tzcf command shares: exit codes, the one-line error report,
+// the names the tool keeps its hands off, and opening a compound file with
+// each way that can fail turned into one message on stderr.
+#ifndef TESSELZOSTREAM_TOOLS_TZCF_COMMON_H_
+#define TESSELZOSTREAM_TOOLS_TZCF_COMMON_H_
+
+#include <cstdint>
+#include <string>
+
+#include <tesselzostream/CompoundFile.h>
+
+namespace tzcf {
+
+// 0: done; 1: the command ran to its end but found or left problems (a
+// damaged file, a refused or skipped name); 2: it could not do what was
+// asked (usage, a missing or unreadable file, a wrong password, I/O).
+enum Exit { kOk = 0, kProblem = 1, kError = 2 };
+
+inline Exit Worse(Exit a, Exit b) { return a > b ? a : b; }
+
+// The directory's name field holds 256 characters and a terminating zero;
+// a longer name could only be stored cut short.
+constexpr std::size_t kMaxNameLength = 256;
+// The stream in which the library saves its block map. The tool never lists,
+// unpacks, writes or deletes it.
+constexpr char kFreeListName[] = "zorvanet_block_file_free_list";
+
+// Stream names compare without regard to ASCII case, as the library's
+// lookup does.
+bool SameName(const std::string& a, const std::string& b);
+// `name` with ASCII capitals made small: equal for names SameName pairs.
+std::string FoldCase(const std::string& name);
+bool IsFreeListName(const std::string& name);
+
+// Options that several commands take.
+struct Options {
+  bool quiet = false;
+  std::string passwordFile;     // the password, or the old one for passwd
+  std::string newPasswordFile;  // the new password for passwd
+};
+
+// Writes "tzcf: " and `text` as one line on stderr.
+void Report(const std::string& text);
+
+// A text quoted for a message, so that spaces and empty names show.
+std::string Quote(const std::string& text);
+
+// Opens the compound file at `path`. With `mustExist` a missing path is
+// reported instead of being created empty, as the library would. False
+// (after a report) when the file cannot be opened; exceptions out of the
+// library's open are caught here.
+bool OpenFile(CompoundFile& file, const std::string& path, ZoStreamE::OpenMode mode, bool mustExist);
+
+// Gives an encrypted file its password, read as Password.h describes; true
+// at once for a clear file. False after a report when no password can be
+// had or it is wrong.
+bool Unlock(CompoundFile& file, const std::string& path, const Options& options);
+
+// Blocks a stream of `size` bytes occupies: its chain always holds one
+// block more than the whole payloads it fills.
+inline std::uint64_t ChainBlocks(std::uint64_t size) { return size / 1003 + 1; }
+
+}  // namespace tzcf
+
+#endif  // TESSELZOSTREAM_TOOLS_TZCF_COMMON_H_
