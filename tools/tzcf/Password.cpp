@@ -50,10 +50,6 @@ bool ReadLine(int fd, std::string* line, bool* tooLong) {
 }
 
 bool Prompt(const std::string& prompt, std::string* answer, std::string* error) {
-  if (::write(STDERR_FILENO, prompt.data(), prompt.size()) < 0) {
-    // Nothing to be done about a prompt that cannot be shown; the read below
-    // still works.
-  }
   struct termios quiet;
   if (tcgetattr(STDIN_FILENO, &gSaved) != 0) {
     *error = "cannot set up the terminal";
@@ -67,7 +63,13 @@ bool Prompt(const std::string& prompt, std::string* answer, std::string* error) 
   sigaction(SIGTERM, &restore, &oldTerm);
   sigaction(SIGHUP, &restore, &oldHup);
   gEchoOff = 1;
+  // Echo goes off before the prompt shows, so nothing typed in answer to it
+  // is echoed or thrown away by the flush.
   tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
+  if (::write(STDERR_FILENO, prompt.data(), prompt.size()) < 0) {
+    // Nothing to be done about a prompt that cannot be shown; the read below
+    // still works.
+  }
   bool tooLong = false;
   const bool ok = ReadLine(STDIN_FILENO, answer, &tooLong);
   tcsetattr(STDIN_FILENO, TCSAFLUSH, &gSaved);
