@@ -53,6 +53,8 @@
 
 #include "blockstore/BlockFormat.h"
 #include "blockstore/BlockIO.h"
+#include "utility/BlowFish.h"
+#include "utility/MD5.h"
 #include "utility/PagedArray.h"
 #include "blockstore/BlockMap.h"
 #include "blockstore/DirectoryIndex.h"
@@ -183,6 +185,10 @@ class BlockFileCore {
   // every open refuse it; a pass that completes removes the mark with its
   // last write and flushes, one that fails leaves it.
   static std::int32_t CipherLength(std::int32_t usedLength);
+  // The cipher of payloads under `password` (its key is the password text).
+  static std::unique_ptr<BlowFish::Context> MakeCipher(const char* password);
+  // Feeds one directory block, field by field, to the directory digest.
+  static void FeedDirectoryDigest(MD5& md5, const DirBlock& block);
   bool IsEncrypted() const;
   bool SetPassword(const char* password);
   ZoStreamE::Status Encrypt(const char* password);
