@@ -246,7 +246,9 @@ class BlockFileCore {
   std::vector<bool> dirBlockChanged;   // by chain index
   std::vector<std::uint32_t> changedDirBlocks;
   std::unordered_map<std::uint32_t, std::uint32_t> dirBlockByNumber;  // number -> chain index
-  std::unordered_map<const DirEntry*, std::uint32_t> slotByEntry;
+  // Address of each directory block's first entry -> its chain index, so
+  // that an entry's slot follows from its address (one node per block).
+  std::map<std::uintptr_t, std::uint32_t> blockByEntries;
   // By block number: kNotAllocated for blocks not allocated since open,
   // else the block whose link names it (0 while only a directory entry or
   // nothing names it). One number a block, like the block map's byte.

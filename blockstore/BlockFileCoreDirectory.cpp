@@ -23,8 +23,13 @@ DirEntry* BlockFileCore::EntryAt(std::uint32_t slot) const {
 }
 
 std::uint32_t BlockFileCore::SlotOf(const DirEntry* entry) const {
-  auto it = slotByEntry.find(entry);
-  return it == slotByEntry.end() ? ~0u : it->second;
+  const auto at = reinterpret_cast<std::uintptr_t>(entry);
+  auto it = blockByEntries.upper_bound(at);
+  if (it == blockByEntries.begin()) return ~0u;
+  --it;
+  const std::uintptr_t offset = at - it->first;
+  if (offset % sizeof(DirEntry) != 0 || offset / sizeof(DirEntry) >= kPerBlock) return ~0u;
+  return it->second * kPerBlock + static_cast<std::uint32_t>(offset / sizeof(DirEntry));
 }
 
 void BlockFileCore::AppendDirBlock(DirBlock* block, bool matchesFile) {
@@ -42,9 +47,9 @@ void BlockFileCore::IndexBlock(std::uint32_t blockIndex, bool matchesFile) {
   dirBlockByNumber[block.blockNumber] = blockIndex;
   if (block.blockNumber >= isDirBlock.size()) isDirBlock.resize(block.blockNumber + 1, false);
   isDirBlock[block.blockNumber] = true;
+  blockByEntries[reinterpret_cast<std::uintptr_t>(&block.entries[0])] = blockIndex;
   for (std::uint32_t e = 0; e < kPerBlock; ++e) {
     const std::uint32_t slot = blockIndex * kPerBlock + e;
-    slotByEntry[&block.entries[e]] = slot;
     if (block.entries[e].firstBlock != 0) index.EntryUsed(slot, block.entries[e].name);
   }
   if (!matchesFile) MarkDirBlockChanged(blockIndex);
