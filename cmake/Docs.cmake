@@ -16,12 +16,12 @@ set(TZ_DOCS_DIR "${PROJECT_BINARY_DIR}/docs")
 set(TZ_DOCS_MAINPAGE "\"${PROJECT_SOURCE_DIR}/README.md\"")
 configure_file(${CMAKE_CURRENT_LIST_DIR}/Doxyfile.in ${TZ_DOCS_DIR}/Doxyfile @ONLY)
 
-file(GLOB TZ_PUBLIC_HEADERS CONFIGURE_DEPENDS
-  ${PROJECT_SOURCE_DIR}/include/tesselzostream/*.h)
+# Runs every time it is asked for; the old output goes first, so that pages
+# of members that no longer exist do not linger.
 add_custom_target(docs
-  COMMAND ${CMAKE_COMMAND} -E remove_directory ${TZ_DOCS_DIR}/api
+  COMMAND ${CMAKE_COMMAND} -E rm -rf ${TZ_DOCS_DIR}/api
   COMMAND Doxygen::doxygen ${TZ_DOCS_DIR}/Doxyfile
   WORKING_DIRECTORY ${TZ_DOCS_DIR}
-  SOURCES ${CMAKE_CURRENT_LIST_DIR}/Doxyfile.in ${TZ_PUBLIC_HEADERS}
+  SOURCES ${CMAKE_CURRENT_LIST_DIR}/Doxyfile.in
   COMMENT "Generating the API reference in ${TZ_DOCS_DIR}/api"
   VERBATIM)
