@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
-#include <unordered_set>
 
 #include "blockstore/BlockFileCore.h"
 #include "utility/Time.h"
@@ -97,15 +96,15 @@ void BlockFileCore::CheckDirBlocksAgainstMap() {
 // Such entries are freed as a deletion would, and the change reaches the
 // file with the next directory write.
 void BlockFileCore::DropDanglingEntries() {
-  std::unordered_set<std::uint32_t> firstBlocks;
+  std::vector<bool> isFirstBlock(static_cast<std::size_t>(BlockCount()) + 1, false);
   for (const auto& block : dirBlocks) {
     for (DirEntry& entry : block->entries) {
       const std::uint32_t first = entry.firstBlock;
       if (first == 0) continue;
       const bool owned = first <= BlockCount() &&
                          blockMap.Get(static_cast<std::int32_t>(first)) != 0 &&
-                         !(first < isDirBlock.size() && isDirBlock[first]) &&
-                         firstBlocks.insert(first).second;
+                         !(first < isDirBlock.size() && isDirBlock[first]) && !isFirstBlock[first];
+      if (owned) isFirstBlock[first] = true;
       if (owned) continue;
       MarkEntryFree(&entry);
       entry.firstBlock = 0;
