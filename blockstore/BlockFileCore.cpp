@@ -2,7 +2,6 @@
 #include "blockstore/BlockFileCore.h"
 
 #include <limits>
-#include <unordered_set>
 
 #include "blockstore/FileServer.h"
 #include "utility/BlowFish.h"
@@ -80,11 +79,11 @@ Status BlockFileCore::Open(const char* path, ZoStreamE::OpenMode mode) {
 }
 
 void BlockFileCore::LoadDirectoryChain(DirBlock* first, bool exact) {
-  std::unordered_set<std::uint32_t> seen{1};
-  AppendDirBlock(first, exact);
+  AppendDirBlock(first, exact);  // marks its number in isDirBlock, as each one after it
   for (std::uint32_t next = first->nextBlock; next != 0;) {
     DirBlock* block = nullptr;
-    if (seen.insert(next).second) block = LoadDirBlock(next, &exact);
+    const bool seen = next < isDirBlock.size() && isDirBlock[next];
+    if (!seen) block = LoadDirBlock(next, &exact);
     if (block == nullptr) {
       // An unreadable or looping directory chain: nothing of this file may be
       // written back, and the failure leaves Open as a thrown status.

@@ -53,6 +53,8 @@
 
 #include "blockstore/BlockFormat.h"
 #include "blockstore/BlockIO.h"
+#include "utility/BlowFish.h"
+#include "utility/MD5.h"
 #include "utility/PagedArray.h"
 #include "blockstore/BlockMap.h"
 #include "blockstore/DirectoryIndex.h"
@@ -183,6 +185,10 @@ class BlockFileCore {
   // every open refuse it; a pass that completes removes the mark with its
   // last write and flushes, one that fails leaves it.
   static std::int32_t CipherLength(std::int32_t usedLength);
+  // The cipher of payloads under `password` (its key is the password text).
+  static std::unique_ptr<BlowFish::Context> MakeCipher(const char* password);
+  // Feeds one directory block, field by field, to the directory digest.
+  static void FeedDirectoryDigest(MD5& md5, const DirBlock& block);
   bool IsEncrypted() const;
   bool SetPassword(const char* password);
   ZoStreamE::Status Encrypt(const char* password);
@@ -240,7 +246,9 @@ class BlockFileCore {
   std::vector<bool> dirBlockChanged;   // by chain index
   std::vector<std::uint32_t> changedDirBlocks;
   std::unordered_map<std::uint32_t, std::uint32_t> dirBlockByNumber;  // number -> chain index
-  std::unordered_map<const DirEntry*, std::uint32_t> slotByEntry;
+  // Address of each directory block's first entry -> its chain index, so
+  // that an entry's slot follows from its address (one node per block).
+  std::map<std::uintptr_t, std::uint32_t> blockByEntries;
   // By block number: kNotAllocated for blocks not allocated since open,
   // else the block whose link names it (0 while only a directory entry or
   // nothing names it). One number a block, like the block map's byte.

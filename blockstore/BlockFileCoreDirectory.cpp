@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
-#include <unordered_set>
 
 #include "blockstore/BlockFileCore.h"
 #include "utility/Time.h"
@@ -23,8 +22,13 @@ DirEntry* BlockFileCore::EntryAt(std::uint32_t slot) const {
 }
 
 std::uint32_t BlockFileCore::SlotOf(const DirEntry* entry) const {
-  auto it = slotByEntry.find(entry);
-  return it == slotByEntry.end() ? ~0u : it->second;
+  const auto at = reinterpret_cast<std::uintptr_t>(entry);
+  auto it = blockByEntries.upper_bound(at);
+  if (it == blockByEntries.begin()) return ~0u;
+  --it;
+  const std::uintptr_t offset = at - it->first;
+  if (offset % sizeof(DirEntry) != 0 || offset / sizeof(DirEntry) >= kPerBlock) return ~0u;
+  return it->second * kPerBlock + static_cast<std::uint32_t>(offset / sizeof(DirEntry));
 }
 
 void BlockFileCore::AppendDirBlock(DirBlock* block, bool matchesFile) {
@@ -42,9 +46,9 @@ void BlockFileCore::IndexBlock(std::uint32_t blockIndex, bool matchesFile) {
   dirBlockByNumber[block.blockNumber] = blockIndex;
   if (block.blockNumber >= isDirBlock.size()) isDirBlock.resize(block.blockNumber + 1, false);
   isDirBlock[block.blockNumber] = true;
+  blockByEntries[reinterpret_cast<std::uintptr_t>(&block.entries[0])] = blockIndex;
   for (std::uint32_t e = 0; e < kPerBlock; ++e) {
     const std::uint32_t slot = blockIndex * kPerBlock + e;
-    slotByEntry[&block.entries[e]] = slot;
     if (block.entries[e].firstBlock != 0) index.EntryUsed(slot, block.entries[e].name);
   }
   if (!matchesFile) MarkDirBlockChanged(blockIndex);
@@ -92,15 +96,15 @@ void BlockFileCore::CheckDirBlocksAgainstMap() {
 // Such entries are freed as a deletion would, and the change reaches the
 // file with the next directory write.
 void BlockFileCore::DropDanglingEntries() {
-  std::unordered_set<std::uint32_t> firstBlocks;
+  std::vector<bool> isFirstBlock(static_cast<std::size_t>(BlockCount()) + 1, false);
   for (const auto& block : dirBlocks) {
     for (DirEntry& entry : block->entries) {
       const std::uint32_t first = entry.firstBlock;
       if (first == 0) continue;
       const bool owned = first <= BlockCount() &&
                          blockMap.Get(static_cast<std::int32_t>(first)) != 0 &&
-                         !(first < isDirBlock.size() && isDirBlock[first]) &&
-                         firstBlocks.insert(first).second;
+                         !(first < isDirBlock.size() && isDirBlock[first]) && !isFirstBlock[first];
+      if (owned) isFirstBlock[first] = true;
       if (owned) continue;
       MarkEntryFree(&entry);
       entry.firstBlock = 0;

@@ -16,7 +16,6 @@
 #define TESSELZOSTREAM_BLOCKSTORE_DIRECTORYINDEX_H_
 
 #include <cstdint>
-#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -37,11 +36,18 @@ class DirectoryIndex {
   std::uint32_t InUse() const { return inUse_; }
 
  private:
+  // The slots of one key in directory order: the first inline (most keys
+  // have one), any others in `more`, ascending.
+  struct Slots {
+    std::uint32_t first;
+    std::vector<std::uint32_t> more;
+  };
   static std::string Key(const char* name);
+  void SetHasFree(std::uint32_t block, bool hasFree);
 
-  std::unordered_map<std::string, std::vector<std::uint32_t>> byName_;
+  std::unordered_map<std::string, Slots> byName_;
   std::vector<std::uint8_t> freeCount_;  // per block
-  std::set<std::uint32_t> blocksWithFree_;
+  std::vector<std::uint64_t> hasFree_;   // bit per block: a free entry left
   std::uint32_t inUse_ = 0;
 };
 

@@ -23,7 +23,9 @@ void FeedText(MD5& md5, const char* text, std::uint32_t width) {
   md5.Update(static_cast<const void*>(text), bf::FieldLength(text, width));
 }
 
-void FeedDirBlock(MD5& md5, const DirBlock& block) {
+}  // namespace
+
+void BlockFileCore::FeedDirectoryDigest(MD5& md5, const DirBlock& block) {
   FeedNumber(md5, block.blockNumber);
   md5.Update(&block.inUse, 1);
   FeedText(md5, block.signature, bf::kSignatureSize);
@@ -43,6 +45,8 @@ void FeedDirBlock(MD5& md5, const DirBlock& block) {
   md5.Update(flags, sizeof flags);
 }
 
+namespace {
+
 // Bytes of the map held by the chain's k-th block (from 0).
 std::uint32_t MapRoom(std::size_t k) {
   return k == 0 ? bf::kListMapRoomFirst : bf::kPayloadSize;
@@ -54,7 +58,7 @@ std::uint32_t MapOffset(std::size_t k) { return k == 0 ? bf::kOffListMap : 0; }
 
 void BlockFileCore::ComputeDirectoryDigest(unsigned char out[bf::kDigestSize]) const {
   MD5 md5;
-  for (const auto& block : dirBlocks) FeedDirBlock(md5, *block);
+  for (const auto& block : dirBlocks) FeedDirectoryDigest(md5, *block);
   md5.Finalize();
   std::memcpy(out, md5.GetRawDigest(), bf::kDigestSize);
 }

@@ -19,16 +19,28 @@ int main(int argc, char** argv) {
   }
   std::cout << "created " << file.GetCompoundFileName() << "\n";
 
+  // Two streams written at once take their blocks in turns, so their
+  // chains interleave in the file; a third stays empty.
   const char* names[] = {"notes/empty", "readme.txt", "data/lines.txt"};
-  for (int i = 0; i < 3; ++i) {
-    std::unique_ptr<std::iostream> out(file.GetIOStream(names[i], "wb"));
-    if (!out) {
-      std::cerr << "cannot write " << names[i] << "\n";
-      return 1;
-    }
-    for (int line = 0; line < i * 500; ++line) *out << "line " << line << " of " << names[i] << "\n";
-    std::cout << "wrote " << names[i] << "\n";
+  std::unique_ptr<std::iostream> empty(file.GetIOStream(names[0], "wb"));
+  std::unique_ptr<std::iostream> readme(file.GetIOStream(names[1], "wb"));
+  std::unique_ptr<std::iostream> lines(file.GetIOStream(names[2], "wb"));
+  if (!empty || !readme || !lines) {
+    std::cerr << "cannot write the streams\n";
+    return 1;
   }
+  for (int line = 0; line < 1000; ++line) {
+    if (line < 500) *readme << "line " << line << " of " << names[1] << "\n";
+    *lines << "line " << line << " of " << names[2] << "\n";
+    if (line % 100 == 99) {  // hand the stream buffers to the file now and then
+      readme->flush();
+      lines->flush();
+    }
+  }
+  empty.reset();
+  readme.reset();
+  lines.reset();
+  for (const char* name : names) std::cout << "wrote " << name << "\n";
 
   unsigned long cursor = 0;
   std::cout << "streams in the file:\n";

@@ -1,27 +1,28 @@
-// CompoundFile: the application's handle on a compound file.
-//
-// A compound file keeps many named byte streams in one file of 1024-byte
-// blocks. A handle holds one reference on the process-wide engine object of
-// its path: two handles opened on one path share one engine, and the file
-// stays open until the last handle and the last stream on it have gone. The
-// last holder's release writes the directory and the saved block map.
-//
-// Ownership: streams returned by GetIOStream belong to the caller, who
-// deletes them; deleting a stream closes it. DirEntry pointers and names
-// handed out stay valid until the last holder of the file has gone.
-//
-// Copying: the copy constructor and operator= copy the pointer only, without
-// a new reference; of a handle and its copies only one may be closed or
-// destroyed with the file in it (the others must be reopened or left alone).
-//
-// Thread safety: several threads may read different streams of one file at
-// once. Every write, open, close and delete on one file, each handle and
-// each stream, belongs to one thread at a time; that is the caller's duty.
-//
-// Reporting: Status values, bool and null. Open may also throw two things
-// out of the engine: a ZoStreamE::Status (value StatusFailed) when a
-// directory block after the first cannot be read, and a
-// boost::filesystem::filesystem_error if the size of the file cannot be had.
+/// @file
+/// CompoundFile: the application's handle on a compound file.
+///
+/// A compound file keeps many named byte streams in one file of 1024-byte
+/// blocks. A handle holds one reference on the process-wide engine object of
+/// its path: two handles opened on one path share one engine, and the file
+/// stays open until the last handle and the last stream on it have gone. The
+/// last holder's release writes the directory and the saved block map.
+///
+/// Ownership: streams returned by GetIOStream belong to the caller, who
+/// deletes them; deleting a stream closes it. DirEntry pointers and names
+/// handed out stay valid until the last holder of the file has gone.
+///
+/// Copying: the copy constructor and operator= copy the pointer only, without
+/// a new reference; of a handle and its copies only one may be closed or
+/// destroyed with the file in it (the others must be reopened or left alone).
+///
+/// Thread safety: several threads may read different streams of one file at
+/// once. Every write, open, close and delete on one file, each handle and
+/// each stream, belongs to one thread at a time; that is the caller's duty.
+///
+/// Reporting: Status values, bool and null. Open may also throw two things
+/// out of the engine: a ZoStreamE::Status (value StatusFailed) when a
+/// directory block after the first cannot be read, and a
+/// boost::filesystem::filesystem_error if the size of the file cannot be had.
 #ifndef TESSELZOSTREAM_COMPOUNDFILE_H_
 #define TESSELZOSTREAM_COMPOUNDFILE_H_
 
@@ -33,85 +34,123 @@
 
 class BlockFileCore;
 
+/// The application's handle on a compound file. Sharing, ownership,
+/// copying, thread rules and reporting: see CompoundFile.h.
 class TZ_EXPORT CompoundFile {
  public:
+  /// A handle without a file.
   CompoundFile();
+  /// A handle on the file of `other`, without a new reference (see
+  /// CompoundFile.h on copying).
   CompoundFile(const CompoundFile& other);
+  /// Gives up the handle's reference, if it has a file; the last holder's
+  /// release closes the file.
   ~CompoundFile();
+  /// Takes the file of `other` without a new reference, and without giving
+  /// up the reference of the file this handle held before.
   CompoundFile& operator=(const CompoundFile& other);
 
-  // Opens or creates the file at `name`. A missing file is created empty.
-  // A handle that already has a file releases it first, also when the new
-  // open fails. If another handle of this process holds the path, this
-  // handle joins it and the first open's mode stands (see IsReadOnly).
-  // Returns the file's status, or StatusNotOpen when the file cannot be
-  // opened, is locked by anybody else, or is no compound file.
+  /// Opens or creates the file at `name`. A missing file is created empty.
+  /// A handle that already has a file releases it first, also when the new
+  /// open fails. If another handle of this process holds the path, this
+  /// handle joins it and the first open's mode stands (see IsReadOnly).
+  /// Returns the file's status, or StatusNotOpen when the file cannot be
+  /// opened, is locked by anybody else, or is no compound file.
   ZoStreamE::Status Open(const char* name, ZoStreamE::OpenMode mode);
 
-  // Gives up this handle's reference and returns the status the file had at
-  // the call. StatusNotOpen without a file. The file itself is closed, with
-  // its directory and saved block map written, when its last holder goes.
+  /// Gives up this handle's reference and returns the status the file had at
+  /// the call. StatusNotOpen without a file. The file itself is closed, with
+  /// its directory and saved block map written, when its last holder goes.
   ZoStreamE::Status Close();
 
+  /// The file's status; StatusNotOpen without a file.
   ZoStreamE::Status GetStatus() const;
+  /// True when the file was opened read-only (by the first open of its path
+  /// in this process); false without a file.
   bool IsReadOnly() const;
-  // Canonical path of the file; null without a file.
+  /// Canonical path of the file; null without a file.
   const char* GetCompoundFileName() const;
 
-  // Iteration over every stream in use, in directory order, the saved
-  // block-map stream among them. Null at the end and without a file.
+  /// @name Iteration
+  /// Iteration over every stream in use, in directory order, the saved
+  /// block-map stream among them. Null at the end and without a file.
+  /// @{
+
+  /// The first entry in use; `cursor` then marks it for the next call. Null
+  /// also for a null `cursor`.
   const DirEntry* GetFirstDirEntry(unsigned long* cursor) const;
+  /// The next entry in use after the one `cursor` marks; `cursor` moves on
+  /// to it. Null also for a null `cursor`.
   const DirEntry* GetNextDirEntry(unsigned long* cursor) const;
+  /// As GetFirstDirEntry, but gives the entry's name.
   const char* GetFirstDirName(unsigned long* cursor) const;
+  /// As GetNextDirEntry, but gives the entry's name.
   const char* GetNextDirName(unsigned long* cursor) const;
+  /// @}
 
-  int GetNumDirEntrys() const;   // streams in use
-  int GetNumUsedBlocks() const;  // 0 for a file opened read-only
+  int GetNumDirEntrys() const;   ///< streams in use; 0 without a file
+  int GetNumUsedBlocks() const;  ///< 0 for a file opened read-only and without a file
 
-  // True when a stream of that name exists; names compare without regard to
-  // ASCII case. False for null or over-long names and without a file.
+  /// True when a stream of that name exists; names compare without regard to
+  /// ASCII case. False for null or over-long names and without a file.
   bool Exists(const char* name) const;
-  // The first entry in use, in directory order, whose name equals `name`
-  // without regard to ASCII case: what a walk with GetFirstDirEntry would
-  // find first, through the name index. Null when there is none.
+  /// The first entry in use, in directory order, whose name equals `name`
+  /// without regard to ASCII case: what a walk with GetFirstDirEntry would
+  /// find first, through the name index. Null when there is none.
   const DirEntry* FindDirEntry(const char* name) const;
 
-  // Writes the directory if it changed since it was last written.
+  /// Writes the directory if it changed since it was last written.
   void Flush();
 
-  // Releases the stream's blocks and frees its entry. False when the name
-  // is missing, the file is read-only, or a block cannot be freed.
+  /// Releases the stream's blocks and frees its entry. False when the name
+  /// is missing, the file is read-only, or a block cannot be freed.
   bool DeleteCFFile(const char* name);
 
-  // A seekable, binary iostream on the named stream, or null.
-  // mode "rb": an existing stream, read; "r+b": an existing stream, read and
-  // overwrite or grow; "wb": a new empty stream, replacing one of that name.
-  // Null for a missing name with "r", for a null, empty or over-long name,
-  // for "w" on a read-only file, for any other mode text, and without a
-  // file. A mode text without "b" gives a stream with badbit set.
-  // The mode texts "rb" and "r+b" give the same stream: both may write.
-  // A seek beyond the end extends the stream's chain with zero-filled
-  // blocks at once (its size changes only when something is written).
-  // Failures show as badbit; the cause is in GetStatus(). One exception:
-  // once the file's status has failed, a seek throws std::ios_base::failure
-  // from the stream's device, which seekg and tellg turn into badbit but
-  // this standard library's seekp and tellp pass on to the caller.
+  /// A seekable, binary iostream on the named stream, or null.
+  /// mode "rb": an existing stream, read; "r+b": an existing stream, read and
+  /// overwrite or grow; "wb": a new empty stream, replacing one of that name.
+  /// Null for a missing name with "r", for a null, empty or over-long name,
+  /// for "w" on a read-only file, for any other mode text, and without a
+  /// file. A mode text without "b" gives a stream with badbit set.
+  /// The mode texts "rb" and "r+b" give the same stream: both may write.
+  /// A seek beyond the end extends the stream's chain with zero-filled
+  /// blocks at once (its size changes only when something is written).
+  /// Failures show as badbit; the cause is in GetStatus(). One exception:
+  /// once the file's status has failed, a seek throws std::ios_base::failure
+  /// from the stream's device, which seekg and tellg turn into badbit but
+  /// this standard library's seekp and tellp pass on to the caller.
   std::basic_iostream<char>* GetIOStream(const char* name, const char* mode);
 
-  // Encryption under a password. Encrypt enciphers every stream (after
-  // deciphering it first if the file is already encrypted, which needs the
-  // old password given); Decrypt turns the file clear again; SetPassword
-  // unlocks an encrypted file after Open, false for a wrong password.
-  // Encrypt on a file that has no stream yet (no directory to hold the
-  // flag), or with a null password, returns StatusFailed and changes
-  // nothing, not even the file's status. Streams are enciphered in place;
-  // a pass that fails half-way marks the file so that no open accepts it.
-  // The scheme keeps casual readers out and nothing more: an unsalted digest
-  // of the password is stored in the file and the cipher runs in ECB mode.
+  /// @name Encryption
+  /// Encryption under a password. Encrypt enciphers every stream (after
+  /// deciphering it first if the file is already encrypted, which needs the
+  /// old password given); Decrypt turns the file clear again; SetPassword
+  /// unlocks an encrypted file after Open, false for a wrong password.
+  /// Encrypt on a file that has no stream yet (no directory to hold the
+  /// flag), or with a null password, returns StatusFailed and changes
+  /// nothing, not even the file's status. Streams are enciphered in place;
+  /// a pass that fails half-way marks the file so that no open accepts it.
+  /// The scheme keeps casual readers out and nothing more: an unsalted digest
+  /// of the password is stored in the file and the cipher runs in ECB mode.
+  /// @{
+
+  /// Enciphers every stream under `password` and returns the file's status.
+  /// A file opened read-only gets the status StatusFailed. StatusNotOpen
+  /// without a file.
   ZoStreamE::Status Encrypt(const char* password);
+  /// Turns an encrypted file clear again and returns the file's status. A
+  /// clear file is left as it is. An encrypted file opened read-only gets
+  /// the status StatusFailed; without the password given, the status becomes
+  /// StatusPasswordNeeded. StatusNotOpen without a file.
   ZoStreamE::Status Decrypt();
+  /// Unlocks an encrypted file after Open with `password`. False for a
+  /// wrong or null password and for a file whose status has failed; true
+  /// for a file that is not encrypted and for a handle without a file.
   bool SetPassword(const char* password);
+  /// True when the file's status is StatusOk, it holds a stream and its
+  /// flag says encrypted (so false once the status is StatusPasswordNeeded).
   bool IsEncrypted() const;
+  /// @}
 
  private:
   BlockFileCore* core_;

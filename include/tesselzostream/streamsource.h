@@ -1,5 +1,6 @@
-// The stream sources: named streams through the abstract ZoStreamSource,
-// on a compound file through a working directory or straight on it.
+/// @file
+/// The stream sources: named streams through the abstract ZoStreamSource,
+/// on a compound file through a working directory or straight on it.
 #ifndef TESSELZOSTREAM_STREAMSOURCE_H_
 #define TESSELZOSTREAM_STREAMSOURCE_H_
 

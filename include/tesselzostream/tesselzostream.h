@@ -1,4 +1,5 @@
-// The public API of libtesselzostream.
+/// @file
+/// The public API of libtesselzostream.
 #ifndef TESSELZOSTREAM_TESSELZOSTREAM_H_
 #define TESSELZOSTREAM_TESSELZOSTREAM_H_
 
