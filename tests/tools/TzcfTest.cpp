@@ -348,6 +348,41 @@ TEST_F(TzcfTest, PasswordsComeFromAFileTheEnvironmentOrATerminal) {
   EXPECT_EQ(Run({"cat", "a.tzcf", "secret.txt"}, "", "TZCF_PASSWORD=three").out, "the content");
 }
 
+TEST_F(TzcfTest, CheckFindsADamagedChainAndNamesItsBlock) {
+  MakeFile("a.tzcf", {{"first", Bytes(2500, 1)}, {"second", Bytes(4000, 2)}});
+  const Result sound = Run({"check", "a.tzcf"});
+  EXPECT_EQ(sound.code, 0) << sound.out << sound.err;
+  EXPECT_NE(sound.out.find("a.tzcf: sound\n"), std::string::npos) << sound.out;
+
+  std::uint32_t second = 0;
+  {
+    CompoundFile file;
+    ASSERT_EQ(file.Open(Path("a.tzcf").c_str(), ZoStreamE::OpenReadOnly), ZoStreamE::StatusOk);
+    second = file.FindDirEntry("second")->firstBlock;
+  }
+  ASSERT_GT(second, 1u);
+  {
+    // The signature of the chain's first block loses its first letter.
+    std::fstream raw(Path("a.tzcf").string(), std::ios::in | std::ios::out | std::ios::binary);
+    raw.seekp(static_cast<std::streamoff>(second - 1) * 1024 + 5);
+    raw.put('X');
+  }
+  const Result damaged = Run({"check", "a.tzcf"});
+  EXPECT_EQ(damaged.code, 1) << damaged.out << damaged.err;
+  // One line names both the stream and the block.
+  const std::string block = "block " + std::to_string(second) + " ";
+  std::size_t lines = 0;
+  for (std::size_t at = 0, end; at < damaged.out.size(); at = end + 1) {
+    end = damaged.out.find('\n', at);
+    const std::string line = damaged.out.substr(at, end - at);
+    if (line.find("second") != std::string::npos && line.find(block) != std::string::npos) ++lines;
+    if (end == std::string::npos) break;
+  }
+  EXPECT_EQ(lines, 1u) << damaged.out;
+  EXPECT_NE(damaged.out.find(" problems\n"), std::string::npos) << damaged.out;  // the summary
+  EXPECT_EQ(Run({"check", "missing.tzcf"}).code, 2);
+}
+
 TEST_F(TzcfTest, CompactGivesBackTheSpaceOfRemovedStreams) {
   WriteFile(Path("in/big.bin"), Bytes(100 * 1003, 4));
   WriteFile(Path("in/nested/kept.txt"), "kept\n");

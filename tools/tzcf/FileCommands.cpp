@@ -129,11 +129,8 @@ Exit Check(const std::string& file, const Options& options) {
     Report(file + ": cannot check: " + report.openError);
     return kError;
   }
-  for (const CheckProblem& p : report.problems) {
-    if (p.block != 0) std::cout << "block " << p.block << ": ";
-    if (!p.stream.empty()) std::cout << "stream " << Quote(p.stream) << ": ";
-    std::cout << p.text << "\n";
-  }
+  // The checker's texts name the block and the stream themselves.
+  for (const CheckProblem& p : report.problems) std::cout << p.text << "\n";
   if (report.problemCount > report.problems.size()) {
     std::cout << (report.problemCount - report.problems.size()) << " more problems not listed\n";
   }
