@@ -30,3 +30,9 @@ file(RELATIVE_PATH TZ_PC_TO_PREFIX
 configure_file(cmake/tesselzostream.pc.in ${CMAKE_CURRENT_BINARY_DIR}/tesselzostream.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tesselzostream.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# The command-line tool and its manual page.
+if(TARGET tzcf)
+  install(TARGETS tzcf RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(FILES tools/tzcf/tzcf.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+endif()

@@ -34,6 +34,17 @@ foreach(f ${flags})
 endforeach()
 run(${WORK_DIR}/pc-consumer ${WORK_DIR}/b.cf)
 
+# The tool, when built, runs from its installed place against the
+# installed library, and its manual page is there.
+file(GLOB tool ${prefix}/bin/tzcf)
+if(tool)
+  set(ENV{LD_LIBRARY_PATH} "")
+  run(${tool} ls ${WORK_DIR}/a.cf)
+  if(NOT EXISTS ${prefix}/share/man/man1/tzcf.1)
+    message(FATAL_ERROR "the manual page of tzcf is not installed")
+  endif()
+endif()
+
 file(GLOB_RECURSE so ${prefix}/libtesselzostream.so)
 run(nm -DC --defined-only ${so})
 if(LAST_OUTPUT MATCHES "BlockFileCore|BlockMap|FileServer|ZoIOStream|tz::")
