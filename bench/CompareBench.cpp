@@ -134,6 +134,9 @@ constexpr std::size_t kMiB = 1024 * 1024;
 constexpr const char* kPassword = "compare bench";
 // A system whose write of a workload took longer runs that workload once.
 constexpr double kSlowSeconds = 60.0;
+// Creating an empty file slower than this means the file system is busy
+// with deletions made before the run (see CreationProbe).
+constexpr double kSlowCreationMicros = 40.0;
 
 [[noreturn]] void Fail(const std::string& what) { throw std::runtime_error(what); }
 
@@ -1461,6 +1464,12 @@ class Bench {
     baselineMiB_ = static_cast<double>(empty.peakKiB) / 1024.0;
     std::printf("tz_compare_bench%s: %d run%s, scratch %s; an empty child peaks at %.1f MiB\n",
                 o_.small ? " --small" : "", o_.repeat, o_.repeat == 1 ? "" : "s", scratch.path().c_str(), baselineMiB_);
+    probeMicros_ = CreationProbe(scratch.path() / "probe");
+    std::printf("file creation probe: %.1f us per empty file%s\n", probeMicros_,
+                probeMicros_ > kSlowCreationMicros
+                    ? " -- SLOW: this file system was probably told to delete many files in the last minutes "
+                      "(ext4 then passes over their inodes on every new file); plain-file figures will suffer"
+                    : "");
     std::printf("times are medians [min-max] in seconds; x plain: speed is plain's time over the system's "
                 "(> 1: faster), size and memory are the system's over plain's\n");
 
@@ -1522,6 +1531,20 @@ class Bench {
   }
 
  private:
+  // Microseconds to create one empty file, over 2,000 in a new folder; the
+  // files stay until the end (deleting them would slow the next creations).
+  static double CreationProbe(const fs::path& folder) {
+    fs::create_directory(folder);
+    const auto start = std::chrono::steady_clock::now();
+    constexpr int kFiles = 2000;
+    for (int i = 0; i < kFiles; ++i) {
+      const int fd = ::open((folder / StreamName(static_cast<std::size_t>(i))).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      if (fd < 0) Fail("cannot create a file in " + folder.string());
+      ::close(fd);
+    }
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() * 1e6 / kFiles;
+  }
+
   bool Wanted(const std::string& key) const {
     return key == "plain" || o_.only.empty() || std::find(o_.only.begin(), o_.only.end(), key) != o_.only.end();
   }
@@ -1853,6 +1876,7 @@ class Bench {
     const std::time_t now = std::time(nullptr);
     std::strftime(when, sizeof when, "%Y-%m-%d %H:%M UTC", std::gmtime(&now));
     std::fprintf(f, "# tz_compare_bench%s, %d run(s), %s\n", o_.small ? " --small" : "", o_.repeat, when);
+    std::fprintf(f, "# empty child peak %.1f MiB, file creation probe %.1f us per file\n", baselineMiB_, probeMicros_);
     std::fprintf(f,
                  "workload,system,phase,runs,median_s,min_s,max_s,streams,payload_bytes,streams_per_s,mb_per_s,"
                  "size_bytes,disk_bytes,size_per_payload,disk_per_payload,before_disk_bytes,peak_mib,"
@@ -1903,6 +1927,7 @@ class Bench {
   std::map<std::string, Series> series_;
   std::vector<GoalLine> goals_;
   double baselineMiB_ = 0;
+  double probeMicros_ = 0;
 };
 
 }  // namespace
