@@ -48,7 +48,8 @@
 // Every byte read is checked: each stream's checksum against the one its
 // bytes should have, its size, and that no stream is missing or doubled.
 //
-// On the W2 file of each system, after its write and read:
+// After every throughput run, on a W2 store of each system written anew
+// (untimed; the plain files reuse the folder of their W2 run, which is kept):
 //   edit     change 1% of the streams (new bytes, same size) and save:
 //            plain rewrites 100 files; sqlite UPDATEs 100 rows in one
 //            transaction; zip replaces 100 entries and closes (libzip
@@ -1497,11 +1498,28 @@ class Bench {
         for (const System* s : order) {
           const Series* written = Find(w.key, s->Key(), "write");
           if (written != nullptr && Max(written->seconds) > kSlowSeconds) continue;  // once is enough
-          RunSystem(scratch.path(), w, *s, r, contents[0][w.key], w.edit ? &contents[1][w.key] : nullptr,
-                    w.edit ? &contents[2][w.key] : nullptr, withFolder && s->Key() == std::string("tz-cf"));
+          RunSystem(scratch.path(), w, *s, r, contents[0][w.key]);
         }
       }
       std::fprintf(stderr, "run %d of %d done in %.0f s\n", r + 1, o_.repeat,
+                   std::chrono::duration<double>(std::chrono::steady_clock::now() - runStart).count());
+    }
+    // The edits and compactions come after every throughput run: the
+    // working-folder source deletes its working files, and deletions slow
+    // the creation of new files for a while (see RunSystem).
+    for (int r = 0; r < o_.repeat; ++r) {
+      const auto runStart = std::chrono::steady_clock::now();
+      for (const Workload& w : workloads_) {
+        if (!w.edit) continue;
+        std::vector<const System*> order = active;
+        std::rotate(order.begin(), order.begin() + static_cast<long>(static_cast<std::size_t>(r) % order.size()),
+                    order.end());
+        for (const System* s : order) {
+          EditRound(scratch.path(), w, *s, r, contents[0][w.key], contents[1][w.key], contents[2][w.key],
+                    withFolder && s->Key() == std::string("tz-cf"));
+        }
+      }
+      std::fprintf(stderr, "edit run %d of %d done in %.0f s\n", r + 1, o_.repeat,
                    std::chrono::duration<double>(std::chrono::steady_clock::now() - runStart).count());
     }
     PrintTables();
@@ -1605,9 +1623,16 @@ class Bench {
     }
   }
 
-  void RunSystem(const fs::path& scratch, const Workload& w, const System& s, int r, const Contents& written,
-                 const Contents* edited, const Contents* halved, bool withFolder) {
-    const fs::path folder = scratch / (std::string(s.Key()) + "-" + w.key + "-" + std::to_string(r));
+  static fs::path Folder(const fs::path& scratch, const System& s, const Workload& w, int r) {
+    return scratch / (std::string(s.Key()) + "-" + w.key + "-" + std::to_string(r));
+  }
+
+  static bool KeepsFiles(const System& s, const Workload& w) {
+    return std::string(s.Key()) == "plain" && w.streams > 1;
+  }
+
+  void RunSystem(const fs::path& scratch, const Workload& w, const System& s, int r, const Contents& written) {
+    const fs::path folder = Folder(scratch, s, w, r);
     fs::create_directories(folder);
     const fs::path store = s.Store(folder);
     const std::uint64_t payload = static_cast<std::uint64_t>(w.streams) * w.size;
@@ -1622,16 +1647,6 @@ class Bench {
       const std::string rkey = Key(w.key, s.Key(), "read");
       if (Record(rkey, InChild([&](Clock& clock) { return s.Read(store, written, clock); }), w.streams, payload)) {
         series_[rkey].usage = series_[wkey].usage;
-        if (edited != nullptr) {
-          if (withFolder) {
-            const fs::path copyFolder = scratch / (std::string(folder_->Key()) + "-" + w.key + "-" + std::to_string(r));
-            fs::create_directories(copyFolder);
-            fs::copy_file(store, folder_->Store(copyFolder));
-            EditAndCompact(w, *folder_, copyFolder, written, *edited, *halved);
-            fs::remove_all(copyFolder);
-          }
-          EditAndCompact(w, s, folder, written, *edited, *halved);
-        }
       }
     }
     // Each system's files go after its phase, but for the plain files of the
@@ -1639,7 +1654,40 @@ class Bench {
     // minute after many files were deleted, ext4 passes over their inodes one
     // by one (recently_deleted) on every new file, which would charge the
     // next plain-file phase for this one's clean-up.
-    if (std::string(s.Key()) != "plain" || w.streams == 1) fs::remove_all(folder);
+    if (!KeepsFiles(s, w)) fs::remove_all(folder);
+  }
+
+  // The edit and the compaction on a fresh store of workload w: written again
+  // (untimed), except the plain files, whose folder of the throughput run is
+  // still there.
+  void EditRound(const fs::path& scratch, const Workload& w, const System& s, int r, const Contents& written,
+                 const Contents& edited, const Contents& halved, bool withFolder) {
+    const bool kept = KeepsFiles(s, w);
+    const fs::path folder = kept ? Folder(scratch, s, w, r) : scratch / (std::string(s.Key()) + "-edit-" + w.key);
+    const fs::path store = s.Store(folder);
+    if (!kept) {
+      fs::create_directories(folder);
+      const Outcome made = InChild([&](Clock& clock) -> std::uint64_t {
+        s.Write(store, pattern_, written, clock);
+        return 0;
+      });
+      if (!made.ok) {
+        Record(Key(w.key, s.Key(), "edit"), made, 0, 0);
+        fs::remove_all(folder);
+        return;
+      }
+    } else if (!fs::exists(store)) {
+      return;  // its write failed in the throughput run
+    }
+    if (withFolder) {
+      const fs::path copyFolder = scratch / (std::string(folder_->Key()) + "-edit-" + w.key);
+      fs::create_directories(copyFolder);
+      fs::copy_file(store, folder_->Store(copyFolder));
+      EditAndCompact(w, *folder_, copyFolder, written, edited, halved);
+      fs::remove_all(copyFolder);
+    }
+    EditAndCompact(w, s, folder, written, edited, halved);
+    if (!kept) fs::remove_all(folder);
   }
 
   void EditAndCompact(const Workload& w, const System& s, const fs::path& folder, const Contents& written,
