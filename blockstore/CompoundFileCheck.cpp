@@ -149,17 +149,18 @@ class Checker {
     chain_.clear();
     std::uint32_t from = 0;
     bool ended = false;
+    // Where the link being followed was read; only built for a problem.
+    auto where = [&from] { return from == 0 ? std::string("the entry") : "block " + std::to_string(from); };
     for (std::uint32_t n = first; n != 0;) {
-      const std::string where = from == 0 ? "the entry" : "block " + std::to_string(from);
       if (n > r_.blocks) {
         Problem(CheckProblem::kChainLink, from, name,
-                "stream " + Quoted(name) + ": " + where + " links to block " + std::to_string(n) +
+                "stream " + Quoted(name) + ": " + where() + " links to block " + std::to_string(n) +
                     ", past the end of the file");
         break;
       }
       if (inChain_[n]) {
         Problem(CheckProblem::kChainLoop, from, name,
-                "stream " + Quoted(name) + ": " + where + " links back to block " + std::to_string(n) +
+                "stream " + Quoted(name) + ": " + where() + " links back to block " + std::to_string(n) +
                     " of the same chain");
         break;
       }
