@@ -112,15 +112,12 @@ class BlockFileCore {
   // Caller owns the result. Without `clearPayload` the payload keeps what
   // `reuse` held and the caller must clear or overwrite it before use.
   DataBlock* AllocDataBlock(DataBlock* reuse, bool clearPayload = true);
-  // A growing writer's step past a block written whole, on a file that is
-  // not encrypted: `next` becomes a fresh block (head only) with the map's
-  // lowest free number, `current` links to it and goes to the file with
-  // `payload` as its payload. The same effects, in the same order, as
-  // AllocDataBlock(next, false), the link, NoteLink and WriteDataBlock.
-  ZoStreamE::Status LinkAndWriteWhole(DataBlock& current, DataBlock* next,
-                                      const unsigned char* payload);
-  // The same step for `count` blocks in a row, the payloads back to back
-  // from `payloads`, with `current` reused as each fresh block in turn: on
+  // A growing writer's steps past `count` blocks written whole, on a file
+  // that is not encrypted: each block in turn takes the map's lowest free
+  // number for its successor, links to it and goes to the file with its
+  // payload (back to back from `payloads`); the same effects, in the same
+  // order, as AllocDataBlock, the link, NoteLink and WriteDataBlock for
+  // each. `current` is reused as each fresh successor in turn: on
   // return it is the fresh successor of the last block handled, and
   // taken[0..k) holds the successors' numbers. Returns k: `count`, or
   // fewer when a block write failed (k counts that block; the status says

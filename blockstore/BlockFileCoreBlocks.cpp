@@ -158,19 +158,6 @@ DataBlock* BlockFileCore::AllocDataBlock(DataBlock* reuse, bool clearPayload) {
   return block;
 }
 
-Status BlockFileCore::LinkAndWriteWhole(DataBlock& current, DataBlock* next,
-                                        const unsigned char* payload) {
-  bf::InitDataHead(next);
-  const auto n = static_cast<std::uint32_t>(blockMap.AllocBlock());
-  next->blockNumber = n;
-  next->inUse = 1;
-  if (n >= linkSource.size()) linkSource.resize(n + 1);
-  linkSource[n] = current.blockNumber;
-  MarkIfDirBlock(n);
-  current.nextBlock = n;
-  return WriteRawDataBlock(current, payload);
-}
-
 std::uint32_t BlockFileCore::AppendWholeBlocks(DataBlock& current, const unsigned char* payloads,
                                                std::uint32_t count, std::uint32_t* taken) {
   std::uint32_t k = 0;

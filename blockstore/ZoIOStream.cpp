@@ -94,21 +94,14 @@ void ZoIOStreamDevice::NextBlock(bool mayGrow, unsigned char* payloadTo) {
       return;
     }
     // The fresh block's payload is cleared only if it is not written whole.
-    if (d.directPayload != nullptr && !d.core->IsEncrypted()) {
-      // Only a write call fills a block whole, so the stamp waits for its end.
-      d.core->LinkAndWriteWhole(*d.current, d.spare, d.directPayload);
-      d.stampPending = true;
-      d.directPayload = nullptr;
+    d.core->AllocDataBlock(d.spare, false);
+    d.current->nextBlock = d.spare->blockNumber;
+    d.core->NoteLink(d.current->blockNumber, d.spare->blockNumber);
+    if (d.dirty) {
+      SaveCurrentBlock();
     } else {
-      d.core->AllocDataBlock(d.spare, false);
-      d.current->nextBlock = d.spare->blockNumber;
-      d.core->NoteLink(d.current->blockNumber, d.spare->blockNumber);
-      if (d.dirty) {
-        SaveCurrentBlock();
-      } else {
-        d.ClearLeftovers();
-        d.core->WriteDataBlock(*d.current);
-      }
+      d.ClearLeftovers();
+      d.core->WriteDataBlock(*d.current);
     }
     std::swap(d.current, d.spare);
     d.dirty = true;
