@@ -49,6 +49,8 @@
 
 #include <tesselzostream/tesselzostream.h>
 
+#include "ScratchFolder.h"
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -330,26 +332,6 @@ Options ParseOptions(int argc, char** argv) {
   return o;
 }
 
-// A fresh folder inside `parent`, removed when this object goes.
-class ScratchFolder {
- public:
-  explicit ScratchFolder(const fs::path& parent) {
-    std::string tmpl = (parent / "tz-bench-XXXXXX").string();
-    if (::mkdtemp(tmpl.data()) == nullptr) Fail("cannot make a scratch folder in " + parent.string());
-    path_ = tmpl;
-  }
-  ~ScratchFolder() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-  }
-  ScratchFolder(const ScratchFolder&) = delete;
-  ScratchFolder& operator=(const ScratchFolder&) = delete;
-  const fs::path& path() const { return path_; }
-
- private:
-  fs::path path_;
-};
-
 int Run(const Options& o) {
   // --quick divides the bytes of every workload by 16: the size of the one
   // big stream, and the number of small streams (their size stays, so the
@@ -359,7 +341,7 @@ int Run(const Options& o) {
   const Workload b{"(b)", 10000 / scale, 4 * kKiB};
   const Workload c{"(c)", 100000 / scale, 1 * kKiB};
 
-  const ScratchFolder scratch(o.dir.empty() ? fs::temp_directory_path() : fs::path(o.dir));
+  const ScratchFolder scratch(o.dir.empty() ? fs::temp_directory_path() : fs::path(o.dir), "tz-bench-");
   std::printf("block store vs plain files%s, best of %d, scratch %s\n", o.quick ? " (quick: 1/16 size)" : "",
               o.repeat, scratch.path().c_str());
   std::printf("ratio = plain seconds / library seconds (> 1: library faster)\n\n");

@@ -125,6 +125,8 @@
 
 #include <tesselzostream/tesselzostream.h>
 
+#include "ScratchFolder.h"
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -1407,26 +1409,6 @@ Options ParseOptions(int argc, char** argv) {
   return o;
 }
 
-// A fresh folder inside `parent`, removed when this object goes.
-class ScratchFolder {
- public:
-  explicit ScratchFolder(const fs::path& parent) {
-    std::string tmpl = (parent / "tz-compare-XXXXXX").string();
-    if (::mkdtemp(tmpl.data()) == nullptr) Fail("cannot make a scratch folder in " + parent.string());
-    path_ = tmpl;
-  }
-  ~ScratchFolder() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-  }
-  ScratchFolder(const ScratchFolder&) = delete;
-  ScratchFolder& operator=(const ScratchFolder&) = delete;
-  const fs::path& path() const { return path_; }
-
- private:
-  fs::path path_;
-};
-
 class Bench {
  public:
   explicit Bench(const Options& o) : o_(o) {
@@ -1456,7 +1438,7 @@ class Bench {
   }
 
   int Run() {
-    const ScratchFolder scratch(o_.dir.empty() ? fs::temp_directory_path() : fs::path(o_.dir));
+    const ScratchFolder scratch(o_.dir.empty() ? fs::temp_directory_path() : fs::path(o_.dir), "tz-compare-");
     const Outcome empty = InChild([](Clock& clock) -> std::uint64_t {
       clock.Start();
       clock.Stop();
