@@ -9,6 +9,7 @@
 #include <boost/filesystem.hpp>
 
 #include "sources/SourceConstants.h"
+#include "utility/Env.h"
 #include "utility/MD5.h"
 #include "utility/Path.h"
 #include "utility/ZoString.h"
@@ -107,13 +108,10 @@ bool CompoundFileStreamSource::CleanUp() { return DeleteDirectory(); }
 bool CompoundFileStreamSource::DeleteDirectory() {
   // An empty name names no folder: nothing to remove.
   if (mDirectoryName == nullptr || *mDirectoryName == '\0') return true;
-  try {
-    fs::remove_all(fs::path(mDirectoryName));
-    return true;
-  } catch (const fs::filesystem_error&) {
-    delete GetOStream(tz::kMarkerName);
-    return false;
-  }
+  boost::system::error_code error;
+  if (tz::CurrentEnv()->RemoveAll(mDirectoryName, error)) return true;
+  delete GetOStream(tz::kMarkerName);
+  return false;
 }
 
 std::string CompoundFileStreamSource::GetTempFolderName(const char* baseFolder,

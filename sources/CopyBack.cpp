@@ -1,7 +1,6 @@
 // CompoundFileStreamSource: the save of the working-folder model. Deletions
 // reach the compound file, then each working file that may differ from its
 // stored stream replaces that stream whole.
-#include <fstream>
 #include <memory>
 
 #include <boost/filesystem.hpp>
@@ -9,6 +8,7 @@
 #include "sources/SourceConstants.h"
 #include "tesselzostream/CompoundFileStreamSource.h"
 #include "utility/ByteIO.h"
+#include "utility/Env.h"
 #include "utility/ZoString.h"
 
 namespace fs = boost::filesystem;
@@ -47,9 +47,10 @@ CompoundFileStreamSource::Error CompoundFileStreamSource::CopyToBlockFile(bool c
 
   // Copies one working file; its leaf name is the stream's name.
   auto copyFile = [&](const std::string& path, const std::string& leaf) -> Error {
-    std::ifstream input(path, std::ios::in | std::ios::binary);
-    if (!input.good()) return FileOperationFailed;
-    return CopyToBlockFile(*mCompoundFile, input, leaf.c_str());
+    std::unique_ptr<std::istream> input(
+        tz::OpenFileStream<std::istream>(path, std::ios::in | std::ios::binary));
+    if (input == nullptr) return FileOperationFailed;
+    return CopyToBlockFile(*mCompoundFile, *input, leaf.c_str());
   };
 
   if (copyAll) {

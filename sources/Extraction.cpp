@@ -1,12 +1,12 @@
 // CompoundFileStreamSource: copying stored streams out into working files.
 #include <cstring>
-#include <fstream>
 #include <memory>
 
 #include <boost/filesystem.hpp>
 
 #include "sources/SourceConstants.h"
 #include "tesselzostream/CompoundFileStreamSource.h"
+#include "utility/Env.h"
 
 namespace fs = boost::filesystem;
 
@@ -19,8 +19,10 @@ bool CompoundFileStreamSource::ExtractFile(const char* name) const {
 
   bool complete = false;
   {
-    std::ofstream output(path, std::ios::out | std::ios::trunc | std::ios::binary);
-    if (!output.good()) return false;  // nothing was created or truncated
+    std::unique_ptr<std::ostream> opened(tz::OpenFileStream<std::ostream>(
+        path, std::ios::out | std::ios::trunc | std::ios::binary));
+    if (opened == nullptr) return false;  // nothing was created or truncated
+    std::ostream& output = *opened;
     const DirEntry* entry = mCompoundFile->FindDirEntry(name);
     const std::size_t chunk = tz::CopyChunkFor(entry != nullptr ? entry->size : ~std::uint64_t{0});
     std::unique_ptr<char[]> buffer(new char[chunk]);
@@ -37,7 +39,7 @@ bool CompoundFileStreamSource::ExtractFile(const char* name) const {
   // A fragment must never pass for the stream's new content.
   if (!complete) {
     boost::system::error_code ignored;
-    fs::remove(fs::path(path), ignored);
+    tz::CurrentEnv()->Remove(path, ignored);
   }
   return complete;
 }

@@ -3,7 +3,6 @@
 // the stream; only otherwise, and unless the name was deleted, the compound
 // file counts.
 #include <cstring>
-#include <fstream>
 
 #include <boost/filesystem.hpp>
 #include <boost/thread/locks.hpp>
@@ -12,6 +11,7 @@
 #include "sources/SourceConstants.h"
 #include "sources/WorkingPath.h"
 #include "tesselzostream/CompoundFileStreamSource.h"
+#include "utility/Env.h"
 
 #include <unistd.h>
 
@@ -48,12 +48,7 @@ std::basic_istream<char>* CompoundFileStreamSource::GetIStream(const char* name)
   }
   const fs::file_status status = fs::status(path);  // throws on a file system error
   if (!fs::exists(status) || fs::is_directory(status)) return nullptr;
-  std::ifstream* stream = new std::ifstream(path, std::ios::in | std::ios::binary);
-  if (stream->fail()) {
-    delete stream;
-    return nullptr;
-  }
-  return stream;
+  return tz::OpenFileStream<std::istream>(path, std::ios::in | std::ios::binary);
 }
 
 std::basic_ostream<char>* CompoundFileStreamSource::GetOStream(const char* name) const {
@@ -62,12 +57,9 @@ std::basic_ostream<char>* CompoundFileStreamSource::GetOStream(const char* name)
   mExtractedFiles->erase(name);
   mTempFiles->erase(name);
   mDeletedFiles->erase(name);
-  std::ofstream* stream =
-      new std::ofstream(path, std::ios::out | std::ios::trunc | std::ios::binary);
-  if (!stream->good()) {
-    delete stream;
-    return nullptr;
-  }
+  std::ostream* stream =
+      tz::OpenFileStream<std::ostream>(path, std::ios::out | std::ios::trunc | std::ios::binary);
+  if (stream == nullptr) return nullptr;
   mIsDirty = true;
   return stream;
 }
@@ -79,12 +71,9 @@ std::basic_iostream<char>* CompoundFileStreamSource::GetIOStream(const char* nam
   mTempFiles->erase(name);
   mDeletedFiles->erase(name);
   if (!PathExists(path)) ExtractFile(name);
-  std::fstream* stream =
-      new std::fstream(path, std::ios::in | std::ios::out | std::ios::binary);
-  if (stream->fail()) {
-    delete stream;
-    return nullptr;
-  }
+  std::iostream* stream =
+      tz::OpenFileStream<std::iostream>(path, std::ios::in | std::ios::out | std::ios::binary);
+  if (stream == nullptr) return nullptr;
   mIsDirty = true;
   return stream;
 }
@@ -110,7 +99,7 @@ void CompoundFileStreamSource::DeleteSource(const char* name) const {
   std::string path;
   if (!WorkingFile(name, &path)) return;
   boost::system::error_code ignored;
-  fs::remove(fs::path(path), ignored);
+  tz::CurrentEnv()->Remove(path, ignored);
   mDeletedFiles->insert(name);
   mIsDirty = true;
 }

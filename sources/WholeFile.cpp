@@ -10,6 +10,7 @@
 #include "sources/SourceConstants.h"
 #include "tesselzostream/CompoundFileStreamSource.h"
 #include "tesselzostream/Exception.h"
+#include "utility/Env.h"
 #include "utility/Path.h"
 #include "utility/ZoString.h"
 
@@ -39,6 +40,14 @@ bool SameFile(const char* a, const char* b) {
   return fs::equivalent(fs::path(a), fs::path(b), error) && !error;
 }
 
+// Removes the file at path through the platform layer; a failure throws
+// as the file system's own remove does, so that one handler covers both.
+void RemoveOrThrow(const std::string& path) {
+  boost::system::error_code error;
+  if (!tz::CurrentEnv()->Remove(path, error))
+    throw fs::filesystem_error("remove", fs::path(path), error);
+}
+
 }  // namespace
 
 CompoundFileStreamSource::Error CompoundFileStreamSource::SaveAs(const char* newName) {
@@ -51,7 +60,7 @@ CompoundFileStreamSource::Error CompoundFileStreamSource::SaveAs(const char* new
   CompoundFile target;
   const boost::shared_ptr<const std::set<std::string>> names = GetFileNames();
   try {
-    fs::remove(fs::path(newName));
+    RemoveOrThrow(newName);
     if (target.Open(newName, ZoStreamE::OpenReadWrite) != ZoStreamE::StatusOk)
       return CompoundFileNotAvailable;
     for (const std::string& name : *names) {
@@ -150,9 +159,11 @@ void CompoundFileStreamSource::CompactCompoundFile() {
       if (!complete) throw Exception("The file could not be copied");
     }
     if (Close(DiscardChanges, false) != NoError) throw Exception("The old file could not be closed");
-    fs::remove(filePath);
+    RemoveOrThrow(filePath.string());
     oldGone = true;
-    fs::rename(tempPath, filePath);
+    boost::system::error_code error;
+    if (!tz::CurrentEnv()->Rename(tempName, filePath.string(), error))
+      throw fs::filesystem_error("rename", tempPath, filePath, error);
     if (Open(NewDirectory, false) != NoError) throw Exception("The compacted file could not be opened");
   } catch (const fs::filesystem_error&) {
     std::string text = oldGone ? "The temporary file could not be renamed."

@@ -2,10 +2,21 @@
 // store makes, behind one small interface so that tests can make them fail.
 //
 // RandomAccessFile is one open file: positional reads and writes and its
-// size. Env opens such files (creating and locking them) and reads the
-// clock. CurrentEnv() is the process-wide instance; SetEnv() lets a test put
-// its own in place (for instance one that fails the Nth write) and put the
-// default back with null.
+// size. Env opens such files (creating and locking them), opens ordinary
+// files as stream buffers (the working folder's files), removes and renames
+// files, and reads the clock. CurrentEnv() is the process-wide instance;
+// SetEnv() lets a test put its own in place (for instance one that fails
+// the Nth write, read, sync, open, rename or remove) and put the default
+// back with null.
+//
+// How failures show, so that a test's Env can imitate the real one:
+// - RandomAccessFile: false from ReadAt, WriteAt or Size.
+// - a stream buffer: a read error throws from the buffer's read functions
+//   (the standard streams turn that into badbit, as they do for the
+//   standard file buffer's own read errors); a write error is a short put
+//   or eof from overflow; a failed sync returns -1.
+// - OpenLocked and OpenFileBuffer: null.
+// - Remove, RemoveAll and Rename: false, with the reason in `error`.
 //
 // Thread safety: the default Env and its files may be used from several
 // threads; a RandomAccessFile itself is used by one thread at a time (the
@@ -15,8 +26,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <ios>
+#include <istream>
 #include <memory>
+#include <streambuf>
 #include <string>
+#include <utility>
+
+#include <boost/system/error_code.hpp>
 
 namespace tz {
 
@@ -48,11 +65,53 @@ class Env {
   virtual std::unique_ptr<RandomAccessFile> OpenLocked(const std::string& path,
                                                        bool writable) = 0;
 
+  // Opens the file at path as a stream buffer, with `mode` as
+  // std::basic_filebuf::open takes it (in|binary reads an existing file,
+  // out|trunc|binary creates or empties one, in|out|binary updates an
+  // existing one). Null when the open fails.
+  virtual std::unique_ptr<std::streambuf> OpenFileBuffer(const std::string& path,
+                                                         std::ios_base::openmode mode);
+
+  // Removes the file or empty folder at path. True when it was removed or
+  // did not exist; false, with the reason in `error`, otherwise.
+  virtual bool Remove(const std::string& path, boost::system::error_code& error);
+  // Removes the folder at path with everything in it (or the file). True
+  // when nothing is left; false, with the reason in `error`, otherwise
+  // (what was removed by then stays removed).
+  virtual bool RemoveAll(const std::string& path, boost::system::error_code& error);
+  // Renames `from` to `to`, replacing a file there. False, with the reason
+  // in `error`, when it fails; both names are then as they were.
+  virtual bool Rename(const std::string& from, const std::string& to,
+                      boost::system::error_code& error);
+
   // Seconds since the epoch.
   virtual std::int64_t Now() = 0;
 };
 
-Env* CurrentEnv();
+Env* CurrentEnv();  // the Env in place; Env::Default() unless a test set one
+
+// A standard stream that owns the stream buffer it runs on; the buffer is
+// closed (and its output written) when the stream is destroyed. Stream is
+// std::istream, std::ostream or std::iostream.
+template <class Stream>
+class BufferOwningStream : public Stream {
+ public:
+  explicit BufferOwningStream(std::unique_ptr<std::streambuf> buffer)
+      : Stream(buffer.get()), buffer_(std::move(buffer)) {}
+
+ private:
+  std::unique_ptr<std::streambuf> buffer_;
+};
+
+// The stream on the file at path through CurrentEnv(), or null when it
+// cannot be opened.
+template <class Stream>
+Stream* OpenFileStream(const std::string& path, std::ios_base::openmode mode) {
+  std::unique_ptr<std::streambuf> buffer = CurrentEnv()->OpenFileBuffer(path, mode);
+  if (!buffer) return nullptr;
+  return new BufferOwningStream<Stream>(std::move(buffer));
+}
+
 void SetEnv(Env* env);  // null restores Env::Default()
 
 }  // namespace tz

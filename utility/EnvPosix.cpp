@@ -7,6 +7,9 @@
 
 #include <atomic>
 #include <ctime>
+#include <fstream>
+
+#include <boost/filesystem.hpp>
 
 #include "utility/Env.h"
 
@@ -88,6 +91,29 @@ std::atomic<Env*> g_env{nullptr};
 
 RandomAccessFile::~RandomAccessFile() = default;
 Env::~Env() = default;
+
+std::unique_ptr<std::streambuf> Env::OpenFileBuffer(const std::string& path,
+                                                    std::ios_base::openmode mode) {
+  std::unique_ptr<std::filebuf> buffer(new std::filebuf);
+  if (buffer->open(path, mode) == nullptr) return nullptr;
+  return buffer;
+}
+
+bool Env::Remove(const std::string& path, boost::system::error_code& error) {
+  boost::filesystem::remove(boost::filesystem::path(path), error);
+  return !error;
+}
+
+bool Env::RemoveAll(const std::string& path, boost::system::error_code& error) {
+  boost::filesystem::remove_all(boost::filesystem::path(path), error);
+  return !error;
+}
+
+bool Env::Rename(const std::string& from, const std::string& to,
+                 boost::system::error_code& error) {
+  boost::filesystem::rename(boost::filesystem::path(from), boost::filesystem::path(to), error);
+  return !error;
+}
 
 Env* Env::Default() {
   static PosixEnv* env = new PosixEnv;  // lives to process exit
