@@ -136,9 +136,19 @@ bool BlockIO::WriteBlockSplit(std::uint32_t n, const unsigned char* head, std::s
   return ok;
 }
 
+// A write that failed part-way at the end of the file (a full disk) may
+// have left a length that is no whole number of blocks, and such a file
+// would no longer open. The part-block goes; whole blocks that landed stay,
+// as blocks that no directory entry names yet.
+void BlockIO::CutTornTail() {
+  std::uint64_t size = 0;
+  if (file_->Size(&size) && size % kBlock != 0) file_->Truncate(size - size % kBlock);
+}
+
 bool BlockIO::Flush() {
   if (pendingLength_ == 0) return true;
   const bool ok = file_->WriteAt(pendingStart_, pending_.get(), pendingLength_);
   pendingLength_ = 0;
+  if (!ok) CutTornTail();
   return ok;
 }

@@ -51,6 +51,8 @@ class BlockIO {
   bool Flush();
 
  private:
+  // After a failed write: cuts a part-block at the end of the file.
+  void CutTornTail();
   static std::uint64_t Offset(std::uint32_t n);
   bool ReadAhead(std::uint64_t offset);
   void OverlayPending(std::uint64_t start, unsigned char* data, std::size_t length) const;

@@ -82,22 +82,51 @@ std::uint32_t FirstBlockOf(const FileBytes& b, const char* name);
 // Deterministic bytes for a seed.
 std::string Pattern(std::size_t length, std::uint32_t seed);
 
-// An Env that passes everything to the default one, but fails the write
-// with number `failAt` (counted from 1 since the last Reset) and every
-// write after it, as a full disk would. 0 fails nothing.
+// The platform calls a FaultyEnv can make fail. kWrite and kPartialWrite
+// count the same calls (block-file writes and working-file puts); the
+// partial kind lets the failing call put half of its bytes first, as a disk
+// that fills up part-way does (a block-file write only when it reaches past
+// the file's end: rewriting bytes in place takes no new space). kSync is a working file's flush; kOpen
+// counts the opens of block files and of working files alike.
+enum class Fault { kWrite, kPartialWrite, kRead, kSync, kOpen, kRename, kRemove };
+const char* FaultName(Fault kind);
+constexpr Fault kAllFaults[] = {Fault::kWrite, Fault::kPartialWrite, Fault::kRead, Fault::kSync,
+                                Fault::kOpen,  Fault::kRename,       Fault::kRemove};
+
+// An Env that passes everything to the default one, but fails the call of
+// the armed kind with number `failAt` (counted from 1 since the last Reset)
+// and every later call of that kind, as a full disk or a dead device
+// would. 0 fails nothing.
 class FaultyEnv : public tz::Env {
  public:
   std::unique_ptr<tz::RandomAccessFile> OpenLocked(const std::string& path,
                                                    bool writable) override;
+  std::unique_ptr<std::streambuf> OpenFileBuffer(const std::string& path,
+                                                 std::ios_base::openmode mode) override;
+  bool Remove(const std::string& path, boost::system::error_code& error) override;
+  bool RemoveAll(const std::string& path, boost::system::error_code& error) override;
+  bool Rename(const std::string& from, const std::string& to,
+              boost::system::error_code& error) override;
   std::int64_t Now() override { return tz::Env::Default()->Now(); }
 
-  void Reset(int failAt) { failAt_ = failAt; writes_ = 0; }
-  int writes() const { return writes_; }
-  bool WriteAllowed() { ++writes_; return failAt_ == 0 || writes_ < failAt_; }
+  void Reset(Fault kind, int failAt) { kind_ = kind; failAt_ = failAt; calls_ = 0; }
+  void Reset(int failAt) { Reset(Fault::kWrite, failAt); }
+  // Calls of the armed kind since the last Reset.
+  int calls() const { return calls_; }
+  int writes() const { return calls_; }
+  // True once the armed call has been reached.
+  bool hit() const { return failAt_ != 0 && calls_ >= failAt_; }
+
+  // Counts a call of `kind`; false when it is to fail.
+  bool Allow(Fault kind);
+  // True for the failing call itself under kPartialWrite: it puts half of
+  // its bytes; the calls after it, on a disk that is full, put nothing.
+  bool PartNow() const { return kind_ == Fault::kPartialWrite && calls_ == failAt_; }
 
  private:
+  Fault kind_ = Fault::kWrite;
   int failAt_ = 0;
-  int writes_ = 0;
+  int calls_ = 0;
 };
 
 // Puts an Env in place for its lifetime.

@@ -49,6 +49,9 @@ class RandomAccessFile {
                        std::size_t n) = 0;
   // The file's current length in bytes; false on an I/O error.
   virtual bool Size(std::uint64_t* size) = 0;
+  // Cuts the file to `size` bytes (no more than its length); false on an
+  // I/O error. A file that cannot be cut keeps this default.
+  virtual bool Truncate(std::uint64_t size);
 };
 
 class Env {

@@ -51,6 +51,14 @@ class PosixFile : public RandomAccessFile {
     return true;
   }
 
+  bool Truncate(std::uint64_t size) override {
+    int r;
+    do {
+      r = ::ftruncate(fd_, static_cast<off_t>(size));
+    } while (r != 0 && errno == EINTR);
+    return r == 0;
+  }
+
   bool Size(std::uint64_t* size) override {
     struct stat st;
     if (::fstat(fd_, &st) != 0) return false;
@@ -90,6 +98,7 @@ std::atomic<Env*> g_env{nullptr};
 }  // namespace
 
 RandomAccessFile::~RandomAccessFile() = default;
+bool RandomAccessFile::Truncate(std::uint64_t) { return false; }
 Env::~Env() = default;
 
 std::unique_ptr<std::streambuf> Env::OpenFileBuffer(const std::string& path,

@@ -1,13 +1,18 @@
-// Injected write failures. Each operation runs on a fresh copy of a known
-// good file with the platform's Nth write failing, as on a full disk, for
-// N = 1, 2, 3, ... until the operation completes without reaching the
-// fault. After every round the file, reopened with the real platform, must
-// hold what the last clean close saved: every stream the operation did not
-// target reads back unchanged, the target holds its old or its new bytes,
-// and the file takes further writes without one stream spoiling another.
+// Injected platform failures. Each operation runs on a fresh copy of a
+// known good file with the platform's Nth write (whole, or half of it as on
+// a disk that fills up part-way), Nth read or Nth open failing, and every
+// later one of that kind, for N = 1, 2, 3, ... until the operation
+// completes without reaching the fault. After every round the file,
+// reopened with the real platform, must hold what the last clean close
+// saved: every stream the operation did not target reads back unchanged,
+// the target holds its old or its new bytes, and the file takes further
+// writes without one stream spoiling another. A cipher pass that fails
+// half-way may instead leave the file marked so that no open accepts it.
 //
 // A "write" is one platform call; the engine gathers consecutive blocks
-// into one call, so N counts calls, not blocks.
+// into one call, so N counts calls, not blocks. The block file has no
+// flush of its own beyond its writes: its write-behind buffer goes out as
+// writes.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -26,6 +31,7 @@ using ZoStreamE::OpenReadOnly;
 using ZoStreamE::OpenReadWrite;
 
 const char kPassword[] = "full disk";
+const char kOldPassword[] = "before";
 // Upper bound on the rounds of one operation; far above what any of them
 // needs, so reaching it means the operation never stops writing.
 constexpr int kMaxRounds = 400;
@@ -37,14 +43,37 @@ struct Operation {
   bool removesTarget;   // the target is gone after success
   std::string after;    // the target's bytes after success, unless removed
   bool mayMarkUnusable; // a failed cipher pass may leave a refused file
+  // Changed in place: a torn write may leave any mix of old and new blocks
+  // (no journal), so each byte is its old or its new value.
+  bool inPlace = false;
+  // A state the operation itself saved part-way, which a later failure
+  // leaves standing.
+  std::string midway = "";
 };
+
+// True when `got` is as long as `old` or `now` and each byte of it is the
+// byte at its place in one of them.
+bool OldOrNewByBytes(const std::string& got, const std::string& old, const std::string& now) {
+  if (got.size() != old.size() && got.size() != now.size()) return false;
+  for (std::size_t i = 0; i < got.size(); ++i) {
+    const bool asOld = i < old.size() && got[i] == old[i];
+    const bool asNew = i < now.size() && got[i] == now[i];
+    if (!asOld && !asNew) return false;
+  }
+  return true;
+}
 
 // Writes `bytes` at `at` of stream `name` ("r+b"); -1 appends.
 void Patch(CompoundFile& f, const char* name, std::streamoff at, const std::string& bytes) {
   std::unique_ptr<std::iostream> s(f.GetIOStream(name, "r+b"));
   if (!s) return;
-  if (at < 0) s->seekp(0, std::ios_base::end);
-  else s->seekp(at);
+  // A failing seek for writing throws through seekp (see GetIOStream).
+  try {
+    if (at < 0) s->seekp(0, std::ios_base::end);
+    else s->seekp(at);
+  } catch (const std::ios_base::failure&) {
+    return;
+  }
   s->write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 
@@ -73,20 +102,33 @@ class FaultInjectionTest : public ::testing::Test {
     return nullptr;
   }
 
-  // One round: the operation with write `n` failing. True when a write
-  // failed, false when the operation finished before write `n`.
-  bool RunWithFault(const Operation& op, int n) {
+  // One round: the operation with call `n` of `kind` failing. True when a
+  // call failed, false when the operation finished before call `n`.
+  bool RunWithFault(const Operation& op, Fault kind, int n) {
     WriteAll(path_, good_);
     FaultyEnv env;
-    env.Reset(n);
+    env.Reset(kind, n);
     ScopedEnv scoped(&env);
-    OpenedFile f(path_, OpenReadWrite);
+    CompoundFile f;
+    const OpenResult r = TryOpen(f, path_, OpenReadWrite);
+    if (r.threw || r.status != ZoStreamE::StatusOk) {
+      // An open that fails reports it and leaves the file as it was.
+      EXPECT_TRUE(env.hit()) << "open failed with nothing failing, status " << r.status;
+      EXPECT_TRUE(good_ == ReadAll(path_)) << "a failed open changed the file";
+      return env.hit();
+    }
     op.run(f);
     f.Flush();
-    // A failed write is reported on the handle as StatusFailed, and only then.
-    EXPECT_EQ(env.writes() >= n ? ZoStreamE::StatusFailed : ZoStreamE::StatusOk, f.GetStatus());
+    // A failed call is reported on the handle as StatusFailed, and only then.
+    EXPECT_EQ(env.hit() ? ZoStreamE::StatusFailed : ZoStreamE::StatusOk, f.GetStatus());
     f.Close();
-    return env.writes() >= n;
+    return env.hit();
+  }
+
+  static void Unlock(CompoundFile& f) {
+    if (f.IsEncrypted()) {
+      ASSERT_TRUE(f.SetPassword(kPassword) || f.SetPassword(kOldPassword));
+    }
   }
 
   // The streams of the reopened file against what the round may leave.
@@ -104,7 +146,10 @@ class FaultInjectionTest : public ::testing::Test {
       EXPECT_TRUE(ok);
       const bool asBefore = old != nullptr && got == *old;
       const bool asAfter = !op.removesTarget && got == op.after;
-      EXPECT_TRUE(asBefore || asAfter) << op.target << " holds neither its old nor its new bytes";
+      const bool mixed = op.inPlace && old != nullptr && OldOrNewByBytes(got, *old, op.after);
+      const bool midway = !op.midway.empty() && got == op.midway;
+      EXPECT_TRUE(asBefore || asAfter || mixed || midway)
+          << op.target << " holds neither its old nor its new bytes";
       EXPECT_TRUE(hit || asAfter) << op.target << " not updated by a clean run";
     } else {
       EXPECT_TRUE(old == nullptr || op.removesTarget) << op.target << " lost";
@@ -122,30 +167,26 @@ class FaultInjectionTest : public ::testing::Test {
       ASSERT_FALSE(r.threw) << "open threw status " << r.status;
       if (r.status == ZoStreamE::StatusNotOpen && hit && op.mayMarkUnusable) return;
       ASSERT_EQ(ZoStreamE::StatusOk, r.status);
-      if (f.IsEncrypted()) {
-        ASSERT_TRUE(f.SetPassword(kPassword));
-      }
+      ASSERT_NO_FATAL_FAILURE(Unlock(f));
       CheckStreams(f, op, hit, "");
       ASSERT_TRUE(PutStream(f, "later", Pattern(3500, 99)));
       ASSERT_EQ(ZoStreamE::StatusOk, f.Close());
     }
     OpenedFile f(path_, OpenReadOnly);
-    if (f.IsEncrypted()) {
-      ASSERT_TRUE(f.SetPassword(kPassword));
-    }
+    ASSERT_NO_FATAL_FAILURE(Unlock(f));
     CheckStreams(f, op, hit, "later");
     EXPECT_TRUE(GetStream(f, "later") == Pattern(3500, 99));
   }
 
-  void RunUntilClean(const Operation& op) {
+  void RunUntilClean(const Operation& op, Fault kind) {
     for (int n = 1; n <= kMaxRounds; ++n) {
-      SCOPED_TRACE(std::string(op.label) + ", failing write " + std::to_string(n));
-      const bool hit = RunWithFault(op, n);
+      SCOPED_TRACE(std::string(op.label) + ", failing " + FaultName(kind) + " " + std::to_string(n));
+      const bool hit = RunWithFault(op, kind, n);
       CheckSurvivor(op, hit);
       if (!hit) return;
       if (::testing::Test::HasFailure()) return;  // one broken round tells enough
     }
-    ADD_FAILURE() << op.label << " still writing after " << kMaxRounds << " rounds";
+    ADD_FAILURE() << op.label << " still calling after " << kMaxRounds << " rounds";
   }
 
   ScratchDir dir_;
@@ -162,9 +203,10 @@ TEST_F(FaultInjectionTest, EveryOperationSurvivesAFullDisk) {
   const std::string patched = std::string(*OldContent("one")).replace(1500, patch.size(), patch);
   const Operation operations[] = {
       {"new stream", [&](CompoundFile& f) { PutStream(f, "fresh", fresh); }, "fresh", false, fresh, false},
-      {"overwrite with r+b", [&](CompoundFile& f) { Patch(f, "one", 1500, patch); }, "one", false, patched, false},
+      {"overwrite with r+b", [&](CompoundFile& f) { Patch(f, "one", 1500, patch); }, "one", false, patched, false,
+       true},
       {"append with r+b", [&](CompoundFile& f) { Patch(f, "two", -1, tail); }, "two", false,
-       *OldContent("two") + tail, false},
+       *OldContent("two") + tail, false, true},
       {"delete", [](CompoundFile& f) { f.DeleteCFFile("four"); }, "four", true, "", false},
       {"encrypt", [](CompoundFile& f) { f.Encrypt(kPassword); }, nullptr, false, "", true},
       {"encrypt, then decrypt",
@@ -172,8 +214,25 @@ TEST_F(FaultInjectionTest, EveryOperationSurvivesAFullDisk) {
          if (f.Encrypt(kPassword) == ZoStreamE::StatusOk) f.Decrypt();
        },
        nullptr, false, "", true},
+      {"change the password",
+       [](CompoundFile& f) {
+         if (f.Encrypt(kOldPassword) == ZoStreamE::StatusOk) f.Encrypt(kPassword);
+       },
+       nullptr, false, "", true},
+      {"write, flush, write on",
+       [&](CompoundFile& f) {
+         std::unique_ptr<std::iostream> s(f.GetIOStream("fresh", "wb"));
+         if (!s) return;
+         s->write(fresh.data(), 2500);
+         s->flush();
+         f.Flush();
+         s->write(fresh.data() + 2500, static_cast<std::streamsize>(fresh.size() - 2500));
+       },
+       "fresh", false, fresh, false, false, fresh.substr(0, 2500)},
   };
-  for (const Operation& op : operations) RunUntilClean(op);
+  for (const Fault kind : {Fault::kWrite, Fault::kPartialWrite, Fault::kRead, Fault::kOpen}) {
+    for (const Operation& op : operations) RunUntilClean(op, kind);
+  }
 }
 
 }  // namespace
