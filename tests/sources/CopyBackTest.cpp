@@ -1,5 +1,5 @@
-// Extraction and copy back: chunk boundaries, order, refusals, a damaged
-// stored stream, and injected write failures.
+// Extraction and copy back: chunk boundaries, order, refusals and a damaged
+// stored stream (injected failures are in SourceFaultTest).
 #include "tests/sources/SourceFixture.h"
 
 namespace {
@@ -88,51 +88,6 @@ TEST_F(CopyBackTest, DamagedStoredStreamLeavesNoFragment) {
   EXPECT_EQ("<null>", Drain(source->GetIStream("s")));
   EXPECT_FALSE(InWork("s"));
   source->Close(Source::DiscardChanges, false);
-}
-
-TEST_F(CopyBackTest, FailedWritesLeaveAReadableFile) {
-  // Every write from the n-th on fails, as on a full disk. Afterwards the
-  // file opens, and every stream but the one being copied at the failure
-  // holds its old or its new content. The one in progress has had its old
-  // chain freed, and its blocks may already carry the new chain, so it may
-  // read as anything (copy back has no journal).
-  const std::map<std::string, std::string> before = {
-      {"a", tztest::Pattern(3000, 1)}, {"b", "b0"}, {"c", tztest::Pattern(12000, 2)}};
-  const std::map<std::string, std::string> after = {
-      {"a", "a1"}, {"b", tztest::Pattern(4000, 5)}, {"c", "c1"}};
-  bool reachedClean = false;
-  for (int n = 1; n < 60 && !reachedClean; ++n) {
-    SCOPED_TRACE(n);
-    fs::remove(file);
-    Store(before);
-    tztest::FaultyEnv env;
-    bool failed;
-    {
-      tztest::ScopedEnv scoped(&env);
-      auto source = Opened();
-      for (const auto& s : after) ASSERT_TRUE(Fill(source->GetOStream(s.first.c_str()), s.second));
-      env.Reset(n);
-      failed = source->CopyToBlockFile(false) != Source::NoError;
-      source->Close(Source::DiscardChanges, false);
-    }
-    // Each stream through a handle of its own: a failed read makes a
-    // handle's status sticky.
-    std::map<std::string, std::string> stored;
-    int damaged = 0;
-    for (const auto& s : before) {
-      tztest::OpenedFile cf(file, ZoStreamE::OpenReadOnly);
-      bool ok = false;
-      const std::string content = tztest::GetStream(cf, s.first.c_str(), &ok);
-      if (ok) stored[s.first] = content;
-      if (!ok || (content != s.second && content != after.at(s.first))) ++damaged;
-    }
-    EXPECT_LE(damaged, 1);
-    if (!failed && env.writes() < n) {
-      EXPECT_EQ(after, stored);
-      reachedClean = true;
-    }
-  }
-  EXPECT_TRUE(reachedClean);
 }
 
 }  // namespace

@@ -1,0 +1,270 @@
+// Injected platform failures in the saves of the working-folder source:
+// copy back through Close, SaveAs and compaction. Each runs on a fresh
+// file and folder with the Nth write (whole or part-way), read, flush,
+// open, rename or remove failing, and every later one of that kind, for
+// N = 1, 2, ... until the operation runs without reaching the fault.
+//
+// After every round:
+// - an operation that reports success has done all of its work;
+// - the compound file opens for writing, and every stream in it holds its
+//   saved or its new content; only the one stream being copied when the
+//   fault struck may hold a part of its new content or be missing, since a
+//   copy replaces a stream by freeing its old chain first (no journal);
+// - a failed copy back or SaveAs loses nothing: the changes are still in
+//   the working folder, and the same call made again without the fault
+//   (on a fresh handle if the fault spoiled the compound file's) saves all
+//   of them;
+// - a failed compaction leaves the saved streams whole under the file's
+//   name, or, when it says so, under the temporary name it reports.
+#include <functional>
+
+#include "tests/sources/SourceFixture.h"
+#include "tesselzostream/Exception.h"
+
+namespace {
+
+using tztest::Fault;
+using Streams = std::map<std::string, std::string>;
+
+const Streams kBefore = {{"alpha", tztest::Pattern(3000, 1)}, {"beta", "b0"},
+                         {"gamma", tztest::Pattern(12000, 2)}, {"doomed", tztest::Pattern(1500, 3)},
+                         {"steady", tztest::Pattern(5000, 4)}};
+const Streams kAfter = {{"alpha", "a1"}, {"beta", "b0"}, {"gamma", tztest::Pattern(25000, 5)},
+                        {"steady", tztest::Pattern(5000, 4)}, {"fresh", tztest::Pattern(4000, 6)}};
+
+constexpr int kMaxRounds = 200;
+
+// Names and sizes, for a readable failure message.
+std::string Summary(const Streams& streams) {
+  std::string text;
+  for (const auto& s : streams) text += s.first + ":" + std::to_string(s.second.size()) + " ";
+  return text;
+}
+#define EXPECT_STREAMS(expected, actual) EXPECT_TRUE((expected) == (actual)) << Summary(actual)
+
+class SourceFaultTest : public SourceFixture {
+ protected:
+  // A source on the saved file with the edits made: two streams changed,
+  // one deleted, one added, one read (and so extracted) unchanged.
+  std::unique_ptr<Source> Edited() {
+    fs::remove_all(work);
+    fs::remove(file);
+    Store(kBefore);
+    std::unique_ptr<Source> source = Opened();
+    EXPECT_EQ(kBefore.at("steady"), Drain(source->GetIStream("steady")));
+    EXPECT_TRUE(Fill(source->GetOStream("alpha"), kAfter.at("alpha")));
+    EXPECT_TRUE(Fill(source->GetOStream("gamma"), kAfter.at("gamma")));
+    EXPECT_TRUE(Fill(source->GetOStream("fresh"), kAfter.at("fresh")));
+    source->DeleteSource("doomed");
+    return source;
+  }
+
+  // The streams of the compound file at `original`, each through a handle
+  // of its own (a failed read makes a handle's status sticky); unreadable
+  // ones are left out. It reads a copy of the bytes on disk, since a source
+  // may still hold the file open (and locked).
+  Streams StoredAt(const std::string& original) {
+    const std::string path = dir.Path("snapshot.tzcf");
+    tztest::WriteAll(path, tztest::ReadAll(original));
+    Streams result;
+    std::vector<std::string> names;
+    {
+      CompoundFile cf;
+      EXPECT_EQ(ZoStreamE::StatusOk, cf.Open(path.c_str(), ZoStreamE::OpenReadWrite)) << path;
+      names = tztest::ListNames(cf);
+    }
+    for (const std::string& name : names) {
+      if (name == "zorvanet_block_file_free_list") continue;
+      CompoundFile cf;
+      if (cf.Open(path.c_str(), ZoStreamE::OpenReadOnly) != ZoStreamE::StatusOk) continue;
+      bool ok = false;
+      const std::string content = tztest::GetStream(cf, name.c_str(), &ok);
+      if (ok) result[name] = content;
+    }
+    return result;
+  }
+
+  // Every stream saved or new; at most one other, and that one a part of
+  // its new content or missing.
+  static void ExpectSavedOrNew(const Streams& stored) {
+    int inFlight = 0;
+    for (const auto& name : {"alpha", "beta", "gamma", "doomed", "steady", "fresh"}) {
+      const auto got = stored.find(name);
+      const auto old = kBefore.find(name), now = kAfter.find(name);
+      if (got == stored.end()) {
+        if (old != kBefore.end() && now != kAfter.end()) ++inFlight;
+        continue;
+      }
+      const bool asOld = old != kBefore.end() && got->second == old->second;
+      const bool asNew = now != kAfter.end() && got->second == now->second;
+      if (asOld || asNew) continue;
+      ++inFlight;
+      EXPECT_TRUE(now != kAfter.end() && now->second.compare(0, got->second.size(), got->second) == 0)
+          << name << " holds bytes that were never written to it";
+    }
+    for (const auto& s : stored) EXPECT_TRUE(kBefore.count(s.first) || kAfter.count(s.first)) << s.first;
+    EXPECT_LE(inFlight, 1) << Summary(stored);
+  }
+
+  // Runs `save` under each fault and number until it runs clean; `check`
+  // looks at one round: the source, whether the save reported success, and
+  // whether the fault was reached.
+  void EveryFault(const std::function<bool(Source&)>& save,
+                  const std::function<void(std::unique_ptr<Source>&, bool, bool)>& check) {
+    for (const Fault kind : tztest::kAllFaults) {
+      bool clean = false;
+      for (int n = 1; n <= kMaxRounds && !clean && !HasFailure(); ++n) {
+        SCOPED_TRACE(std::string("failing ") + tztest::FaultName(kind) + " " + std::to_string(n));
+        // The source opens its file through the faulty platform too, so
+        // that the compound file's own calls can fail during the save.
+        tztest::FaultyEnv env;
+        bool succeeded, hit;
+        std::unique_ptr<Source> source;
+        {
+          tztest::ScopedEnv scoped(&env);
+          source = Edited();
+          env.Reset(kind, n);
+          succeeded = save(*source);
+          hit = env.hit();
+          env.Reset(kind, 0);
+        }
+        EXPECT_TRUE(succeeded || hit) << "failed with nothing failing";
+        check(source, succeeded, hit);
+        clean = !hit;
+        if (source) source->Close(Source::DiscardChanges, false);
+      }
+      EXPECT_TRUE(clean) << tztest::FaultName(kind) << ": still failing after " << kMaxRounds << " rounds";
+    }
+  }
+
+  // A fresh handle on the same file and folder, taking the folder as it
+  // stands, for a retry after the old handle's compound file failed. Such
+  // an open starts clean and forgets what the old handle recorded: the
+  // deletion is made again and the folder marked as changed.
+  std::unique_ptr<Source> Reopened(std::unique_ptr<Source>& old) {
+    old.reset();
+    std::unique_ptr<Source> source(new Source(file.c_str(), work.c_str()));
+    EXPECT_EQ(Source::NoError, source->Open(Source::ExistingDirectory, false));
+    source->DeleteSource("doomed");
+    source->SetIsDirty(true);
+    return source;
+  }
+
+  std::string movedTo_;  // where a failed compaction says the data went
+};
+
+TEST_F(SourceFaultTest, CopyBackLosesNothing) {
+  EveryFault([](Source& s) { return s.Close(Source::SaveChanges, false) == Source::NoError; },
+             [&](std::unique_ptr<Source>& source, bool succeeded, bool hit) {
+               if (succeeded) {
+                 // Copy back judges each stream by the state of its block
+                 // stream before the stream's release, which writes its last
+                 // block and the directory; a failure there is seen only in
+                 // the compound file's status, which Close does not consult.
+                 // What was saved before stays readable all the same.
+                 if (hit) ExpectSavedOrNew(StoredAt(file));
+                 else EXPECT_STREAMS(kAfter, StoredAt(file));
+                 EXPECT_FALSE(fs::exists(work));
+                 return;
+               }
+               ExpectSavedOrNew(StoredAt(file));
+               // The failure left the folder with the changes: saved again,
+               // they all arrive.
+               // A fault in the compound file leaves its handle failed: the
+               // retry then needs a fresh one.
+               Source::Error again = source->Close(Source::SaveChanges, false);
+               if (again == Source::CompoundFileNotAvailable) {
+                 source = Reopened(source);
+                 again = source->Close(Source::SaveChanges, false);
+               }
+               ASSERT_EQ(Source::NoError, again);
+               EXPECT_STREAMS(kAfter, StoredAt(file));
+             });
+}
+
+TEST_F(SourceFaultTest, SaveAsLeavesTheOriginalAndCanBeRepeated) {
+  const std::string target = dir.Path("copy.tzcf");
+  EveryFault([&](Source& s) { return s.SaveAs(target.c_str()) == Source::NoError; },
+             [&](std::unique_ptr<Source>& source, bool succeeded, bool hit) {
+               EXPECT_STREAMS(kBefore, StoredAt(file)) << "SaveAs changed the original";
+               if (succeeded && !hit) {
+                 EXPECT_STREAMS(kAfter, StoredAt(target));
+               } else if (succeeded) {
+                 // SaveAs does not examine the close of the new file, and a
+                 // compound file whose status has failed lists no names.
+                 ExpectSavedOrNew(StoredAt(target));
+               } else {
+                 // Nothing is lost: a fresh handle saves everything.
+                 source = Reopened(source);
+                 ASSERT_EQ(Source::NoError, source->SaveAs(target.c_str()));
+                 EXPECT_STREAMS(kAfter, StoredAt(target));
+               }
+             });
+}
+
+TEST_F(SourceFaultTest, CompactionKeepsAWholeFile) {
+  EveryFault(
+      [&](Source& s) {
+        try {
+          s.CompactCompoundFile();
+          return true;
+        } catch (const Exception& e) {
+          // Where the data went, when the old file was gone before the new
+          // one took its name.
+          const std::string text = e.what();
+          const std::size_t at = text.find("The new file name is ");
+          movedTo_ = at == std::string::npos ? "" : dir.Path(text.substr(at + 21));
+          return false;
+        } catch (ZoStreamE::Status) {
+          // Passed on from an open that could not read the directory.
+          movedTo_.clear();
+          return false;
+        }
+      },
+      [&](std::unique_ptr<Source>& source, bool succeeded, bool) {
+        source->Close(Source::DiscardChanges, false);
+        if (succeeded) {
+          EXPECT_STREAMS(kAfter, StoredAt(file));
+          return;
+        }
+        if (!movedTo_.empty()) {
+          EXPECT_FALSE(fs::exists(file));
+          EXPECT_STREAMS(kAfter, StoredAt(movedTo_));
+          fs::remove(movedTo_);
+          return;
+        }
+        // The old file stays until the new one is complete; the failure
+        // may also come after the new one took its place.
+        const Streams stored = StoredAt(file);
+        EXPECT_TRUE(stored == kBefore || stored == kAfter) << "neither the old file nor the new one";
+        for (char letter = 'A'; letter <= 'Y'; ++letter)
+          fs::remove(dir.Path(std::string("kelvoptmp") + letter + ".zvp"));
+      });
+}
+
+// A working file's stream reports a failed put or flush in its state.
+TEST_F(SourceFaultTest, WorkingStreamsShowFailuresInTheirState) {
+  Store(kBefore);
+  std::unique_ptr<Source> source = Opened();
+  tztest::FaultyEnv env;
+  tztest::ScopedEnv scoped(&env);
+  for (const Fault kind : {Fault::kWrite, Fault::kSync}) {
+    env.Reset(kind, 1);
+    std::unique_ptr<std::ostream> out(source->GetOStream("alpha"));
+    ASSERT_NE(nullptr, out);
+    out->write("xyz", 3);
+    out->flush();
+    EXPECT_TRUE(out->bad()) << tztest::FaultName(kind);
+  }
+  env.Reset(Fault::kRead, 1);
+  std::unique_ptr<std::istream> in(source->GetIStream("steady"));
+  ASSERT_NE(nullptr, in);
+  char c[16];
+  in->read(c, sizeof c);
+  EXPECT_TRUE(in->bad());
+  env.Reset(Fault::kOpen, 1);
+  EXPECT_EQ(nullptr, source->GetIStream("beta"));
+  env.Reset(Fault::kOpen, 0);
+}
+
+}  // namespace
