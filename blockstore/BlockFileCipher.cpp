@@ -39,7 +39,13 @@ bool BlockFileCore::SetPassword(const char* password) {
   if (std::memcmp(digest.GetRawDigest(), dirBlocks[0]->passwordDigest, bf::kDigestSize) != 0) {
     return false;
   }
-  cipher = MakeCipher(password);
+  // Every handle on the path shares this engine, and each may unlock it
+  // after its open while other threads read streams deciphered by the
+  // cipher in place: the digest matched, so a cipher already there has this
+  // very key and stays, and a new one is put in under readLock, which every
+  // read holds while it deciphers.
+  std::lock_guard<std::recursive_mutex> hold(readLock);
+  if (!cipher) cipher = MakeCipher(password);
   if (status == ZoStreamE::StatusPasswordNeeded) status = ZoStreamE::StatusOk;
   return true;
 }

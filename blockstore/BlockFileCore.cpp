@@ -88,7 +88,7 @@ void BlockFileCore::LoadDirectoryChain(DirBlock* first, bool exact) {
       // An unreadable or looping directory chain: nothing of this file may be
       // written back, and the failure leaves Open as a thrown status.
       status = ZoStreamE::StatusFailed;
-      throw ZoStreamE::StatusFailed;
+      throw ZoStreamE::StatusFailed;  // NOLINT(misc-throw-by-value-catch-by-reference): an enumerator is a value; Open is documented to throw this Status
     }
     AppendDirBlock(block, exact);
     next = block->nextBlock;

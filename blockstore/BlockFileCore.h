@@ -35,9 +35,10 @@
 // that hold the object; the last Release destroys it, which closes the file.
 //
 // Thread safety: block reads (ReadDataBlock, ReadDirBlock, LoadDataBlock)
-// may run on several threads at once; readLock serialises them. Everything
-// else, every write, allocation and directory change, needs the caller's
-// exclusive use of the file.
+// may run on several threads at once; readLock serialises them. SetPassword
+// may run beside them (it changes the cipher only under readLock).
+// Everything else, every write, allocation and directory change, needs the
+// caller's exclusive use of the file.
 #ifndef TESSELZOSTREAM_BLOCKSTORE_BLOCKFILECORE_H_
 #define TESSELZOSTREAM_BLOCKSTORE_BLOCKFILECORE_H_
 

@@ -109,7 +109,7 @@ void DecodeDirEntry(const unsigned char* in, DirEntry* entry) {
 void EncodeDirBlock(const DirBlock& block, unsigned char* out) {
   EncodeHead(block, out);
   for (std::uint32_t i = 0; i < kEntriesPerBlock; ++i) {
-    EncodeDirEntry(block.entries[i], out + kOffEntries + i * kEntrySize);
+    EncodeDirEntry(block.entries[i], out + kOffEntries + std::size_t{i} * kEntrySize);
   }
   std::memcpy(out + kOffFileSignature, block.fileSignature, kFileSignatureSize);
   std::memcpy(out + kOffReserved, block.reserved, kReservedSize);
@@ -120,7 +120,7 @@ void EncodeDirBlock(const DirBlock& block, unsigned char* out) {
 bool DecodeDirBlock(const unsigned char* in, DirBlock* block) {
   DecodeHead(in, block);
   for (std::uint32_t i = 0; i < kEntriesPerBlock; ++i) {
-    DecodeDirEntry(in + kOffEntries + i * kEntrySize, &block->entries[i]);
+    DecodeDirEntry(in + kOffEntries + std::size_t{i} * kEntrySize, &block->entries[i]);
   }
   std::memcpy(block->fileSignature, in + kOffFileSignature, kFileSignatureSize);
   if (std::memcmp(block->fileSignature, kFileSignature, kFileSignatureSize) != 0) {

@@ -27,7 +27,7 @@ CompoundFile::~CompoundFile() {
   if (core_ != nullptr) core_->Release(nullptr);
 }
 
-CompoundFile& CompoundFile::operator=(const CompoundFile& other) {
+CompoundFile& CompoundFile::operator=(const CompoundFile& other) {  // NOLINT(bugprone-unhandled-self-assignment): copies one pointer, so a self-assignment changes nothing
   core_ = other.core_;
   return *this;
 }

@@ -126,7 +126,7 @@ class Checker {
     const DirEntry& entry = dir_[b]->entries[e];
     if (entry.firstBlock == 0 || !r_.opened) return;
     ++r_.streams;
-    const unsigned char* rawName = rawDir_[b].get() + bf::kOffEntries + e * bf::kEntrySize + bf::kOffName;
+    const unsigned char* rawName = rawDir_[b].get() + bf::kOffEntries + std::size_t{e} * bf::kEntrySize + bf::kOffName;
     const std::string name = entry.name;
     const std::uint32_t dirBlock = dir_[b]->blockNumber;
     if (std::memchr(rawName, 0, DirEntry::kNameSize) == nullptr) {

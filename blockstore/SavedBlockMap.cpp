@@ -104,7 +104,9 @@ void BlockFileCore::WriteFreeList() {
     entry = AddDirEntry(bf::kFreeListName);
   }
   if (status != ZoStreamE::StatusOk || entry == nullptr) return;
-  std::strcpy(entry->name, bf::kFreeListName);
+  // The name in its own case (the look-up ignores case); a constant far
+  // shorter than the name field.
+  std::memcpy(entry->name, bf::kFreeListName, std::strlen(bf::kFreeListName) + 1);
 
   std::vector<std::unique_ptr<DataBlock>> chain;
   if (entry->firstBlock != 0) {

@@ -24,9 +24,9 @@ void MD5::Finalize() {
   finished_ = true;
   md5_digest(&context_, kDigestSize, raw_);
   static const char kHex[] = "0123456789abcdef";
-  for (unsigned i = 0; i < kDigestSize; ++i) {
+  for (std::size_t i = 0; i < kDigestSize; ++i) {
     hex_[2 * i] = kHex[raw_[i] >> 4];
     hex_[2 * i + 1] = kHex[raw_[i] & 0xF];
   }
-  hex_[2 * kDigestSize] = '\0';
+  hex_[std::size_t{2} * kDigestSize] = '\0';
 }

@@ -28,7 +28,7 @@ void ZoCurrentTimeText(char* buffer) {
     char text[64] = {};
     std::memset(cachedText, 0, sizeof cachedText);
     if (zolocaltime_r(&now, &local) != nullptr && zoasctime_r(&local, text) != nullptr) {
-      std::memcpy(cachedText, text, std::min<std::size_t>(std::strlen(text), 25));
+      std::memcpy(cachedText, text, std::min<std::size_t>(std::strlen(text), 25));  // NOLINT(bugprone-not-null-terminated-result): cachedText (26 bytes) was zeroed, its last byte stays zero
     }
     cachedTime = now;
   }

@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
+#include <system_error>
 #include <vector>
 
 #include <boost/filesystem.hpp>
@@ -30,7 +30,7 @@ std::string Why(int error) {
     case ELOOP: return "a symbolic link is in the way";
     case ENOTDIR: return "a file is in the way of a folder";
     case EISDIR: return "a folder is in the way";
-    default: return std::strerror(error);
+    default: return std::generic_category().message(error);  // strerror is not thread-safe
   }
 }
 
@@ -45,7 +45,7 @@ bool ConfinedFolder::Open(const std::string& path, std::string* error) {
   boost::filesystem::create_directories(path, ec);
   root_ = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (root_ < 0) {
-    *error = path + ": " + std::strerror(errno);
+    *error = path + ": " + std::generic_category().message(errno);
     return false;
   }
   return true;

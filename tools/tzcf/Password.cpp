@@ -18,10 +18,11 @@ namespace {
 struct termios gSaved;
 volatile sig_atomic_t gEchoOff = 0;
 
+// The process is on its way out: a failure here has no one to be told to.
 void RestoreAndDie(int signal) {
-  if (gEchoOff) tcsetattr(STDIN_FILENO, TCSAFLUSH, &gSaved);
-  ::signal(signal, SIG_DFL);
-  ::raise(signal);
+  if (gEchoOff) (void)tcsetattr(STDIN_FILENO, TCSAFLUSH, &gSaved);
+  (void)::signal(signal, SIG_DFL);
+  (void)::raise(signal);
 }
 
 // Reads one line of at most kMaxPasswordLength bytes from `fd`, dropping the

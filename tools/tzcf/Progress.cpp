@@ -14,16 +14,24 @@ constexpr int kBarWidth = 20;
 
 bool ShowOnStderr(bool quiet) { return !quiet && ::isatty(STDERR_FILENO) == 1; }
 
-void DrawLine(const std::string& text) { std::fprintf(stderr, "\r%s\x1b[K", text.c_str()); std::fflush(stderr); }
-void WipeLine() { std::fputs("\r\x1b[K", stderr); std::fflush(stderr); }
+// A progress line that cannot be drawn has nowhere to be reported, and the
+// command goes on without it: the results are ignored on purpose.
+void DrawLine(const std::string& text) {
+  (void)std::fprintf(stderr, "\r%s\x1b[K", text.c_str());
+  (void)std::fflush(stderr);
+}
+void WipeLine() {
+  (void)std::fputs("\r\x1b[K", stderr);
+  (void)std::fflush(stderr);
+}
 
 std::string ClockText(double seconds) {
   const long s = static_cast<long>(seconds);
-  char text[32];
+  char text[32];  // room for any long: snprintf cannot fail or cut here
   if (s >= 3600) {
-    std::snprintf(text, sizeof text, "%ld:%02ld:%02ld", s / 3600, s / 60 % 60, s % 60);
+    (void)std::snprintf(text, sizeof text, "%ld:%02ld:%02ld", s / 3600, s / 60 % 60, s % 60);
   } else {
-    std::snprintf(text, sizeof text, "%ld:%02ld", s / 60, s % 60);
+    (void)std::snprintf(text, sizeof text, "%ld:%02ld", s / 60, s % 60);
   }
   return text;
 }
@@ -39,8 +47,8 @@ std::string HumanBytes(std::uint64_t bytes) {
     value /= 1024;
     ++unit;
   }
-  char text[32];
-  std::snprintf(text, sizeof text, "%.1f %s", value, kUnits[unit]);
+  char text[32];  // value < 1024 here: snprintf cannot fail or cut
+  (void)std::snprintf(text, sizeof text, "%.1f %s", value, kUnits[unit]);
   return text;
 }
 
@@ -91,7 +99,7 @@ BusyLine::~BusyLine() {
   thread_.join();
 }
 
-void BusyLine::Run(std::string text) {
+void BusyLine::Run(const std::string& text) {
   const auto start = std::chrono::steady_clock::now();
   std::unique_lock<std::mutex> hold(mutex_);
   bool drawn = false;

@@ -56,7 +56,7 @@ class BusyLine {
   BusyLine& operator=(const BusyLine&) = delete;
 
  private:
-  void Run(std::string text);
+  void Run(const std::string& text);
   std::mutex mutex_;
   std::condition_variable wake_;
   bool stop_ = false;

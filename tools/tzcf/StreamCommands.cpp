@@ -27,7 +27,7 @@ namespace tzcf {
 
 namespace {
 
-constexpr std::size_t kChunk = 64 * 1024;
+constexpr std::size_t kChunk = std::size_t{64} * 1024;
 // A stream's size is kept in 32 bits.
 constexpr std::uint64_t kMaxStreamSize = 0xFFFFFFFFu;
 
@@ -287,8 +287,8 @@ std::string Json(const std::string& text) {
       out += '\\';
       out += c;
     } else if (static_cast<unsigned char>(c) < 0x20) {
-      char escape[8];
-      std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(c));
+      char escape[8];  // six characters and the zero: snprintf cannot fail or cut
+      (void)std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(c));
       out += escape;
     } else {
       out += c;
@@ -316,8 +316,8 @@ Exit List(const std::string& file, bool details, bool json) {
   } else {
     for (const Listed& s : streams) {
       if (details) {
-        char columns[64];
-        std::snprintf(columns, sizeof columns, "%10lu %7lu  ", static_cast<unsigned long>(s.size),
+        char columns[64];  // two numbers of at most 20 digits: snprintf cannot fail or cut
+        (void)std::snprintf(columns, sizeof columns, "%10lu %7lu  ", static_cast<unsigned long>(s.size),
                       static_cast<unsigned long>(ChainBlocks(s.size)));
         std::cout << columns << s.created << "  " << s.modified << "  ";
       }

@@ -4,6 +4,7 @@
 // --help. Exit status: 0 done, 1 problems found (a damaged file, names
 // refused or skipped), 2 usage errors, missing files, wrong passwords and
 // I/O errors. Errors go to stderr as one line each.
+#include <cstdio>
 #include <exception>
 #include <functional>
 #include <iostream>
@@ -20,9 +21,7 @@ constexpr char kFooter[] =
     "Exit status: 0 done; 1 problems found, names refused or skipped; 2 usage or I/O error.\n"
     "Passwords come from --password-file, TZCF_PASSWORD, or a prompt on the terminal.";
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int Main(int argc, char** argv) {
   CLI::App app{"Packs, lists, reads, writes, checks and compacts compound files.", "tzcf"};
   app.require_subcommand(1);
   app.footer(kFooter);
@@ -129,6 +128,21 @@ int main(int argc, char** argv) {
     return run();
   } catch (const std::exception& e) {
     tzcf::Report(e.what());
+    return tzcf::kError;
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Failures of the commands are reported inside; anything else that comes
+  // out (no memory left to read the command line or to report a failure,
+  // an exception of no standard type) ends the tool with the error status
+  // rather than an abort.
+  try {
+    return Main(argc, argv);
+  } catch (...) {
+    (void)std::fputs("tzcf: internal error\n", stderr);
     return tzcf::kError;
   }
 }
