@@ -30,6 +30,10 @@
 //     For the same reason an open for writing frees every entry whose first
 //     block lies beyond the end of the file, is free in the map, is a
 //     directory block, or is the first block of an earlier entry.
+// (7) A block is handed out only when no chain holds it, as far as the
+//     file's heads tell: a map taken from the saved list is checked against
+//     the head of each block it offers (AllocBlockNumber), since its digest
+//     ties it to the directory but not to the chains.
 //
 // Ownership: refCount counts the CompoundFile handles and block streams
 // that hold the object; the last Release destroys it, which closes the file.
@@ -228,6 +232,10 @@ class BlockFileCore {
   // there instead.
   bool ReadBlockBytes(std::uint32_t n, unsigned char* out, unsigned char* tail = nullptr);
 
+  // The number for a new block: the map's lowest free one, confirmed by
+  // the block's head when the map came from the saved list.
+  std::uint32_t AllocBlockNumber();
+
   // Helpers of Open and the passes.
   void LoadDirectoryChain(DirBlock* first, bool exact);
   ZoStreamE::Status ScanBlockHeads();
@@ -252,6 +260,7 @@ class BlockFileCore {
   static constexpr std::uint32_t kNotAllocated = 0xFFFFFFFFu;
   tz::PagedArray<std::uint32_t> linkSource{kNotAllocated};
   std::vector<bool> isDirBlock;  // by block number
+  bool savedMapTaken = false;    // the map came from the saved list at open
 };
 
 #endif  // TESSELZOSTREAM_BLOCKSTORE_BLOCKFILECORE_H_
