@@ -64,5 +64,6 @@ grep -E '^#[0-9]+' "$work/log" | tail -1 | sed 's/^/last line: /'
 echo "executed:  $(grep -E '^stat::number_of_executed_units' "$work/log" | awk '{ s += $2 } END { print s }')"
 echo "corpus:    $(ls "$work/corpus" | wc -l) inputs"
 echo "starved:   $(ls "$work/starved" | wc -l) timeouts that did not come back at normal priority"
-echo "findings:  $(ls "$work/artifacts" | wc -l)"
+echo "slow:      $(ls "$work/artifacts" | grep -c "^slow-unit-") inputs over 10 s (logged by libFuzzer, not findings)"
+echo "findings:  $(ls "$work/artifacts" | grep -vc "^slow-unit-")"
 ls "$work/artifacts"
