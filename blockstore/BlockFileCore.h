@@ -27,7 +27,9 @@
 //     appended or released without writing the directory); following them
 //     would free or overwrite another stream's blocks. Writes and deletions
 //     treat such a link as the end of the chain; reads report StatusFailed.
-//     For the same reason an open for writing frees every entry whose first
+//     A writer stepping on also ends the chain at a link beyond the end of
+//     the file that this session did not make (LinkLeavesFile); a read
+//     reports StatusPastEnd there. For the same reason an open for writing frees every entry whose first
 //     block lies beyond the end of the file, is free in the map, is a
 //     directory block, or is the first block of an earlier entry.
 // (7) A block is handed out only when no chain holds it, as far as the
@@ -159,6 +161,10 @@ class BlockFileCore {
   // True when following the link from block `from` to block `to` (read from
   // the file) stays inside the chain of `from`; see invariant (6).
   bool LinkIsSound(std::uint32_t from, std::uint32_t to) const;
+  // True in a file open for writing when block `to` lies beyond the end of
+  // the file and this session did not allocate it: no stream's bytes can
+  // lie there, so a writer ends the chain at such a link.
+  bool LinkLeavesFile(std::uint32_t to) const;
   // Block `from` now links to `to`, which this session allocated.
   void NoteLink(std::uint32_t from, std::uint32_t to);
   // The stream device changed size or modified of this entry in place;

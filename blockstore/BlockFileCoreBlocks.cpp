@@ -249,3 +249,7 @@ bool BlockFileCore::LinkIsSound(std::uint32_t from, std::uint32_t to) const {
   if (to > BlockCount()) return true;
   return blockMap.Get(static_cast<std::int32_t>(to)) != 0;
 }
+
+bool BlockFileCore::LinkLeavesFile(std::uint32_t to) const {
+  return !readOnly && to > BlockCount() && !(to < linkSource.size() && linkSource[to] != kNotAllocated);
+}

@@ -398,6 +398,28 @@ TEST_F(DamageTest, LinkLeftByACrashedRunNeverReachesANewStream) {
   }
 }
 
+// A run that crashed after writing a link but before the block it names
+// leaves a link beyond the end of the file. Appending to the stream ends
+// its chain there with a fresh block, and the file stays sound.
+TEST_F(DamageTest, LinkBeyondTheFileEndsTheChainForAWriter) {
+  const std::vector<std::uint32_t> beta = Chain(good_, FirstBlockOf(good_, "beta"));
+  Install(With([&](Bytes& b) { Put32(b, BlockAt(beta.back()) + bf::kOffNextBlock, BlockCount(b) + 5); }));
+  const std::string more = Pattern(3000, 5);
+  {
+    OpenedFile f(path_, OpenReadWrite);
+    std::unique_ptr<std::iostream> s(f.GetIOStream("beta", "r+b"));
+    s->seekp(0, std::ios::end);
+    s->write(more.data(), static_cast<std::streamsize>(more.size()));
+    EXPECT_TRUE(s->flush());
+    s.reset();
+    EXPECT_EQ(ZoStreamE::StatusOk, f.Close());
+  }
+  EXPECT_TRUE(CheckCompoundFile(path_.c_str()).Sound());
+  OpenedFile f(path_, OpenReadOnly);
+  EXPECT_EQ(Pattern(3000, 2) + more, GetStream(f, "beta"));
+  ExpectStreams(f, streams_, "beta");
+}
+
 // A saved map whose digest matches but that calls blocks free which chains
 // hold did not come from the close of this directory. One that calls a
 // first block free is not taken (the heads are scanned); a later block of a
