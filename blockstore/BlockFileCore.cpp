@@ -96,7 +96,8 @@ void BlockFileCore::LoadDirectoryChain(DirBlock* first, bool exact) {
 }
 
 Status BlockFileCore::LoadBlockMap() {
-  if (ReadFreeList()) return ZoStreamE::StatusOk;
+  savedMapTaken = ReadFreeList();
+  if (savedMapTaken) return ZoStreamE::StatusOk;
   status = ZoStreamE::StatusOk;
   return ScanBlockHeads();
 }
@@ -151,6 +152,7 @@ Status BlockFileCore::Close() {
   cipher.reset();
   blocksWritten = false;
   linkSource.clear();
+  savedMapTaken = false;
   return result;
 }
 

@@ -27,9 +27,15 @@
 //     appended or released without writing the directory); following them
 //     would free or overwrite another stream's blocks. Writes and deletions
 //     treat such a link as the end of the chain; reads report StatusFailed.
-//     For the same reason an open for writing frees every entry whose first
+//     A writer stepping on also ends the chain at a link beyond the end of
+//     the file that this session did not make (LinkLeavesFile); a read
+//     reports StatusPastEnd there. For the same reason an open for writing frees every entry whose first
 //     block lies beyond the end of the file, is free in the map, is a
 //     directory block, or is the first block of an earlier entry.
+// (7) A block is handed out only when no chain holds it, as far as the
+//     file's heads tell: a map taken from the saved list is checked against
+//     the head of each block it offers (AllocBlockNumber), since its digest
+//     ties it to the directory but not to the chains.
 //
 // Ownership: refCount counts the CompoundFile handles and block streams
 // that hold the object; the last Release destroys it, which closes the file.
@@ -156,6 +162,10 @@ class BlockFileCore {
   // True when following the link from block `from` to block `to` (read from
   // the file) stays inside the chain of `from`; see invariant (6).
   bool LinkIsSound(std::uint32_t from, std::uint32_t to) const;
+  // True in a file open for writing when block `to` lies beyond the end of
+  // the file and this session did not allocate it: no stream's bytes can
+  // lie there, so a writer ends the chain at such a link.
+  bool LinkLeavesFile(std::uint32_t to) const;
   // Block `from` now links to `to`, which this session allocated.
   void NoteLink(std::uint32_t from, std::uint32_t to);
   // The stream device changed size or modified of this entry in place;
@@ -229,6 +239,10 @@ class BlockFileCore {
   // there instead.
   bool ReadBlockBytes(std::uint32_t n, unsigned char* out, unsigned char* tail = nullptr);
 
+  // The number for a new block: the map's lowest free one, confirmed by
+  // the block's head when the map came from the saved list.
+  std::uint32_t AllocBlockNumber();
+
   // Helpers of Open and the passes.
   void LoadDirectoryChain(DirBlock* first, bool exact);
   ZoStreamE::Status ScanBlockHeads();
@@ -253,6 +267,7 @@ class BlockFileCore {
   static constexpr std::uint32_t kNotAllocated = 0xFFFFFFFFu;
   tz::PagedArray<std::uint32_t> linkSource{kNotAllocated};
   std::vector<bool> isDirBlock;  // by block number
+  bool savedMapTaken = false;    // the map came from the saved list at open
 };
 
 #endif  // TESSELZOSTREAM_BLOCKSTORE_BLOCKFILECORE_H_

@@ -142,6 +142,29 @@ Status BlockFileCore::WriteDirBlock(const DirBlock& block) {
   return result;
 }
 
+// The saved map's digest ties it to the directory, not to the chains: a
+// file changed by another writer since (or made to fool the digest) can
+// hold a chain through a block the map calls free, and handing that block
+// out would give it to two streams. So a block the map offers inside the
+// file, which this session has not allocated before, is taken only when its
+// own head says free. One whose head says in use stays marked used, as a
+// scan of the heads would have it, and the next number is tried; a block
+// costs at most one such read a session.
+std::uint32_t BlockFileCore::AllocBlockNumber() {
+  for (;;) {
+    const auto n = static_cast<std::uint32_t>(blockMap.AllocBlock());
+    if (!savedMapTaken || n > BlockCount() || (n < linkSource.size() && linkSource[n] != kNotAllocated)) {
+      return n;
+    }
+    std::lock_guard<std::recursive_mutex> hold(readLock);
+    unsigned char raw[bf::kBlockSize];
+    if (!ReadBlockBytes(n, raw)) return n;  // the status has failed: nothing more is written
+    bf::BlockHead head;
+    bf::DecodeHead(raw, &head);
+    if (head.inUse == 0) return n;
+  }
+}
+
 DataBlock* BlockFileCore::AllocDataBlock(DataBlock* reuse, bool clearPayload) {
   DataBlock* block = reuse != nullptr ? reuse : new DataBlock;
   if (clearPayload || reuse == nullptr) {
@@ -149,7 +172,7 @@ DataBlock* BlockFileCore::AllocDataBlock(DataBlock* reuse, bool clearPayload) {
   } else {
     bf::InitDataHead(block);
   }
-  block->blockNumber = static_cast<std::uint32_t>(blockMap.AllocBlock());
+  block->blockNumber = AllocBlockNumber();
   block->inUse = 1;
   const std::uint32_t n = block->blockNumber;
   if (n >= linkSource.size()) linkSource.resize(n + 1);
@@ -162,7 +185,7 @@ std::uint32_t BlockFileCore::AppendWholeBlocks(DataBlock& current, const unsigne
                                                std::uint32_t count, std::uint32_t* taken) {
   std::uint32_t k = 0;
   while (k < count) {
-    const auto n = static_cast<std::uint32_t>(blockMap.AllocBlock());
+    const std::uint32_t n = AllocBlockNumber();
     if (n >= linkSource.size()) linkSource.resize(n + 1);
     linkSource[n] = current.blockNumber;
     MarkIfDirBlock(n);
@@ -208,7 +231,7 @@ DirBlock* BlockFileCore::LoadDirBlock(std::uint32_t n, bool* exact) {
 DirBlock* BlockFileCore::AllocDirBlock() {
   DirBlock* block = new DirBlock;
   bf::InitDirBlock(block);
-  block->blockNumber = static_cast<std::uint32_t>(blockMap.AllocBlock());
+  block->blockNumber = AllocBlockNumber();
   block->inUse = 1;
   return block;
 }
@@ -225,4 +248,8 @@ bool BlockFileCore::LinkIsSound(std::uint32_t from, std::uint32_t to) const {
   // Beyond the end, the read itself reports StatusPastEnd.
   if (to > BlockCount()) return true;
   return blockMap.Get(static_cast<std::int32_t>(to)) != 0;
+}
+
+bool BlockFileCore::LinkLeavesFile(std::uint32_t to) const {
+  return !readOnly && to > BlockCount() && !(to < linkSource.size() && linkSource[to] != kNotAllocated);
 }

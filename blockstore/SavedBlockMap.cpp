@@ -92,6 +92,18 @@ bool BlockFileCore::ReadFreeList() {
     done += chunk;
     remaining -= chunk;
   }
+  // The close that wrote the map held every directory block and every
+  // entry's first block in use. A map that calls one of them free did not
+  // come from that close, whatever its digest says; taking it would drop
+  // those entries or hand their blocks out again, so the heads are scanned
+  // instead.
+  auto free = [&](std::uint32_t n) { return n > h || table[n] == 0; };
+  for (const auto& dir : dirBlocks) {
+    if (free(dir->blockNumber)) return false;
+    for (const DirEntry& e : dir->entries) {
+      if (e.firstBlock != 0 && free(e.firstBlock)) return false;
+    }
+  }
   blockMap.AdoptTable(std::move(table), static_cast<std::int32_t>(h));
   return true;
 }

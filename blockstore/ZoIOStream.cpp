@@ -84,9 +84,15 @@ void ZoIOStreamDevice::SaveCurrentBlock() {
 void ZoIOStreamDevice::NextBlock(bool mayGrow, unsigned char* payloadTo) {
   Data& d = *data_;
   // A link that cannot belong to this chain any more ends it: a writer
-  // replaces it with a fresh block, a reader has met damage.
-  const bool sound = d.current->nextBlock != 0 &&
-                     d.core->LinkIsSound(d.current->blockNumber, d.current->nextBlock);
+  // replaces it with a fresh block, a reader has met damage. A writer also
+  // ends the chain at a link beyond the end of the file that this session
+  // did not make (a run that crashed after writing a link but before the
+  // block it names leaves one): following it could only fail, and a seek
+  // or write past the stream's end would break a sound file. A reader
+  // still meets such a link as StatusPastEnd.
+  const std::uint32_t next = d.current->nextBlock;
+  const bool sound = next != 0 && d.core->LinkIsSound(d.current->blockNumber, next) &&
+                     !(mayGrow && d.core->LinkLeavesFile(next));
   if (!sound) {
     if (!mayGrow) {
       SaveCurrentBlock();
