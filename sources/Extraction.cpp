@@ -17,9 +17,15 @@ bool CompoundFileStreamSource::ExtractFile(const char* name) const {
   std::unique_ptr<std::basic_iostream<char>> input(mCompoundFile->GetIOStream(name, "rb"));
   if (input == nullptr) return false;
 
+  // The copy is made beside the working folder and renamed into it when
+  // whole. Every file inside the folder counts as a changed stream when a
+  // folder left by a crash is taken over, so a fragment must never lie
+  // there under the stream's name: it would replace the stored stream.
+  const std::string folder(mDirectoryName);
+  const std::string partial = folder.substr(0, folder.size() - 1) + ".extracting";
   bool complete = false;
   {
-    std::ofstream output(path, std::ios::out | std::ios::trunc | std::ios::binary);
+    std::ofstream output(partial, std::ios::out | std::ios::trunc | std::ios::binary);
     if (!output.good()) return false;  // nothing was created or truncated
     const DirEntry* entry = mCompoundFile->FindDirEntry(name);
     const std::size_t chunk = tz::CopyChunkFor(entry != nullptr ? entry->size : ~std::uint64_t{0});
@@ -34,12 +40,13 @@ bool CompoundFileStreamSource::ExtractFile(const char* name) const {
     output.flush();
     complete = !input->bad() && output.good();
   }
-  // A fragment must never pass for the stream's new content.
-  if (!complete) {
-    boost::system::error_code ignored;
-    fs::remove(fs::path(path), ignored);
+  boost::system::error_code error;
+  if (complete) fs::rename(fs::path(partial), fs::path(path), error);
+  if (!complete || error) {
+    fs::remove(fs::path(partial), error);
+    return false;
   }
-  return complete;
+  return true;
 }
 
 bool CompoundFileStreamSource::ExtractAllFiles() const {
