@@ -202,9 +202,16 @@ void BlockFileCore::WriteChangedDirBlocks() {
   blocksWritten = true;
   std::vector<std::uint32_t> todo;
   todo.swap(changedDirBlocks);
-  std::sort(todo.begin(), todo.end());
+  // Back to front, and a block reaches the file before the link to it: a
+  // crash between the two writes must not leave the chain naming a block
+  // that is no directory block yet, which no open would accept.
+  std::sort(todo.rbegin(), todo.rend());
+  std::uint32_t written = ~0u;
   for (std::uint32_t i : todo) {
-    if (dirBlockChanged[i] && status == ZoStreamE::StatusOk) WriteDirBlock(*dirBlocks[i]);
+    if (!dirBlockChanged[i] || status != ZoStreamE::StatusOk) continue;
+    if (written == i + 1) FlushFile();
+    if (status == ZoStreamE::StatusOk) WriteDirBlock(*dirBlocks[i]);
+    written = i;
   }
   for (std::uint32_t i : todo) dirBlockChanged[i] = false;
 }
