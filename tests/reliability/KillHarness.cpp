@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/TestUtil.h"
+#include "tesselzostream/Status.h"
 
 namespace fs = boost::filesystem;
 
@@ -239,7 +240,14 @@ Tally RunKills(Workload& workload, const char* name, const KillPlan& plan) {
     for (const Record& record : log) {
       if (record.op == Op::kFail) ADD_FAILURE() << tally.where << ": child failure " << record.offset;
     }
-    const bool goOn = workload.Check(log, run.killed, tally);
+    bool goOn = false;
+    try {
+      goOn = workload.Check(log, run.killed, tally);
+    } catch (const std::exception& e) {
+      ADD_FAILURE() << tally.where << ": the check met an exception: " << e.what();
+    } catch (ZoStreamE::Status status) {  // what Open throws for a broken directory chain
+      ADD_FAILURE() << tally.where << ": an open threw status " << status;
+    }
     if (::testing::Test::HasFailure()) {
       std::printf("  evidence of %s kept in %s\n", tally.where.c_str(),
                   KeepEvidence(scratch.path(), name).c_str());

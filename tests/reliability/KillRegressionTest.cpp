@@ -168,6 +168,38 @@ TEST(KillRegression, LinkPastTheEndEndsTheChain) {
   EXPECT_TRUE(Kinds(CheckCompoundFile(path.c_str())).empty());
 }
 
+// The directory grows by a block while a crash (here: every write from
+// the Nth on fails, as when the process dies there) cuts its write: the
+// file must still open, whatever N.
+TEST(KillRegression, GrowingDirectoryNeverLinksToAMissingBlock) {
+  ScratchDir dir;
+  const std::string path = dir.Path("f.cf");
+  tztest::MakeFile(path, {{"a", Content(1, 1, 5000)}, {"b", Content(2, 1, 10)}, {"c", Content(3, 1, 10)}});
+  const tztest::FileBytes before = tztest::ReadAll(path);
+  tztest::FaultyEnv faulty;
+  for (int failAt = 1; failAt < 40; ++failAt) {
+    SCOPED_TRACE(failAt);
+    tztest::WriteAll(path, before);
+    {
+      tztest::ScopedEnv env(&faulty);
+      faulty.Reset(failAt);
+      CompoundFile file;
+      file.Open(path.c_str(), ZoStreamE::OpenReadWrite);
+      const std::string bytes = Content(4, 1, 3000);
+      for (const char* name : {"d", "e", "f", "g"}) {
+        std::unique_ptr<std::iostream> out(file.GetIOStream(name, "wb"));
+        if (out != nullptr) out->write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+      }
+    }
+    CompoundFile file;
+    const tztest::OpenResult opened = tztest::TryOpen(file, path, ZoStreamE::OpenReadWrite);
+    EXPECT_FALSE(opened.threw);
+    EXPECT_EQ(opened.status, ZoStreamE::StatusOk);
+    std::string got;
+    EXPECT_TRUE(ReadStream(file, "a", &got) && got == Content(1, 1, 5000));
+  }
+}
+
 // Names in `folder` that got each kind of event while `action` ran.
 template <typename Action>
 std::multiset<std::pair<std::string, std::uint32_t>> WatchFolder(const std::string& folder, Action action) {
