@@ -6,6 +6,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -137,6 +138,16 @@ std::vector<std::string> ForbiddenProblems(const CheckReport& report,
   }
   if (report.problemCount > report.problems.size()) bad.push_back("more problems than listed");
   return bad;
+}
+
+void SetAsideStaleTails(CheckReport& report, Tally& tally) {
+  auto stale = [](const CheckProblem& problem) { return problem.kind == CheckProblem::kClaimedTwice; };
+  const auto count = std::count_if(report.problems.begin(), report.problems.end(), stale);
+  if (count == 0) return;
+  tally.Note("cut growth: block claimed twice through a stale link (engine ends the chain there)");
+  report.problems.erase(std::remove_if(report.problems.begin(), report.problems.end(), stale),
+                        report.problems.end());
+  report.problemCount -= static_cast<std::uint64_t>(count);
 }
 
 std::string KeepEvidence(const std::string& dir, const std::string& label) {

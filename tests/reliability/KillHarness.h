@@ -139,6 +139,16 @@ std::vector<std::string> ForbiddenProblems(const CheckReport& report,
                                            const std::set<CheckProblem::Kind>& allowedOnUnsettled,
                                            std::uint32_t* leaked);
 
+// A stream being grown at the kill may have had a block's link written
+// before the block it names: the named block, free on disk, still carries
+// the link of the chain it left, and a walk of the file goes on through it,
+// possibly into another stream's blocks (a block claimed twice). The engine
+// never follows such a link (the map calls the block free): reads of the
+// cut stream fail, writes and deletions end its chain there. Takes those
+// findings out of `report` and counts them; the caller makes sure the file
+// is whole after recovery.
+void SetAsideStaleTails(CheckReport& report, Tally& tally);
+
 // Copies `dir` to a folder under the system's temporary folder for a look
 // after a failure; returns that folder.
 std::string KeepEvidence(const std::string& dir, const std::string& label);

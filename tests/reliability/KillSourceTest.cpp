@@ -242,8 +242,12 @@ bool WorkingFolderWorkload::Check(const std::vector<Record>& log, bool killed, T
   for (const auto& stream : wholes) unsettled.insert(StreamName(stream.first));
 
   std::uint32_t leaked = 0;
+  CheckReport report = CheckCompoundFile(path_.c_str());
+  if (copying) SetAsideStaleTails(report, tally);
+  std::set<std::string> unsettledNow(unsettled);
+  if (flight != nullptr && (flight->op == Op::kCloseSave || flight->op == Op::kOpen)) unsettledNow.insert(kFreeListName);
   for (const std::string& problem :
-       ForbiddenProblems(CheckCompoundFile(path_.c_str()), unsettled,
+       ForbiddenProblems(report, unsettledNow,
                          {CheckProblem::kFreeInHead, CheckProblem::kChainShort, CheckProblem::kChainLink},
                          &leaked)) {
     ADD_FAILURE() << tally.where << ": after the kill: " << problem;
