@@ -202,16 +202,9 @@ void BlockFileCore::WriteChangedDirBlocks() {
   blocksWritten = true;
   std::vector<std::uint32_t> todo;
   todo.swap(changedDirBlocks);
-  // Back to front, and a block reaches the file before the link to it: a
-  // crash between the two writes must not leave the chain naming a block
-  // that is no directory block yet, which no open would accept.
-  std::sort(todo.rbegin(), todo.rend());
-  std::uint32_t written = ~0u;
+  std::sort(todo.begin(), todo.end());
   for (std::uint32_t i : todo) {
-    if (!dirBlockChanged[i] || status != ZoStreamE::StatusOk) continue;
-    if (written == i + 1) FlushFile();
-    if (status == ZoStreamE::StatusOk) WriteDirBlock(*dirBlocks[i]);
-    written = i;
+    if (dirBlockChanged[i] && status == ZoStreamE::StatusOk) WriteDirBlock(*dirBlocks[i]);
   }
   for (std::uint32_t i : todo) dirBlockChanged[i] = false;
 }
