@@ -1,7 +1,6 @@
 // Opening, closing and sharing of a BlockFileCore.
 #include "blockstore/BlockFileCore.h"
 
-#include <cstring>
 #include <limits>
 
 #include "blockstore/FileServer.h"
@@ -48,8 +47,8 @@ Status BlockFileCore::Open(const char* path, ZoStreamE::OpenMode mode) {
       throw Error();
     }
     fileSize = static_cast<std::int64_t>(size);
-    unsigned char raw1[blockformat::kBlockSize];
     if (fileSize != 0) {
+      unsigned char raw1[blockformat::kBlockSize];
       blockformat::BlockHead head;
       if (!file->ReadBlock(1, raw1)) throw Error();
       blockformat::DecodeHead(raw1, &head);
@@ -58,15 +57,8 @@ Status BlockFileCore::Open(const char* path, ZoStreamE::OpenMode mode) {
     bool exact = false;
     DirBlock* first = LoadDirBlock(1, &exact);
     if (first == nullptr) {
-      // No directory yet: an empty file, or one whose first block is still
-      // the filler, because the run that created it ended before its first
-      // directory write (the first stream's blocks go out before it). Such
-      // a file holds no stream; its blocks count by their heads.
-      unsigned char filler[blockformat::kBlockSize];
-      blockformat::EncodeSkippedBlock(1, filler);
-      const bool unwritten = fileSize != 0 && std::memcmp(raw1, filler, sizeof filler) == 0;
-      if (status != ZoStreamE::StatusPastEnd && !unwritten) return status;
-      status = ZoStreamE::StatusOk;
+      if (status != ZoStreamE::StatusPastEnd) return status;
+      status = ZoStreamE::StatusOk;  // an empty file: no directory yet
     } else {
       LoadDirectoryChain(first, exact);
     }
@@ -75,14 +67,9 @@ Status BlockFileCore::Open(const char* path, ZoStreamE::OpenMode mode) {
       if (LoadBlockMap() == ZoStreamE::StatusFailed) throw Error();
       DropDanglingEntries();
       CheckDirBlocksAgainstMap();
-      // What was dropped or set right goes to the file before any block
-      // is handed out: a dropped entry's blocks count as free, and the disk
-      // must not name them for it once another stream has written them.
-      if (directoryDirty) FlushDirectory(false);
     }
     ZoString::SetStr(fileName, ZoGetCanonicalPath(path).c_str());
     blocksWritten = false;
-    savedMapRetired = readOnly;  // a read-only open writes nothing
     return status;
   } catch (const Error&) {
     Close();

@@ -148,12 +148,6 @@ class BlockFileCore {
   // Releases the stream's blocks and frees the entry. False on a read-only
   // file (status unchanged) or when a block cannot be read or written.
   bool FreeChain(DirEntry* entry);
-  // FreeChain, then the directory goes to the file at once: the freed
-  // blocks may be handed out again right away, and no block may carry
-  // another stream's bytes while the directory on disk still names it for
-  // this one (a crash would leave two chains sharing it). False as
-  // FreeChain, or when the directory write fails.
-  bool DeleteStream(DirEntry* entry);
   void FlushDirectory(bool force);
   DirEntry* NextDirEntry(std::uint32_t& cursor);
   bool HasEntries() const { return index.InUse() != 0; }
@@ -177,12 +171,7 @@ class BlockFileCore {
   ZoIOStream* ReplaceStream(const char* name, int modeBits);
 
   // --- Saved block map (SavedBlockMap.cpp) ---
-  // The saved map's stream (its name compared with case); null when none.
-  DirEntry* SavedMapEntry();
   bool ReadFreeList();
-  // Makes the saved map on disk untrusted before this session's first block
-  // write reaches the file (see SavedBlockMap.cpp). Called once per open.
-  void RetireSavedMap();
   void ComputeDirectoryDigest(unsigned char out[blockformat::kDigestSize]) const;
   void WriteFreeList();
 
@@ -213,7 +202,6 @@ class BlockFileCore {
   std::unique_ptr<BlowFish::Context> cipher;
   ZoStreamE::Status status;
   bool blocksWritten;
-  bool savedMapRetired = false;  // RetireSavedMap ran in this open
   std::recursive_mutex readLock;
   std::int32_t refCount;
   StreamTable openStreams;

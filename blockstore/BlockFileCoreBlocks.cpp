@@ -100,10 +100,6 @@ static Status WriteBlockBytes(BlockFileCore& core, const BlockWrite& w) {
     core.status = ZoStreamE::StatusFailed;
     return core.status;
   }
-  if (!core.savedMapRetired) {
-    core.RetireSavedMap();
-    if (core.status != ZoStreamE::StatusOk) return core.status;
-  }
   core.blocksWritten = true;
   // A legitimate write targets a block of the file or one the map handed
   // out; any other number came from a damaged head.
@@ -226,10 +222,7 @@ bool BlockFileCore::LinkIsSound(std::uint32_t from, std::uint32_t to) const {
   if (to < linkSource.size() && linkSource[to] != kNotAllocated) return linkSource[to] == from;
   // A data chain never runs through the directory.
   if (to < isDirBlock.size() && isDirBlock[to]) return false;
-  // A block beyond the end that this session did not hand out: a crashed
-  // run wrote the link before the block it names. Were it followed, the
-  // read would fail the whole file (StatusPastEnd) and the stream could
-  // never be deleted; it ends the chain instead.
-  if (to > BlockCount()) return false;
+  // Beyond the end, the read itself reports StatusPastEnd.
+  if (to > BlockCount()) return true;
   return blockMap.Get(static_cast<std::int32_t>(to)) != 0;
 }

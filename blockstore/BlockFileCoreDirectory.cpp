@@ -189,12 +189,6 @@ bool BlockFileCore::FreeChain(DirEntry* entry) {
   return true;
 }
 
-bool BlockFileCore::DeleteStream(DirEntry* entry) {
-  if (!FreeChain(entry)) return false;
-  FlushDirectory(true);
-  return status == ZoStreamE::StatusOk;
-}
-
 void BlockFileCore::WriteChangedDirBlocks() {
   if (status != ZoStreamE::StatusOk || dirBlocks.empty()) return;
   // Rewriting the whole directory would count as written blocks; so does

@@ -105,7 +105,7 @@ void CompoundFile::Flush() {
 bool CompoundFile::DeleteCFFile(const char* name) {
   if (core_ == nullptr) return false;
   DirEntry* entry = core_->FindDirEntry(name);
-  return entry != nullptr && core_->DeleteStream(entry);
+  return entry != nullptr && core_->FreeChain(entry);
 }
 
 std::basic_iostream<char>* CompoundFile::GetIOStream(const char* name, const char* mode) {

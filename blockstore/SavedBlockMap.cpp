@@ -63,17 +63,12 @@ void BlockFileCore::ComputeDirectoryDigest(unsigned char out[bf::kDigestSize]) c
   std::memcpy(out, md5.GetRawDigest(), bf::kDigestSize);
 }
 
-DirEntry* BlockFileCore::SavedMapEntry() {
+bool BlockFileCore::ReadFreeList() {
   std::uint32_t cursor = ~0u;
   DirEntry* entry = nullptr;
   while ((entry = NextDirEntry(cursor)) != nullptr) {
-    if (std::strcmp(entry->name, bf::kFreeListName) == 0) return entry;
+    if (std::strcmp(entry->name, bf::kFreeListName) == 0) break;
   }
-  return nullptr;
-}
-
-bool BlockFileCore::ReadFreeList() {
-  DirEntry* entry = SavedMapEntry();
   if (entry == nullptr) return false;
   DataBlock block;
   if (ReadDataBlock(entry->firstBlock, block) != ZoStreamE::StatusOk) return false;
@@ -99,32 +94,6 @@ bool BlockFileCore::ReadFreeList() {
   }
   blockMap.AdoptTable(std::move(table), static_cast<std::int32_t>(h));
   return true;
-}
-
-// The digest ties the saved map to the directory, not to the chains: a
-// session can rewrite a stream into other blocks and leave its entry
-// byte for byte as it was (same first block, size and times within one
-// second). Were such a session killed before its close wrote a new map,
-// the old map would still match and call the new chain's blocks free, and
-// the next writer would hand them out again. So before the first block of
-// a session goes to the file, the map's digest on disk is wiped and that
-// write is flushed on its own: from then until the close writes a fresh
-// map, every open scans the block heads. Guarantee: a saved map that an
-// open trusts describes the blocks of the file as they are.
-void BlockFileCore::RetireSavedMap() {
-  savedMapRetired = true;
-  const DirEntry* entry = SavedMapEntry();
-  if (entry == nullptr || entry->firstBlock == 0 || entry->firstBlock > BlockCount()) return;
-  unsigned char raw[bf::kBlockSize];
-  blockformat::BlockHead head;
-  {
-    std::lock_guard<std::recursive_mutex> hold(readLock);
-    if (!file->ReadBlock(entry->firstBlock, raw)) return;  // nothing to trust there either
-  }
-  bf::DecodeHead(raw, &head);
-  if (head.blockNumber != entry->firstBlock || !bf::HasSignature(head)) return;
-  std::memset(raw + bf::kOffPayload + bf::kOffListDigest, 0, bf::kDigestSize);
-  if (!file->WriteBlock(entry->firstBlock, raw) || !file->Flush()) status = ZoStreamE::StatusFailed;
 }
 
 void BlockFileCore::WriteFreeList() {
