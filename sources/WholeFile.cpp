@@ -122,6 +122,7 @@ void CompoundFileStreamSource::CompactCompoundFile() {
   }
   const std::string tempName = tempPath.string();
 
+  bool oldGone = false;
   try {
     if (SaveAs(tempName.c_str()) != NoError) throw Exception("The file could not be copied");
     // The old file goes only once the new one is known to be complete: it
@@ -149,17 +150,16 @@ void CompoundFileStreamSource::CompactCompoundFile() {
       if (!complete) throw Exception("The file could not be copied");
     }
     if (Close(DiscardChanges, false) != NoError) throw Exception("The old file could not be closed");
-    // One rename replaces the old file by the new one, with no moment in
-    // between: a crash anywhere leaves the whole old file or the whole
-    // compacted one under the name (removing the old file first would
-    // leave the name empty until the rename).
+    fs::remove(filePath);
+    oldGone = true;
     fs::rename(tempPath, filePath);
     if (Open(NewDirectory, false) != NoError) throw Exception("The compacted file could not be opened");
   } catch (const fs::filesystem_error&) {
-    // The old file is still in place: the rename is the last file system
-    // step, and it either happened or not.
-    const std::string text = "The file could not be compacted.";
+    std::string text = oldGone ? "The temporary file could not be renamed."
+                               : "The file could not be compacted.";
+    if (oldGone) ZoString::SetStr(mCompoundFileName, tempName.c_str());
     if (Open(NewDirectory, false) != NoError) throw Exception(text);
+    if (oldGone) text += "\nThe new file name is " + tempPath.filename().string();
     throw Exception(text);
   }
 }

@@ -256,14 +256,14 @@ class TZ_EXPORT CompoundFileStreamSource : public CompundFileBase {
   /// every stream, then closes the source (discarding, since the changes are
   /// in the new file), replaces the file by the new one and opens it again
   /// with a new working directory. The old file stays until the new one is
-  /// complete, and one rename replaces it: at every moment, a crash
-  /// included, the name holds the whole old file or the whole new one. Does
-  /// nothing for a handle with a bad status or opened read-only. Throws
-  /// Exception with one of: "Temporary file name could not be generated.",
-  /// "The file could not be copied", "The old file could not be closed",
-  /// "The compacted file could not be opened", or "The file could not be
-  /// compacted." (a file system error; the old file is still there, and the
-  /// source is reopened on it when it can be).
+  /// complete. Does nothing for a handle with a bad status or opened
+  /// read-only. Throws Exception with one of: "Temporary file name could not
+  /// be generated.", "The file could not be copied", "The old file could not
+  /// be closed", "The compacted file could not be opened", "The file could
+  /// not be compacted." (a file system error while the old file is still
+  /// there), or "The temporary file could not be renamed." followed by
+  /// `"\nThe new file name is "` and the temporary file's leaf name when the
+  /// source could be reopened on it.
   void CompactCompoundFile();
   /// @}
 
