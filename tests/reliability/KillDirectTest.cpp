@@ -2,15 +2,17 @@
 // of CompoundFile, the direct stream source, and an encrypted file with its
 // cipher passes.
 //
-// What counts as saved, by the library's own rules: a stream's new bytes
-// and size reach the file when its block stream is released (the release
-// writes the directory and flushes); a deletion reaches it only with the
-// next directory write (another stream's release, Flush, close). A stream
-// whose write or deletion was under way, or whose deletion had not been
-// written yet, is "unsettled": it may read as before, as after, be gone, or
-// hold a mix; the parent then keeps what it finds when that is a whole
-// version and deletes the stream otherwise. Every other stream must read
-// back exactly.
+// What a kill may leave, by the library's rules: a stream deleted, replaced
+// or written in the killed session (since its last open) is "unsettled":
+// it may read as any version it had in that session, be gone, or hold a
+// mix, and its chain may share blocks with another chain the session wrote
+// (a freed block keeps its data and link until the session reuses it, and
+// the directory on disk may still name the stream). The parent keeps what
+// it finds when that is a whole version and deletes the stream otherwise.
+// Every stream the killed session did not touch must read back exactly.
+// A file killed in the run that created it, before its first directory
+// write, may not open at all; a cipher pass cut short leaves a file that
+// every open refuses.
 #include <algorithm>
 #include <cstring>
 #include <fstream>
@@ -30,12 +32,14 @@ constexpr std::uint32_t kNames = 12;
 
 enum class Backend { kBlockStreams, kPureSource, kEncrypted };
 
-// What a kill may leave on the stream it was writing or deleting: blocks
-// it freed or appended (their heads are written before the directory),
-// a size the chain does not reach yet, and a link written before the block
-// it names had reached the file. The engine ends the chain at such a link.
-const std::set<CheckProblem::Kind> kAllowedOnUnsettled{
-    CheckProblem::kFreeInHead, CheckProblem::kChainShort, CheckProblem::kChainLink};
+// What a kill may leave on a stream the killed session changed: blocks it
+// freed or appended (their heads are written before the directory), a size
+// the chain does not reach yet, and a link to a block that had not reached
+// the file; and blocks the chain reaches through a link the session wrote
+// that the saved map of the last close calls free, since the directory,
+// unchanged on disk, names no such block.
+const std::set<CheckProblem::Kind> kAllowedOnUnsettled{CheckProblem::kFreeInHead, CheckProblem::kChainShort,
+                                                       CheckProblem::kChainLink, CheckProblem::kSavedMap};
 
 // The child's handle on the file, through the chosen interface.
 class Session {
@@ -91,8 +95,12 @@ class Session {
 
 // What the log says about the streams at the moment of the kill.
 struct Replay {
-  Streams settled;                 // streams that must read back exactly
-  Streams pendingDeletes;          // deleted, not yet written: old content
+  Streams settled;                 // the model after every finished step
+  // Streams the killed session touched, with every whole version each had
+  // in it (before the session, after each finished step, after the step
+  // under way).
+  std::map<std::uint32_t, std::vector<Whole>> touched;
+  bool directoryWritten = false;   // a finished step wrote the directory
   const Record* flight = nullptr;  // the step under way
   int password = 0;
   std::uint32_t nextVersion = 1;
@@ -107,6 +115,7 @@ class DirectWorkload : public Workload {
     streams_.clear();
     password_ = 0;
     // Block-stream lives start without a file: the first child creates it.
+    fileHasDirectory_ = backend_ != Backend::kBlockStreams;
     if (backend_ == Backend::kBlockStreams) return;
     CompoundFile file;
     ASSERT_EQ(file.Open(path_.c_str(), ZoStreamE::OpenReadWrite), ZoStreamE::StatusOk);
@@ -146,7 +155,6 @@ class DirectWorkload : public Workload {
   bool PassStep(Session& session, ProgressLog& log, std::mt19937_64& rng);
   Replay ReplayLog(const std::vector<Record>& log) const;
   bool OpenChecked(CompoundFile& file, const Replay& replay, int* password, Tally& tally);
-  void Settle(Replay& replay, const std::set<std::string>& unsettled, Tally& tally);
   std::uint32_t PickExisting(std::mt19937_64& rng) const {
     auto it = streams_.begin();
     std::advance(it, static_cast<long>(rng() % streams_.size()));
@@ -157,6 +165,7 @@ class DirectWorkload : public Workload {
   std::string path_;
   Streams streams_;
   int password_ = 0;
+  bool fileHasDirectory_ = false;  // a directory write has reached the file
   int nextPassword_ = 1;
   std::uint32_t nextVersion_ = 1;
 };
@@ -245,22 +254,31 @@ Replay DirectWorkload::ReplayLog(const std::vector<Record>& log) const {
   replay.password = password_;
   replay.nextVersion = nextVersion_;
   for (const Record& record : log) {
+    const bool streamStep = record.op == Op::kRewrite || record.op == Op::kOverwrite || record.op == Op::kDelete;
     if (record.op == Op::kRewrite || record.op == Op::kOverwrite)
       replay.nextVersion = std::max(replay.nextVersion, record.version + 1);
-    if (record.done == 0) continue;
+    if (record.done == 0) {
+      if (record.op == Op::kOpen) replay.touched.clear();  // a new session
+      if (streamStep && replay.touched.count(record.name) == 0) {
+        std::vector<Whole>& versions = replay.touched[record.name];
+        auto before = replay.settled.find(record.name);
+        if (before != replay.settled.end()) versions.push_back({"content before the session", before->second});
+      }
+      continue;
+    }
     switch (record.op) {
       case Op::kRewrite:
       case Op::kOverwrite:
         ApplyWrite(replay.settled, record);
-        replay.pendingDeletes.clear();  // the release wrote the directory
+        replay.touched[record.name].push_back({"a version of the session", replay.settled[record.name]});
+        replay.directoryWritten = true;  // the release wrote the directory
         break;
       case Op::kDelete:
-        replay.pendingDeletes[record.name] = replay.settled[record.name];
         replay.settled.erase(record.name);
         break;
       case Op::kFlush:
       case Op::kClose:
-        replay.pendingDeletes.clear();
+        replay.directoryWritten = true;
         break;
       case Op::kEncrypt:
         replay.password = static_cast<int>(record.version);
@@ -273,6 +291,11 @@ Replay DirectWorkload::ReplayLog(const std::vector<Record>& log) const {
     }
   }
   replay.flight = InFlight(log);
+  if (replay.flight != nullptr && replay.flight->op != Op::kDelete && replay.touched.count(replay.flight->name) != 0) {
+    Streams after = replay.settled;
+    ApplyWrite(after, *replay.flight);
+    replay.touched[replay.flight->name].push_back({"content of the step under way", after[replay.flight->name]});
+  }
   return replay;
 }
 
@@ -290,13 +313,16 @@ bool DirectWorkload::OpenChecked(CompoundFile& file, const Replay& replay, int* 
   }
   const ZoStreamE::Status status = file.Open(path_.c_str(), ZoStreamE::OpenReadWrite);
   if (status != ZoStreamE::StatusOk && status != ZoStreamE::StatusPasswordNeeded) {
-    // A pass rewrites payloads in place; while it runs, the first directory
-    // block carries no signature, so that no open takes a half-enciphered
-    // file for a whole one.
-    const tztest::FileBytes bytes = tztest::ReadAll(path_);
-    const bool marked = bytes.size() >= 1024 && bytes[5] == 0;
-    if (passCut && marked) {
-      tally.Note("cipher pass cut: file refused by its mark (library rule)");
+    // A pass rewrites payloads in place; cut short, it leaves a file that no
+    // open takes for a whole one, read-only included.
+    if (passCut) {
+      CompoundFile reader;
+      const ZoStreamE::Status readOnly = reader.Open(path_.c_str(), ZoStreamE::OpenReadOnly);
+      if (readOnly == ZoStreamE::StatusOk || readOnly == ZoStreamE::StatusPasswordNeeded) {
+        ADD_FAILURE() << tally.where << ": a cut cipher pass left a file refused read-write but opened read-only";
+        return false;
+      }
+      tally.Note("cipher pass cut short: file refused by every open");
       return false;
     }
     ADD_FAILURE() << tally.where << ": the file does not open read-write (status " << status << ")";
@@ -320,30 +346,40 @@ bool DirectWorkload::OpenChecked(CompoundFile& file, const Replay& replay, int* 
 
 bool DirectWorkload::Check(const std::vector<Record>& log, bool killed, Tally& tally) {
   Replay replay = ReplayLog(log);
-  std::set<std::string> unsettled;
-  for (const auto& pending : replay.pendingDeletes) unsettled.insert(StreamName(pending.first));
   const Record* flight = replay.flight;
-  const bool streamCut = flight != nullptr &&
-                         (flight->op == Op::kRewrite || flight->op == Op::kOverwrite || flight->op == Op::kDelete);
-  if (streamCut) unsettled.insert(StreamName(flight->name));
-  if (!killed && (!unsettled.empty() || flight != nullptr)) {
-    ADD_FAILURE() << tally.where << ": a run that ended left steps unsettled";
-  }
+  std::set<std::string> unsettled;
+  for (const auto& stream : replay.touched) unsettled.insert(StreamName(stream.first));
+  if (!killed && flight != nullptr) ADD_FAILURE() << tally.where << ": a run that ended left a step under way";
   if (log.empty() || (log.size() == 1 && flight != nullptr && flight->op == Op::kOpen)) {
     tally.Note("killed before or during the first open");
   }
+  if (killed && !unsettled.empty()) tally.Note("kills with streams touched in the killed session");
+
+  // The run that creates the file writes block 1 with its first directory
+  // write; killed before that, the file need not open.
+  if (!fileHasDirectory_ && !replay.directoryWritten && !tztest::ReadAll(path_).empty()) {
+    CompoundFile probe;
+    if (probe.Open(path_.c_str(), ZoStreamE::OpenReadWrite) != ZoStreamE::StatusOk) {
+      tally.Note("killed in the creating run before its first directory write: file does not open");
+      return false;  // a fresh file
+    }
+  }
+  if (replay.directoryWritten) fileHasDirectory_ = true;
+
+  const bool passCut = flight != nullptr && (flight->op == Op::kEncrypt || flight->op == Op::kDecrypt);
+  bool shared = false;
+  std::set<std::string> damaged;  // touched streams whose chains have problems
   if (!tztest::ReadAll(path_).empty() || backend_ != Backend::kBlockStreams) {
     std::uint32_t leaked = 0;
     CheckReport report = CheckCompoundFile(path_.c_str(), replay.password != 0 ? PasswordText(replay.password).c_str() : nullptr);
-    const bool passCut = flight != nullptr && (flight->op == Op::kEncrypt || flight->op == Op::kDecrypt);
-    if (streamCut && flight->op != Op::kDelete) SetAsideStaleTails(report, tally);
     // Every close rewrites the saved map's stream: old chain freed, new one
     // written, directory last.
     std::set<std::string> unsettledNow(unsettled);
     if (flight != nullptr && (flight->op == Op::kClose || flight->op == Op::kOpen)) unsettledNow.insert(kFreeListName);
+    damaged = StreamsWithProblems(report);
     if (!passCut) {
-      for (const std::string& problem :
-           ForbiddenProblems(report, unsettledNow, kAllowedOnUnsettled, &leaked)) {
+      shared = SetAsideSharedBlocks(report, unsettledNow, tally) != 0;
+      for (const std::string& problem : ForbiddenProblems(report, unsettledNow, kAllowedOnUnsettled, &leaked)) {
         ADD_FAILURE() << tally.where << ": after the kill: " << problem;
       }
     }
@@ -354,10 +390,22 @@ bool DirectWorkload::Check(const std::vector<Record>& log, bool killed, Tally& t
   {
     CompoundFile file;
     if (!OpenChecked(file, replay, &password, tally)) return false;
-    if (ExpectSettled(file, replay.settled, unsettled, tally.where) != 0) return false;
+    fileHasDirectory_ = true;
+    Streams untouched = replay.settled;
+    for (const auto& stream : replay.touched) untouched.erase(stream.first);
+    if (ExpectSettled(file, untouched, unsettled, tally.where) != 0) return false;
   }
   replay.password = password;
-  Settle(replay, unsettled, tally);
+  Wholes wholes;
+  // A stream is kept only when it reads as a whole version over a sound
+  // chain: a chain with freed blocks would be overwritten by the next
+  // writer, and of chains that share blocks neither can be kept.
+  for (const auto& stream : replay.touched) {
+    const bool keep = !shared && damaged.count(StreamName(stream.first)) == 0;
+    if (!keep && !shared) tally.Note("touched stream with a damaged chain: deleted");
+    wholes[stream.first] = keep ? stream.second : std::vector<Whole>{};
+  }
+  if (!SettleStreams(path_, replay.password, wholes, replay.settled, tally)) return false;
 
   std::uint32_t leaked = 0;
   if (tztest::ReadAll(path_).empty()) {  // created, nothing written yet: what Open makes
@@ -375,28 +423,6 @@ bool DirectWorkload::Check(const std::vector<Record>& log, bool killed, Tally& t
   if (password_ >= nextPassword_) nextPassword_ = password_ + 1;
   if (flight != nullptr && flight->op == Op::kEncrypt) nextPassword_ = std::max<int>(nextPassword_, static_cast<int>(flight->version) + 1);
   return !::testing::Test::HasFailure();
-}
-
-// Every unsettled stream may hold its content before the step, after it,
-// or (deleted but not yet written) its content before the deletion.
-void DirectWorkload::Settle(Replay& replay, const std::set<std::string>& unsettled, Tally& tally) {
-  Wholes wholes;
-  for (const std::string& name : unsettled) {
-    const std::uint32_t index = IndexOf(name);
-    std::vector<Whole>& candidates = wholes[index];
-    auto pending = replay.pendingDeletes.find(index);
-    if (pending != replay.pendingDeletes.end()) candidates.push_back({"deleted, still there", pending->second});
-    if (replay.flight != nullptr && replay.flight->name == index) {
-      auto before = replay.settled.find(index);
-      if (before != replay.settled.end()) candidates.push_back({"old content", before->second});
-      if (replay.flight->op != Op::kDelete) {
-        Streams after = replay.settled;
-        ApplyWrite(after, *replay.flight);
-        candidates.push_back({"new content", after[index]});
-      }
-    }
-  }
-  SettleStreams(path_, replay.password, wholes, replay.settled, tally);
 }
 
 KillPlan Plan(std::uint64_t seed) {

@@ -89,7 +89,7 @@ void OpenWith(CompoundFile& file, const std::string& path, int password) {
 }
 }  // namespace
 
-void SettleStreams(const std::string& path, int password, const Wholes& wholes, Streams& settled,
+bool SettleStreams(const std::string& path, int password, const Wholes& wholes, Streams& settled,
                    Tally& tally) {
   for (const auto& stream : wholes) {
     const std::string name = StreamName(stream.first);
@@ -116,9 +116,16 @@ void SettleStreams(const std::string& path, int password, const Wholes& wholes, 
       file.Close();
       OpenWith(file, path, password);
     }
-    EXPECT_TRUE(file.DeleteCFFile(name.c_str())) << tally.where << ": unsettled " << name << " cannot be deleted";
+    // A deletion follows the chain as the file holds it; a link past the
+    // end, left by a cut write, stops it, and nothing mends such a file.
+    if (!file.DeleteCFFile(name.c_str()) && file.GetStatus() == ZoStreamE::StatusPastEnd) {
+      tally.Note("unsettled stream links past the end: cannot be deleted, file given up");
+      return false;
+    }
+    EXPECT_EQ(file.GetStatus(), ZoStreamE::StatusOk) << tally.where << ": unsettled " << name << " cannot be deleted";
     EXPECT_EQ(file.Close(), ZoStreamE::StatusOk) << tally.where << ": closing after deleting " << name;
   }
+  return true;
 }
 
 }  // namespace killtest

@@ -54,8 +54,10 @@ using Wholes = std::map<std::uint32_t, std::vector<Whole>>;
 // Brings each stream of `wholes` (by index) to a known state: when the file
 // holds one of its whole versions, that becomes its content in `settled`;
 // when it holds anything else it is deleted, and when it is gone it stays
-// gone. Notes each outcome; a stream that cannot be deleted is a failure.
-void SettleStreams(const std::string& path, int password, const Wholes& wholes, Streams& settled,
+// gone. Notes each outcome. False when a stream's chain links past the end
+// of the file, so that it cannot be deleted and the file is given up; any
+// other stream that cannot be deleted is a failure.
+bool SettleStreams(const std::string& path, int password, const Wholes& wholes, Streams& settled,
                    Tally& tally);
 
 // The index of a name made by StreamName.

@@ -140,14 +140,25 @@ std::vector<std::string> ForbiddenProblems(const CheckReport& report,
   return bad;
 }
 
-void SetAsideStaleTails(CheckReport& report, Tally& tally) {
-  auto stale = [](const CheckProblem& problem) { return problem.kind == CheckProblem::kClaimedTwice; };
-  const auto count = std::count_if(report.problems.begin(), report.problems.end(), stale);
-  if (count == 0) return;
-  tally.Note("cut growth: block claimed twice through a stale link (engine ends the chain there)");
-  report.problems.erase(std::remove_if(report.problems.begin(), report.problems.end(), stale),
+std::size_t SetAsideSharedBlocks(CheckReport& report, const std::set<std::string>& touched, Tally& tally) {
+  auto shared = [&touched](const CheckProblem& problem) {
+    return problem.kind == CheckProblem::kClaimedTwice && touched.count(problem.stream) != 0;
+  };
+  const auto count = std::count_if(report.problems.begin(), report.problems.end(), shared);
+  if (count == 0) return 0;
+  tally.Note("block claimed twice by a chain the killed session changed (files with some)");
+  report.problems.erase(std::remove_if(report.problems.begin(), report.problems.end(), shared),
                         report.problems.end());
   report.problemCount -= static_cast<std::uint64_t>(count);
+  return static_cast<std::size_t>(count);
+}
+
+std::set<std::string> StreamsWithProblems(const CheckReport& report) {
+  std::set<std::string> streams;
+  for (const CheckProblem& problem : report.problems) {
+    if (problem.kind != CheckProblem::kUnreached && !problem.stream.empty()) streams.insert(problem.stream);
+  }
+  return streams;
 }
 
 std::string KeepEvidence(const std::string& dir, const std::string& label) {

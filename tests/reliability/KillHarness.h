@@ -139,15 +139,17 @@ std::vector<std::string> ForbiddenProblems(const CheckReport& report,
                                            const std::set<CheckProblem::Kind>& allowedOnUnsettled,
                                            std::uint32_t* leaked);
 
-// A stream being grown at the kill may have had a block's link written
-// before the block it names: the named block, free on disk, still carries
-// the link of the chain it left, and a walk of the file goes on through it,
-// possibly into another stream's blocks (a block claimed twice). The engine
-// never follows such a link (the map calls the block free): reads of the
-// cut stream fail, writes and deletions end its chain there. Takes those
-// findings out of `report` and counts them; the caller makes sure the file
-// is whole after recovery.
-void SetAsideStaleTails(CheckReport& report, Tally& tally);
+// A stream deleted, replaced or grown in the killed session may have its
+// chain on disk run into blocks that the same session freed and wrote
+// again for another of its chains: a freed block keeps its data and its
+// link until the session reuses it, and the directory on disk still names
+// the stream. Takes the "claimed twice" findings on the streams of
+// `touched` out of `report`, counts them, and returns how many there were;
+// the caller deletes such streams and makes sure the file is whole after.
+std::size_t SetAsideSharedBlocks(CheckReport& report, const std::set<std::string>& touched, Tally& tally);
+
+// The streams that problems of `report` concern (leaked blocks aside).
+std::set<std::string> StreamsWithProblems(const CheckReport& report);
 
 // Copies `dir` to a folder under the system's temporary folder for a look
 // after a failure; returns that folder.

@@ -3,12 +3,15 @@
 //
 // What counts as saved, by the library's own rules: the compound file
 // changes only at a copy back (CopyToBlockFile, Close with SaveChanges on a
-// dirty source); streams a copy back was carrying when the kill came are
+// dirty source); streams that any copy back of the killed session carried
+// (the compound file stays open from the source's Open to its Close) are
 // unsettled. A working file is saved in the working folder once its stream
 // has been released; a folder left behind by a kill is either taken over
 // (Open with ExistingDirectory, which counts every working file as
 // changed) or removed, by the application's choice. A compaction must leave
-// the original or the compacted file, whole, under the original's name.
+// the original or the compacted file, whole, under the original's name, or,
+// killed between removing the old file and the rename, the compacted file
+// under the temporary name.
 #include <algorithm>
 #include <memory>
 #include <random>
@@ -216,39 +219,53 @@ bool WorkingFolderWorkload::Check(const std::vector<Record>& log, bool killed, T
   ++checks_;
   SourceModel model = model_;
   std::uint32_t maxVersion = nextVersion_;
+  // Streams that copy backs of the killed session (the compound file's
+  // open, from the source's Open to its Close) carried: each may hold its
+  // content before the session, a version carried, or be gone.
+  Wholes wholes;
   for (const Record& record : log) {
     maxVersion = std::max(maxVersion, record.version + 1);
     if (record.op == Op::kSaveAs && record.done == 0) model.savedAsWhole = false;
+    if (record.done == 0 && record.op == Op::kOpen) wholes.clear();
+    const bool copyBack = record.done == 0 && (record.op == Op::kCopyBack || (record.op == Op::kCloseSave && model.dirty));
+    if (copyBack) {
+      std::set<std::uint32_t> carried(model.changed);
+      carried.insert(model.deleted.begin(), model.deleted.end());
+      for (std::uint32_t name : carried) {
+        std::vector<Whole>& versions = wholes[name];
+        if (versions.empty() && model.stored.count(name) != 0)
+          versions.push_back({"content before the session", model.stored[name]});
+        if (model.changed.count(name) != 0) versions.push_back({"a version carried", model.working[name]});
+      }
+    }
     if (record.done != 0) model.Apply(record);
+    if (record.done != 0 && record.op == Op::kCloseSave) wholes.clear();
   }
   nextVersion_ = maxVersion;
   const Record* flight = InFlight(log);
   if (!killed && flight != nullptr) ADD_FAILURE() << tally.where << ": a run that ended left a step unsettled";
+  if (killed && !wholes.empty()) tally.Note("kills with streams carried in the killed session");
 
-  // Streams a copy back was carrying: before, after, or gone.
-  Wholes wholes;
-  const bool copying = flight != nullptr && (flight->op == Op::kCopyBack ||
-                                             (flight->op == Op::kCloseSave && model.dirty));
-  if (copying) {
-    for (std::uint32_t name : model.deleted) {
-      if (model.stored.count(name) != 0) wholes[name].push_back({"old content", model.stored[name]});
-    }
-    for (std::uint32_t name : model.changed) {
-      if (model.stored.count(name) != 0) wholes[name].push_back({"old content", model.stored[name]});
-      wholes[name].push_back({"new content", model.working[name]});
-    }
-  }
   std::set<std::string> unsettled;
   for (const auto& stream : wholes) unsettled.insert(StreamName(stream.first));
 
   std::uint32_t leaked = 0;
   CheckReport report = CheckCompoundFile(path_.c_str());
-  if (copying) SetAsideStaleTails(report, tally);
   std::set<std::string> unsettledNow(unsettled);
   if (flight != nullptr && (flight->op == Op::kCloseSave || flight->op == Op::kOpen)) unsettledNow.insert(kFreeListName);
+  // A carried stream is kept only when it reads as a whole version over a
+  // sound chain; of chains that share blocks neither can be kept.
+  const std::set<std::string> damaged = StreamsWithProblems(report);
+  const bool shared = SetAsideSharedBlocks(report, unsettledNow, tally) != 0;
+  for (auto& stream : wholes) {
+    if (!shared && damaged.count(StreamName(stream.first)) == 0) continue;
+    if (!shared) tally.Note("carried stream with a damaged chain: deleted");
+    stream.second.clear();
+  }
   for (const std::string& problem :
        ForbiddenProblems(report, unsettledNow,
-                         {CheckProblem::kFreeInHead, CheckProblem::kChainShort, CheckProblem::kChainLink},
+                         {CheckProblem::kFreeInHead, CheckProblem::kChainShort, CheckProblem::kChainLink,
+                          CheckProblem::kSavedMap},
                          &leaked)) {
     ADD_FAILURE() << tally.where << ": after the kill: " << problem;
   }
@@ -261,7 +278,7 @@ bool WorkingFolderWorkload::Check(const std::vector<Record>& log, bool killed, T
     }
     if (ExpectSettled(file, model.stored, unsettled, tally.where) != 0) return false;
   }
-  SettleStreams(path_, 0, wholes, model.stored, tally);
+  if (!SettleStreams(path_, 0, wholes, model.stored, tally)) return false;
   CheckSavedAs(model, flight, tally);
   CheckFolder(model, flight, checks_, tally);
   for (const std::string& problem : ForbiddenProblems(CheckCompoundFile(path_.c_str()), {}, {}, &leaked)) {
@@ -420,14 +437,29 @@ bool CompactionWorkload::Check(const std::vector<Record>& log, bool killed, Tall
   const bool compacting = flight != nullptr && flight->op == Op::kCompact;
   if (!killed && !compactDone) ADD_FAILURE() << tally.where << ": a run that ended did not compact";
 
+  // Compaction removes the old file before the temporary one takes its
+  // name: a kill between the two leaves the data under the temporary name
+  // only, and that file must hold the compacted streams.
+  std::string temporary;
+  for (fs::directory_iterator it(dir_), end; it != end; ++it) {
+    const std::string leaf = it->path().filename().string();
+    if (leaf.size() == 14 && leaf.rfind("kelvoptmp", 0) == 0 && leaf.compare(10, 4, ".zvp") == 0) {
+      temporary = it->path().string();
+    }
+  }
+  const bool underTemporary = compacting && !fs::exists(path_) && !temporary.empty();
+  const std::string checked = underTemporary ? temporary : path_;
+  if (underTemporary) tally.Note("compaction cut between removal and rename: data under the temporary name");
+
   std::uint32_t leaked = 0;
-  for (const std::string& problem : ForbiddenProblems(CheckCompoundFile(path_.c_str()), {}, {}, &leaked)) {
+  for (const std::string& problem : ForbiddenProblems(CheckCompoundFile(checked.c_str()), {}, {}, &leaked)) {
     ADD_FAILURE() << tally.where << ": " << problem;
   }
   CompoundFile file;
-  const ZoStreamE::Status status = file.Open(path_.c_str(), ZoStreamE::OpenReadWrite);
+  const ZoStreamE::Status status = file.Open(checked.c_str(), ZoStreamE::OpenReadWrite);
   if (status != ZoStreamE::StatusOk) {
-    ADD_FAILURE() << tally.where << ": no file that opens under the original name (status " << status << ")";
+    ADD_FAILURE() << tally.where << ": no file that opens under the original or the temporary name (status "
+                  << status << ")";
     return false;
   }
   Streams got;
@@ -445,7 +477,10 @@ bool CompactionWorkload::Check(const std::vector<Record>& log, bool killed, Tall
              (fs::is_directory(it->status()) ? std::string("dir") : std::to_string(fs::file_size(it->path()))) + ")";
   }
   if (!original && !whole) tally.where += ", files:" + files + (original ? ", original" : ", not original");
-  if (compactDone) {
+  if (underTemporary) {
+    EXPECT_TRUE(whole) << tally.where << ": the temporary file does not hold the compacted streams:"
+                       << Difference(got, compacted);
+  } else if (compactDone) {
     EXPECT_TRUE(whole) << tally.where << ": a finished compaction left another state under the name:"
                        << Difference(got, compacted);
   } else if (compacting) {
@@ -461,7 +496,7 @@ bool CompactionWorkload::Check(const std::vector<Record>& log, bool killed, Tall
   for (fs::directory_iterator it(dir_), end; it != end; ++it) {
     const std::string leaf = it->path().filename().string();
     if (leaf.rfind("kelvoptmp", 0) == 0) {
-      tally.Note("compaction cut: temporary file left behind");
+      if (!underTemporary) tally.Note("compaction cut: temporary file left beside the original name");
       fs::remove(it->path());
     }
   }
