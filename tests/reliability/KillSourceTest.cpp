@@ -256,6 +256,10 @@ bool WorkingFolderWorkload::Check(const std::vector<Record>& log, bool killed, T
   // A carried stream is kept only when it reads as a whole version over a
   // sound chain; of chains that share blocks neither can be kept.
   const std::set<std::string> damaged = StreamsWithProblems(report);
+  bool looping = false;  // a carried stream's chain comes back to itself
+  for (const CheckProblem& problem : report.problems) {
+    if (problem.kind == CheckProblem::kChainLoop && unsettled.count(problem.stream) != 0) looping = true;
+  }
   const bool shared = SetAsideSharedBlocks(report, unsettledNow, tally) != 0;
   for (auto& stream : wholes) {
     if (!shared && damaged.count(StreamName(stream.first)) == 0) continue;
@@ -265,7 +269,7 @@ bool WorkingFolderWorkload::Check(const std::vector<Record>& log, bool killed, T
   for (const std::string& problem :
        ForbiddenProblems(report, unsettledNow,
                          {CheckProblem::kFreeInHead, CheckProblem::kChainShort, CheckProblem::kChainLink,
-                          CheckProblem::kSavedMap},
+                          CheckProblem::kSavedMap, CheckProblem::kChainLoop},
                          &leaked)) {
     ADD_FAILURE() << tally.where << ": after the kill: " << problem;
   }
@@ -277,6 +281,12 @@ bool WorkingFolderWorkload::Check(const std::vector<Record>& log, bool killed, T
       return false;
     }
     if (ExpectSettled(file, model.stored, unsettled, tally.where) != 0) return false;
+  }
+  // A deletion follows the links as they are, round a loop without end:
+  // such a file cannot be brought back and is given up.
+  if (looping) {
+    tally.Note("carried stream's chain loops: file given up");
+    return false;
   }
   if (!SettleStreams(path_, 0, wholes, model.stored, tally)) return false;
   CheckSavedAs(model, flight, tally);
