@@ -36,6 +36,7 @@ class Checker {
 
   void Run(const char* password) {
     held_.assign(static_cast<std::size_t>(r_.blocks) + 1, false);
+    holder_.assign(static_cast<std::size_t>(r_.blocks) + 1, std::string());
     inChain_.assign(static_cast<std::size_t>(r_.blocks) + 1, false);
     isDir_.assign(static_cast<std::size_t>(r_.blocks) + 1, false);
     if (!WalkDirectory()) return;
@@ -189,6 +190,7 @@ class Checker {
                     std::to_string(block.usedLength));
       }
       held_[n] = true;
+      holder_[n] = name;
       inChain_[n] = true;
       ++r_.heldBlocks;
       chain_.push_back(n);
@@ -280,7 +282,7 @@ class Checker {
     // the map says; a stream's block is not.
     for (std::uint32_t n = 1; n <= r_.blocks; ++n) {
       if (held_[n] && !isDir_[n] && (n > highest || n >= next || !used[n])) {
-        Problem(CheckProblem::kSavedMap, n, "",
+        Problem(CheckProblem::kSavedMap, n, holder_[n],
                 "block " + std::to_string(n) +
                     " is held by a chain but free in the saved block map, which the next writer trusts");
       }
@@ -290,6 +292,7 @@ class Checker {
   BlockIO* io_;
   CheckReport& r_;
   std::vector<bool> held_;     // taken by the directory or a chain
+  std::vector<std::string> holder_;  // the stream whose chain took the block
   std::vector<bool> inChain_;  // taken by the chain being walked
   std::vector<bool> isDir_;    // a block of the directory chain
   bool freeListSeen_ = false;

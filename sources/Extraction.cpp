@@ -17,10 +17,16 @@ bool CompoundFileStreamSource::ExtractFile(const char* name) const {
   std::unique_ptr<std::basic_iostream<char>> input(mCompoundFile->GetIOStream(name, "rb"));
   if (input == nullptr) return false;
 
+  // The copy is made beside the working folder and renamed into it when
+  // whole. Every file inside the folder counts as a changed stream when a
+  // folder left by a crash is taken over, so a fragment must never lie
+  // there under the stream's name: it would replace the stored stream.
+  const std::string folder(mDirectoryName);
+  const std::string partial = folder.substr(0, folder.size() - 1) + ".extracting";
   bool complete = false;
   {
     std::unique_ptr<std::ostream> opened(tz::OpenFileStream<std::ostream>(
-        path, std::ios::out | std::ios::trunc | std::ios::binary));
+        partial, std::ios::out | std::ios::trunc | std::ios::binary));
     if (opened == nullptr) return false;  // nothing was created or truncated
     std::ostream& output = *opened;
     const DirEntry* entry = mCompoundFile->FindDirEntry(name);
@@ -36,12 +42,13 @@ bool CompoundFileStreamSource::ExtractFile(const char* name) const {
     output.flush();
     complete = !input->bad() && output.good();
   }
-  // A fragment must never pass for the stream's new content.
+  boost::system::error_code error;
+  if (complete) complete = tz::CurrentEnv()->Rename(partial, path, error);
   if (!complete) {
-    boost::system::error_code ignored;
-    tz::CurrentEnv()->Remove(path, ignored);
+    tz::CurrentEnv()->Remove(partial, error);
+    return false;
   }
-  return complete;
+  return true;
 }
 
 bool CompoundFileStreamSource::ExtractAllFiles() const {
