@@ -21,8 +21,12 @@ bool CompoundFileStreamSource::ExtractFile(const char* name) const {
   // whole. Every file inside the folder counts as a changed stream when a
   // folder left by a crash is taken over, so a fragment must never lie
   // there under the stream's name: it would replace the stored stream.
-  const std::string folder(mDirectoryName);
-  const std::string partial = folder.substr(0, folder.size() - 1) + ".extracting";
+  // Without a folder name (no folder to stand beside) it goes beside the
+  // working file itself.
+  const std::string folder(mDirectoryName != nullptr ? mDirectoryName : "");
+  const std::string partial = folder.size() > 1 && folder.back() == '/'
+                                  ? folder.substr(0, folder.size() - 1) + ".extracting"
+                                  : path + ".extracting";
   bool complete = false;
   {
     std::unique_ptr<std::ostream> opened(tz::OpenFileStream<std::ostream>(
