@@ -128,7 +128,9 @@ class BlockFileCore {
   // return it is the fresh successor of the last block handled, and
   // taken[0..k) holds the successors' numbers. Returns k: `count`, or
   // fewer when a block write failed (k counts that block; the status says
-  // it failed). REQUIRES: the file is not encrypted; taken has count places.
+  // it failed). REQUIRES: the file is not encrypted; taken has count places;
+  // count <= kMaxAppendRun.
+  static constexpr std::uint32_t kMaxAppendRun = 64;
   std::uint32_t AppendWholeBlocks(DataBlock& current, const unsigned char* payloads,
                                   std::uint32_t count, std::uint32_t* taken);
   // `exact`, when given, tells whether the block encodes back to the very

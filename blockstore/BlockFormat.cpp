@@ -64,6 +64,11 @@ void EncodeDataBlock(const DataBlock& block, unsigned char* out) {
   std::memcpy(out + kOffPayload, block.payload, kPayloadSize);
 }
 
+void EncodeDataHead(const DataBlock& block, unsigned char* out) {
+  EncodeHead(block, out);
+  tz::EncodeFixed16(out + kOffUsedLength, block.usedLength);
+}
+
 void DecodeDataBlock(const unsigned char* in, DataBlock* block) {
   DecodeHead(in, block);
   block->usedLength = tz::DecodeFixed16(in + kOffUsedLength);

@@ -134,6 +134,8 @@ void DecodeHead(const unsigned char* in, BlockHead* head);
 bool HasSignature(const BlockHead& head);
 
 void EncodeDataBlock(const DataBlock& block, unsigned char* out);
+// The first kOffPayload bytes only: the head and usedLength.
+void EncodeDataHead(const DataBlock& block, unsigned char* out);
 void DecodeDataBlock(const unsigned char* in, DataBlock* block);
 
 // Zero-copy forms of the two above. DataBlockTarget gives the 1024 bytes to

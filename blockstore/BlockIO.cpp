@@ -136,6 +136,30 @@ bool BlockIO::WriteBlockSplit(std::uint32_t n, const unsigned char* head, std::s
   return ok;
 }
 
+std::uint32_t BlockIO::WriteRun(std::uint32_t first, std::uint32_t count,
+                                const unsigned char* heads, std::size_t headLength,
+                                const unsigned char* tails) {
+  const std::size_t tailLength = kBlock - headLength;
+  const std::uint64_t aheadEnd = aheadStart_ + aheadLength_;
+  for (std::uint32_t k = 0; k < count; ++k) {
+    const unsigned char* head = heads + std::size_t{k} * headLength;
+    const unsigned char* tail = tails + std::size_t{k} * tailLength;
+    const std::uint64_t offset = Offset(first + k);
+    // The common case, a block that extends the queue and fits, without the
+    // steps of a single write; anything else takes them.
+    const bool extends = pendingLength_ != 0 && offset == pendingStart_ + pendingLength_ &&
+                         pendingLength_ + kBlock <= kMaxPending &&
+                         !(offset >= aheadStart_ && offset < aheadEnd);
+    if (extends) {
+      Join(head, headLength, tail, pending_.get() + pendingLength_);
+      pendingLength_ += kBlock;
+    } else if (!WriteBlockSplit(first + k, head, headLength, tail)) {
+      return k;
+    }
+  }
+  return count;
+}
+
 // A write that failed part-way at the end of the file (a full disk) may
 // have left a length that is no whole number of blocks, and such a file
 // would no longer open. The part-block goes; whole blocks that landed stay,

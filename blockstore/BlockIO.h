@@ -46,6 +46,14 @@ class BlockIO {
   bool WriteBlockSplit(std::uint32_t n, const unsigned char* head, std::size_t headLength,
                        const unsigned char* tail);
 
+  // Queues blocks first .. first + count - 1 as WriteBlockSplit would, one
+  // after the other: block k's head is the headLength bytes at
+  // heads + k * headLength, the rest of it the next bytes from `tails` on.
+  // Returns the index of the first block whose write failed (queued all the
+  // same, as WriteBlockSplit does), or `count`.
+  std::uint32_t WriteRun(std::uint32_t first, std::uint32_t count, const unsigned char* heads,
+                         std::size_t headLength, const unsigned char* tails);
+
   // Sends queued writes to the file. False when any of them failed; the
   // queue is emptied either way.
   bool Flush();

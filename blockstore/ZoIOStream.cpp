@@ -15,7 +15,7 @@ namespace io = boost::iostreams;
 namespace {
 constexpr std::uint32_t kPayload = bf::kPayloadSize;
 constexpr std::int64_t kMaxPosition = std::numeric_limits<std::uint32_t>::max();
-constexpr std::uint32_t kAppendRun = 64;  // whole blocks appended per core call
+constexpr std::uint32_t kAppendRun = BlockFileCore::kMaxAppendRun;  // whole blocks per core call
 }  // namespace
 
 ZoIOStreamDevice::ZoIOException::ZoIOException(const std::string& message)

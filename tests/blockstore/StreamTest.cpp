@@ -103,52 +103,60 @@ TEST_F(StreamTest, ChainsLeftByWrites) {
 // Large writes send runs of whole blocks to the file in one step; writes of
 // a few hundred bytes, each flushed, fill every block piece by piece. Both
 // must leave the same blocks, also while a second writer takes blocks in
-// between and one stream grows over a block the other released.
+// between and one stream grows over a block the other released, with the
+// block map from a scan of the heads or from its saved copy.
 TEST(StreamWrites, WholeBlockRunsLeaveTheBlocksPieceByPieceWritesLeave) {
-  ScratchDir dir;
-  const std::string big = Pattern(300 * 1003 + 17, 3);
-  const std::string small = Pattern(5 * 1003, 4);
-  auto build = [&](const std::string& path, std::size_t piece) {
-    CompoundFile file;
-    ASSERT_EQ(file.Open(path.c_str(), OpenReadWrite), StatusOk);
-    ASSERT_TRUE(PutStream(file, "gone", Pattern(3000, 5)));
-    ASSERT_TRUE(file.DeleteCFFile("gone"));
-    std::unique_ptr<std::iostream> a(file.GetIOStream("a", "wb"));
-    std::unique_ptr<std::iostream> b(file.GetIOStream("b", "wb"));
-    auto put = [&](std::iostream& s, const std::string& bytes, std::size_t from, std::size_t n) {
-      for (std::size_t at = from; at < from + n; at += piece) {
-        s.write(bytes.data() + at, static_cast<std::streamsize>(std::min(piece, from + n - at)));
-        s.flush();
+  for (const bool reopen : {false, true}) {
+    SCOPED_TRACE(reopen ? "saved map" : "scanned map");
+    ScratchDir dir;
+    const std::string big = Pattern(300 * 1003 + 17, 3);
+    const std::string small = Pattern(5 * 1003, 4);
+    auto build = [&](const std::string& path, std::size_t piece) {
+      CompoundFile file;
+      ASSERT_EQ(file.Open(path.c_str(), OpenReadWrite), StatusOk);
+      ASSERT_TRUE(PutStream(file, "gone", Pattern(3000, 5)));
+      ASSERT_TRUE(file.DeleteCFFile("gone"));
+      if (reopen) {
+        ASSERT_EQ(file.Close(), StatusOk);
+        ASSERT_EQ(file.Open(path.c_str(), OpenReadWrite), StatusOk);
       }
+      std::unique_ptr<std::iostream> a(file.GetIOStream("a", "wb"));
+      std::unique_ptr<std::iostream> b(file.GetIOStream("b", "wb"));
+      auto put = [&](std::iostream& s, const std::string& bytes, std::size_t from, std::size_t n) {
+        for (std::size_t at = from; at < from + n; at += piece) {
+          s.write(bytes.data() + at, static_cast<std::streamsize>(std::min(piece, from + n - at)));
+          s.flush();
+        }
+      };
+      put(*a, big, 0, 100 * 1003 + 5);
+      put(*b, small, 0, small.size());
+      put(*a, big, 100 * 1003 + 5, big.size() - 100 * 1003 - 5);
+      ASSERT_TRUE(a->good() && b->good());
+      a.reset();
+      b.reset();
+      ASSERT_EQ(file.Close(), StatusOk);
     };
-    put(*a, big, 0, 100 * 1003 + 5);
-    put(*b, small, 0, small.size());
-    put(*a, big, 100 * 1003 + 5, big.size() - 100 * 1003 - 5);
-    ASSERT_TRUE(a->good() && b->good());
-    a.reset();
-    b.reset();
-    ASSERT_EQ(file.Close(), StatusOk);
-  };
-  const std::string runs = dir.Path("runs.cf");
-  const std::string pieces = dir.Path("pieces.cf");
-  build(runs, big.size());
-  build(pieces, 500);
-  const FileBytes r = ReadAll(runs);
-  const FileBytes p = ReadAll(pieces);
-  ASSERT_EQ(r.size(), p.size());
-  // The directory differs only in its time stamps; every other block must
-  // be the same byte for byte.
-  std::vector<bool> directory(BlockCount(r) + 1, false);
-  for (std::uint32_t n : Chain(r, 1)) directory[n] = true;
-  for (std::uint32_t n = 1; n <= BlockCount(r); ++n) {
-    if (directory[n]) continue;
-    EXPECT_TRUE(std::equal(r.begin() + BlockAt(n), r.begin() + BlockAt(n) + bf::kBlockSize,
-                           p.begin() + BlockAt(n)))
-        << "block " << n;
-  }
-  for (const char* name : {"a", "b"}) {
-    EXPECT_EQ(FirstBlockOf(r, name), FirstBlockOf(p, name)) << name;
-    EXPECT_EQ(Get32(r, EntryAt(r, name) + bf::kOffSize), Get32(p, EntryAt(p, name) + bf::kOffSize));
+    const std::string runs = dir.Path("runs.cf");
+    const std::string pieces = dir.Path("pieces.cf");
+    build(runs, big.size());
+    build(pieces, 500);
+    const FileBytes r = ReadAll(runs);
+    const FileBytes p = ReadAll(pieces);
+    ASSERT_EQ(r.size(), p.size());
+    // The directory differs only in its time stamps; every other block must
+    // be the same byte for byte.
+    std::vector<bool> directory(BlockCount(r) + 1, false);
+    for (std::uint32_t n : Chain(r, 1)) directory[n] = true;
+    for (std::uint32_t n = 1; n <= BlockCount(r); ++n) {
+      if (directory[n]) continue;
+      EXPECT_TRUE(std::equal(r.begin() + BlockAt(n), r.begin() + BlockAt(n) + bf::kBlockSize,
+                             p.begin() + BlockAt(n)))
+          << "block " << n;
+    }
+    for (const char* name : {"a", "b"}) {
+      EXPECT_EQ(FirstBlockOf(r, name), FirstBlockOf(p, name)) << name;
+      EXPECT_EQ(Get32(r, EntryAt(r, name) + bf::kOffSize), Get32(p, EntryAt(p, name) + bf::kOffSize));
+    }
   }
 }
 
