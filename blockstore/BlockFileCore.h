@@ -111,6 +111,8 @@ class BlockFileCore {
   // was; a write takes them from there instead of block.payload.
   ZoStreamE::Status ReadDataBlock(std::uint32_t n, DataBlock& block,
                                   unsigned char* payload = nullptr);
+  // The same for a caller that holds readLock already (a run of reads).
+  ZoStreamE::Status ReadDataBlockHeld(std::uint32_t n, DataBlock& block, unsigned char* payload);
   DataBlock* LoadDataBlock(std::uint32_t n);  // caller owns; null on failure
   ZoStreamE::Status WriteDataBlock(const DataBlock& block,
                                    const unsigned char* payload = nullptr);

@@ -33,6 +33,11 @@ bool BlockFileCore::ReadBlockBytes(std::uint32_t n, unsigned char* out, unsigned
 Status BlockFileCore::ReadDataBlock(std::uint32_t n, DataBlock& block, unsigned char* payload) {
   if (status != ZoStreamE::StatusOk) return status;
   std::lock_guard<std::recursive_mutex> hold(readLock);
+  return ReadDataBlockHeld(n, block, payload);
+}
+
+Status BlockFileCore::ReadDataBlockHeld(std::uint32_t n, DataBlock& block, unsigned char* payload) {
+  if (status != ZoStreamE::StatusOk) return status;
   unsigned char scratch[bf::kBlockSize];
   unsigned char* target = bf::DataBlockTarget(&block, scratch);
   if (!ReadBlockBytes(n, target, payload)) return status;

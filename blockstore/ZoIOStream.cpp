@@ -166,18 +166,52 @@ std::streamsize ZoIOStreamDevice::read(char* s, std::streamsize n) {
     delivered = false;
     d.blockOffset += chunk;
     if (d.blockOffset == kPayload) {
-      // A block wanted whole is read straight into the caller's memory.
-      unsigned char* to = nullptr;
-      if (n - done - chunk >= kPayload) to = reinterpret_cast<unsigned char*>(s + done + chunk);
-      NextBlock(false, to);
+      // Blocks wanted whole are read straight into the caller's memory; the
+      // last of them is then consumed as the current block.
+      const std::streamsize rest = n - done - chunk;
+      if (rest >= kPayload) {
+        const auto whole = static_cast<std::uint32_t>(
+            std::min<std::streamsize>(rest / kPayload, std::numeric_limits<std::uint32_t>::max()));
+        const std::uint32_t stepped = StepWhole(reinterpret_cast<unsigned char*>(s + done + chunk), whole);
+        if (stepped != whole) throw ZoIOException("Error in ZoIOStreamDevice::read");
+        const std::streamsize skipped = static_cast<std::streamsize>(whole - 1) * kPayload;
+        d.position += static_cast<std::uint32_t>(chunk + skipped);
+        done += chunk + skipped;
+        d.blockOffset = 0;
+        delivered = true;
+        continue;
+      }
+      NextBlock(false);
       if (Failed()) throw ZoIOException("Error in ZoIOStreamDevice::read");
-      delivered = to != nullptr;
       d.blockOffset = 0;
     }
     d.position += chunk;
     done += chunk;
   }
   return n;
+}
+
+// The checks and effects of NextBlock(false, ...) for each step; a step
+// from a clean block along a sound link takes them inline, any other the
+// general way.
+std::uint32_t ZoIOStreamDevice::StepWhole(unsigned char* to, std::uint32_t count) {
+  Data& d = *data_;
+  std::lock_guard<std::recursive_mutex> hold(d.core->readLock);
+  for (std::uint32_t k = 0; k < count; ++k) {
+    unsigned char* payloadTo = to + std::size_t{k} * kPayload;
+    const std::uint32_t next = d.current->nextBlock;
+    if (d.dirty || next == 0 || !d.core->LinkIsSound(d.current->blockNumber, next) ||
+        d.blockIndex >= d.core->BlockCount()) {
+      NextBlock(false, payloadTo);
+    } else {
+      d.core->ReadDataBlockHeld(next, *d.current, payloadTo);
+      d.payloadUnset = false;
+      ++d.blockIndex;
+      if (d.blockNumbers.size() < d.blockIndex) d.blockNumbers.push_back(d.current->blockNumber);
+    }
+    if (Failed()) return k;
+  }
+  return count;
 }
 
 void ZoIOStreamDevice::SettleEntry() {

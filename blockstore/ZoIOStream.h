@@ -121,6 +121,10 @@ class ZoIOStreamDevice {
   // The body of write: `count` bytes from s, block by block.
   std::int64_t WriteInBlocks(const char* s, std::int64_t count);
   void NextBlock(bool mayGrow, unsigned char* payloadTo = nullptr);
+  // `count` reading steps, NextBlock(false, to + k * payload size) for each
+  // k, under one hold of the engine's read lock. Returns the steps taken
+  // before one failed (`count` when none did).
+  std::uint32_t StepWhole(unsigned char* to, std::uint32_t count);
   void GoToBlock(std::uint32_t n);
   bool Failed() const;
 

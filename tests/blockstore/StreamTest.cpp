@@ -317,3 +317,37 @@ TEST_F(StreamTest, TwoThreadsReadDifferentStreams) {
     ASSERT_EQ(got2, two);
   }
 }
+
+// Long reads step along many blocks at once. A link into the directory in
+// the middle of the chain must stop them where reads of a few bytes at a
+// time stop, in a file open for writing (whose map can tell such a link).
+TEST(StreamReads, ALongReadMeetsABadLinkWhereShortReadsDo) {
+  ScratchDir dir;
+  const std::string path = dir.Path("bad-link.cf");
+  const std::string content = Pattern(40 * 1003, 6);
+  MakeFile(path, {{"long", content}});
+  FileBytes bytes = ReadAll(path);
+  const std::vector<std::uint32_t> chain = Chain(bytes, FirstBlockOf(bytes, "long"));
+  ASSERT_GT(chain.size(), 20u);
+  Put32(bytes, BlockAt(chain[19]) + bf::kOffNextBlock, 1);  // block 1 is the directory's
+  WriteAll(path, bytes);
+  for (const std::size_t piece : {std::size_t{100}, content.size()}) {
+    SCOPED_TRACE(piece);
+    CompoundFile file;
+    ASSERT_EQ(file.Open(path.c_str(), OpenReadWrite), StatusOk);
+    std::unique_ptr<std::iostream> in(file.GetIOStream("long", "rb"));
+    std::string got(content.size(), '\0');
+    std::size_t at = 0;
+    while (at < got.size() && in->read(&got[at], static_cast<std::streamsize>(std::min(piece, got.size() - at)))) {
+      at += static_cast<std::size_t>(in->gcount());
+    }
+    at += static_cast<std::size_t>(in->gcount());
+    EXPECT_TRUE(in->bad());
+    EXPECT_EQ(file.GetStatus(), ZoStreamE::StatusFailed);
+    // What arrived is right, and nothing from beyond the bad link reached
+    // the caller's memory.
+    EXPECT_LE(at, 20u * 1003);
+    EXPECT_EQ(got.substr(0, at), content.substr(0, at));
+    EXPECT_EQ(got.find_first_not_of('\0', 20 * 1003), std::string::npos);
+  }
+}
