@@ -26,8 +26,6 @@ ZoIOStreamDevice::Data::Data(BlockFileCore* c, DirEntry* e, int m)
   core->Retain();
   current = core->LoadDataBlock(entry->firstBlock);
   if (current != nullptr) blockNumbers.push_back(current->blockNumber);
-  spare = new bf::DataBlock;
-  bf::InitDataBlock(spare);
 }
 
 void ZoIOStreamDevice::Data::ClearLeftovers() {
@@ -100,6 +98,11 @@ void ZoIOStreamDevice::NextBlock(bool mayGrow, unsigned char* payloadTo) {
       return;
     }
     // The fresh block's payload is cleared only if it is not written whole.
+    // A stream that only reads never needs the spare record.
+    if (d.spare == nullptr) {
+      d.spare = new bf::DataBlock;
+      bf::InitDataBlock(d.spare);
+    }
     d.core->AllocDataBlock(d.spare, false);
     d.current->nextBlock = d.spare->blockNumber;
     d.core->NoteLink(d.current->blockNumber, d.spare->blockNumber);
