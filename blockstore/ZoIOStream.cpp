@@ -5,6 +5,8 @@
 #include <limits>
 #include <system_error>
 
+#include <boost/make_shared.hpp>
+
 #include "blockstore/BlockFileCore.h"
 #include "utility/Copy.h"
 #include "utility/Time.h"
@@ -46,7 +48,7 @@ ZoIOStreamDevice::Data::~Data() {
 }
 
 ZoIOStreamDevice::ZoIOStreamDevice(BlockFileCore* core, DirEntry* entry, int mode)
-    : data_(new Data(core, entry, mode)) {}
+    : data_(boost::make_shared<Data>(core, entry, mode)) {}
 
 bool ZoIOStreamDevice::Failed() const {
   return data_->core->status != ZoStreamE::StatusOk;

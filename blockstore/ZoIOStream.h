@@ -50,6 +50,7 @@
 #include "blockstore/BlockFormat.h"
 #include "blockstore/ChainList.h"
 #include "tesselzostream/DirEntry.h"
+#include "utility/RecyclingAllocator.h"
 
 class BlockFileCore;
 
@@ -137,7 +138,11 @@ class ZoIOStreamDevice {
 // once what the buffer holds has been served or written out. The bytes, the
 // position, the putback of the last characters read and every stream state
 // are what the buffered path gives; only a copy is saved.
-class ZoIOStreamBuffer : public boost::iostreams::stream_buffer<ZoIOStreamDevice> {
+// Its memory comes from a per-thread cache of freed buffers, since streams
+// are often opened and closed by the thousand.
+class ZoIOStreamBuffer
+    : public boost::iostreams::stream_buffer<ZoIOStreamDevice, std::char_traits<char>,
+                                             tz::RecyclingAllocator<char>> {
  protected:
   std::streamsize xsgetn(char* s, std::streamsize n) override;
   std::streamsize xsputn(const char* s, std::streamsize n) override;
