@@ -1,6 +1,7 @@
 // Byte helpers, digest, cipher, paths and time texts.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <sstream>
 
@@ -13,6 +14,7 @@
 #include "utility/MD5.h"
 #include "utility/PagedArray.h"
 #include "utility/Path.h"
+#include "utility/RecyclingAllocator.h"
 #include "utility/ZoString.h"
 
 TEST(ByteIO, NumbersAreLittleEndianAndRoundTrip) {
@@ -121,4 +123,25 @@ TEST(Path, CanonicalFormsOfOneFile) {
 TEST(ZoString, FoldingIsAsciiOnly) {
   EXPECT_EQ(ZoString::StrICmp("ABC.txt", "abc.TXT"), 0);
   EXPECT_NE(ZoString::StrICmp("\xC4", "\xE4"), 0);  // bytes above 127 are not letters here
+}
+
+// Freed arrays of the cached length come back, last freed first, up to the
+// number kept; other lengths and the surplus go back to the heap (which
+// the sanitizer builds would report as leaks if they were lost).
+TEST(RecyclingAllocator, ReusesArraysOfOneLengthUpToItsLimit) {
+  tz::RecyclingAllocator<char> alloc;
+  constexpr int kMore = tz::RecyclingAllocator<char>::kKeep + 2;
+  std::vector<char*> arrays;
+  for (int i = 0; i < kMore; ++i) arrays.push_back(alloc.allocate(777));
+  for (char* p : arrays) alloc.deallocate(p, 777);
+  char* other = alloc.allocate(55);  // another length: never from the cache
+  EXPECT_TRUE(std::find(arrays.begin(), arrays.end(), other) == arrays.end());
+  alloc.deallocate(other, 55);
+  for (int i = 0; i < tz::RecyclingAllocator<char>::kKeep; ++i) {
+    char* again = alloc.allocate(777);
+    EXPECT_EQ(again, arrays[tz::RecyclingAllocator<char>::kKeep - 1 - i]);
+    again[776] = 'x';
+    arrays.push_back(again);
+  }
+  for (int i = kMore; i < static_cast<int>(arrays.size()); ++i) alloc.deallocate(arrays[i], 777);
 }
