@@ -18,16 +18,18 @@
 namespace tztest {
 
 // A fresh folder under the system's temporary folder, removed on
-// destruction.
+// destruction unless kept (for a look after a failure).
 class ScratchDir {
  public:
   ScratchDir();
   ~ScratchDir();
   std::string Path(const std::string& name) const;
   const std::string& path() const { return path_; }
+  void Keep() { keep_ = true; }
 
  private:
   std::string path_;
+  bool keep_ = false;
 };
 
 using FileBytes = std::vector<unsigned char>;
