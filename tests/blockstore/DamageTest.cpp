@@ -56,6 +56,22 @@ class DamageTest : public ::testing::Test {
   }
   void Install(const Bytes& bytes) { WriteAll(path_, bytes); }
 
+  // The installed file takes a new stream on an open for writing, sharing
+  // no block with another chain, and then reads back every stream.
+  void ExpectTakesAStream() {
+    {
+      OpenedFile f(path_, OpenReadWrite);
+      ASSERT_TRUE(PutStream(f, "epsilon", Pattern(4000, 6)));
+      EXPECT_EQ(ZoStreamE::StatusOk, f.Close());
+    }
+    for (const CheckProblem& p : CheckCompoundFile(path_.c_str()).problems) {
+      EXPECT_NE(CheckProblem::kClaimedTwice, p.kind) << p.text;
+    }
+    OpenedFile f(path_, OpenReadOnly);
+    ExpectStreams(f, streams_);
+    EXPECT_EQ(Pattern(4000, 6), GetStream(f, "epsilon"));
+  }
+
   // In both modes, reading `name` fails with `expected`, and neither the
   // failed read nor the close after it changes a byte of the file.
   void ExpectReadFails(const Bytes& damaged, const char* name, Status expected) {
@@ -237,13 +253,8 @@ TEST_F(DamageTest, UnterminatedNameIsCut) {
     EXPECT_EQ(cut, ListNames(f).at(0));
     EXPECT_TRUE(f.Exists(cut.c_str()));
     ExpectStreams(f, streams_);
-    if (mode == OpenReadWrite) {
-      ASSERT_TRUE(PutStream(f, "epsilon", Pattern(1500, 5)));
-    }
   }
-  streams_.emplace_back("epsilon", Pattern(1500, 5));
-  OpenedFile f(path_, OpenReadOnly);
-  ExpectStreams(f, streams_);
+  ExpectTakesAStream();
 }
 
 // A saved map that the open cannot trust is thrown away for a scan. Each
@@ -261,15 +272,8 @@ TEST_F(DamageTest, UntrustworthySavedMapFallsBackToScan) {
     SCOPED_TRACE(c.first);
     std::memset(&c.second[list + bf::kOffListMap], 0, count + 1);
     Install(c.second);
-    {
-      OpenedFile f(path_, OpenReadWrite);
-      EXPECT_EQ(static_cast<int>(count), f.GetNumUsedBlocks());  // the good file has no free block
-      ASSERT_TRUE(PutStream(f, "epsilon", Pattern(4000, 6)));
-      EXPECT_EQ(ZoStreamE::StatusOk, f.Close());
-    }
-    OpenedFile f(path_, OpenReadOnly);
-    ExpectStreams(f, streams_);
-    EXPECT_TRUE(GetStream(f, "epsilon") == Pattern(4000, 6));
+    EXPECT_EQ(static_cast<int>(count), OpenedFile(path_, OpenReadWrite).GetNumUsedBlocks());  // none free
+    ExpectTakesAStream();
   }
 }
 
@@ -305,17 +309,9 @@ TEST_F(DamageTest, TornHeadFailsTheScanOnly) {
 TEST_F(DamageTest, FileCutAtBlockBoundaryStaysUsable) {
   ASSERT_EQ(BlockCount(good_), FirstBlockOf(good_, bf::kFreeListName));
   Install(Bytes(good_.begin(), good_.end() - bf::kBlockSize));
-  {
-    OpenedFile f(path_, OpenReadWrite);
-    ExpectStreams(f, streams_);
-    ASSERT_TRUE(PutStream(f, "epsilon", Pattern(3000, 7)));
-    EXPECT_EQ(ZoStreamE::StatusOk, f.Close());
-  }
-  streams_.emplace_back("epsilon", Pattern(3000, 7));
-  for (ZoStreamE::OpenMode mode : {OpenReadOnly, OpenReadWrite}) {
-    OpenedFile f(path_, mode);
-    ExpectStreams(f, streams_);
-  }
+  ExpectTakesAStream();
+  OpenedFile f(path_, OpenReadWrite);
+  ExpectStreams(f, streams_);
 }
 
 // Random damage with a fixed seed: flips biased towards the fields that
@@ -435,17 +431,7 @@ TEST_F(DamageTest, SavedMapCallingHeldBlocksFreeHandsNoneOut) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.first);
     Install(c.second);
-    {
-      OpenedFile f(path_, OpenReadWrite);
-      ASSERT_TRUE(PutStream(f, "epsilon", Pattern(4000, 6)));
-      EXPECT_EQ(ZoStreamE::StatusOk, f.Close());
-    }
-    for (const CheckProblem& p : CheckCompoundFile(path_.c_str()).problems) {
-      EXPECT_NE(CheckProblem::kClaimedTwice, p.kind) << p.text;
-    }
-    OpenedFile f(path_, OpenReadOnly);
-    ExpectStreams(f, streams_);
-    EXPECT_EQ(Pattern(4000, 6), GetStream(f, "epsilon"));
+    ExpectTakesAStream();
   }
 }
 
