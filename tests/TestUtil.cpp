@@ -25,7 +25,7 @@ ScratchDir::ScratchDir() {
 
 ScratchDir::~ScratchDir() {
   boost::system::error_code ec;
-  boost::filesystem::remove_all(path_, ec);
+  if (!keep_) boost::filesystem::remove_all(path_, ec);
 }
 
 std::string ScratchDir::Path(const std::string& name) const { return path_ + "/" + name; }

@@ -1,15 +1,13 @@
-// Helpers shared by the tests: scratch folders, whole-file bytes, fields
-// read from and written into a file's raw blocks, and a platform layer that
-// fails chosen writes.
+// Helpers shared by the tests: scratch folders, whole-file bytes, raw block
+// fields, and a platform layer that fails chosen calls.
 #ifndef TESSELZOSTREAM_TESTS_TESTUTIL_H_
 #define TESSELZOSTREAM_TESTS_TESTUTIL_H_
 
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <vector>
-
 #include <utility>
+#include <vector>
 
 #include <tesselzostream/tesselzostream.h>
 
@@ -18,16 +16,18 @@
 namespace tztest {
 
 // A fresh folder under the system's temporary folder, removed on
-// destruction.
+// destruction unless kept (for a look after a failure).
 class ScratchDir {
  public:
   ScratchDir();
   ~ScratchDir();
   std::string Path(const std::string& name) const;
   const std::string& path() const { return path_; }
+  void Keep() { keep_ = true; }
 
  private:
   std::string path_;
+  bool keep_ = false;
 };
 
 using FileBytes = std::vector<unsigned char>;
@@ -83,20 +83,18 @@ std::uint32_t FirstBlockOf(const FileBytes& b, const char* name);
 std::string Pattern(std::size_t length, std::uint32_t seed);
 
 // The platform calls a FaultyEnv can make fail. kWrite and kPartialWrite
-// count the same calls (block-file writes and working-file puts); the
-// partial kind lets the failing call put half of its bytes first, as a disk
-// that fills up part-way does (a block-file write only when it reaches past
-// the file's end: rewriting bytes in place takes no new space). kSync is a working file's flush; kOpen
-// counts the opens of block files and of working files alike.
+// count block-file writes and working-file puts; under kPartialWrite the
+// failing call puts half of its bytes first, as a disk filling up part-way
+// (a block-file write only when it grows the file). kSync is a working
+// file's flush; kOpen counts opens of block and working files alike.
 enum class Fault { kWrite, kPartialWrite, kRead, kSync, kOpen, kRename, kRemove };
 const char* FaultName(Fault kind);
 constexpr Fault kAllFaults[] = {Fault::kWrite, Fault::kPartialWrite, Fault::kRead, Fault::kSync,
                                 Fault::kOpen,  Fault::kRename,       Fault::kRemove};
 
-// An Env that passes everything to the default one, but fails the call of
-// the armed kind with number `failAt` (counted from 1 since the last Reset)
-// and every later call of that kind, as a full disk or a dead device
-// would. 0 fails nothing.
+// The default Env, but failing call number `failAt` (from 1 since the last
+// Reset) of the armed kind and every later one, as a full disk or a dead
+// device would; 0 fails nothing.
 class FaultyEnv : public tz::Env {
  public:
   std::unique_ptr<tz::RandomAccessFile> OpenLocked(const std::string& path,
@@ -111,16 +109,12 @@ class FaultyEnv : public tz::Env {
 
   void Reset(Fault kind, int failAt) { kind_ = kind; failAt_ = failAt; calls_ = 0; }
   void Reset(int failAt) { Reset(Fault::kWrite, failAt); }
-  // Calls of the armed kind since the last Reset.
-  int calls() const { return calls_; }
-  int writes() const { return calls_; }
   // True once the armed call has been reached.
   bool hit() const { return failAt_ != 0 && calls_ >= failAt_; }
 
   // Counts a call of `kind`; false when it is to fail.
   bool Allow(Fault kind);
-  // True for the failing call itself under kPartialWrite: it puts half of
-  // its bytes; the calls after it, on a disk that is full, put nothing.
+  // The failing call itself under kPartialWrite (the later ones put nothing).
   bool PartNow() const { return kind_ == Fault::kPartialWrite && calls_ == failAt_; }
 
  private:

@@ -1,18 +1,11 @@
-// Injected platform failures. Each operation runs on a fresh copy of a
-// known good file with the platform's Nth write (whole, or half of it as on
-// a disk that fills up part-way), Nth read or Nth open failing, and every
-// later one of that kind, for N = 1, 2, 3, ... until the operation
-// completes without reaching the fault. After every round the file,
-// reopened with the real platform, must hold what the last clean close
-// saved: every stream the operation did not target reads back unchanged,
-// the target holds its old or its new bytes, and the file takes further
-// writes without one stream spoiling another. A cipher pass that fails
-// half-way may instead leave the file marked so that no open accepts it.
-//
-// A "write" is one platform call; the engine gathers consecutive blocks
-// into one call, so N counts calls, not blocks. The block file has no
-// flush of its own beyond its writes: its write-behind buffer goes out as
-// writes.
+// Injected platform failures: each operation runs on a fresh copy of a good
+// file with the Nth write (whole or half), read or open failing, and every
+// later one of that kind, for N = 1, 2, ... until it runs clean (N counts
+// platform calls; one write may carry several blocks). Reopened with the
+// real platform, the file then holds every stream the operation did not
+// target unchanged and the target old or new, and takes further writes
+// without one stream spoiling another; a cipher pass that fails half-way
+// may instead leave a file that no open accepts.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -32,8 +25,7 @@ using ZoStreamE::OpenReadWrite;
 
 const char kPassword[] = "full disk";
 const char kOldPassword[] = "before";
-// Upper bound on the rounds of one operation; far above what any of them
-// needs, so reaching it means the operation never stops writing.
+// Far above what any operation needs: reaching it means it never stops.
 constexpr int kMaxRounds = 400;
 
 struct Operation {
@@ -43,16 +35,11 @@ struct Operation {
   bool removesTarget;   // the target is gone after success
   std::string after;    // the target's bytes after success, unless removed
   bool mayMarkUnusable; // a failed cipher pass may leave a refused file
-  // Changed in place: a torn write may leave any mix of old and new blocks
-  // (no journal), so each byte is its old or its new value.
-  bool inPlace = false;
-  // A state the operation itself saved part-way, which a later failure
-  // leaves standing.
-  std::string midway = "";
+  bool inPlace = false;     // changed in place: each byte old or new (no journal)
+  std::string midway = "";  // a state the operation saved part-way
 };
 
-// True when `got` is as long as `old` or `now` and each byte of it is the
-// byte at its place in one of them.
+// `got` is as long as `old` or `now`, each byte that of one of them.
 bool OldOrNewByBytes(const std::string& got, const std::string& old, const std::string& now) {
   if (got.size() != old.size() && got.size() != now.size()) return false;
   for (std::size_t i = 0; i < got.size(); ++i) {
@@ -79,9 +66,8 @@ void Patch(CompoundFile& f, const char* name, std::streamoff at, const std::stri
 
 class FaultInjectionTest : public ::testing::Test {
  protected:
-  // Five streams, one of them deleted again so that the file has free
-  // blocks in its middle: new chains then land in the hole and at the end,
-  // which splits their writes into several platform calls.
+  // A deleted stream leaves free blocks in the middle: new chains land in
+  // the hole and at the end, in several platform calls.
   void SetUp() override {
     path_ = dir_.Path("faults.zo");
     streams_ = {{"one", Pattern(5000, 11)}, {"two", Pattern(1200, 12)}, {"hole", Pattern(2100, 13)},
@@ -102,8 +88,7 @@ class FaultInjectionTest : public ::testing::Test {
     return nullptr;
   }
 
-  // One round: the operation with call `n` of `kind` failing. True when a
-  // call failed, false when the operation finished before call `n`.
+  // One round with call `n` of `kind` failing; true when it was reached.
   bool RunWithFault(const Operation& op, Fault kind, int n) {
     WriteAll(path_, good_);
     FaultyEnv env;
@@ -157,9 +142,9 @@ class FaultInjectionTest : public ::testing::Test {
     }
   }
 
-  // Reopens with the real platform and checks the file; then writes one
-  // more stream and checks again, so that a block map that disagrees with
-  // the directory shows as one stream overwriting another.
+  // Checks the file reopened with the real platform, then again after one
+  // more stream, so that a block map that disagrees with the directory
+  // shows as one stream overwriting another.
   void CheckSurvivor(const Operation& op, bool hit) {
     {
       CompoundFile f;
@@ -195,9 +180,8 @@ class FaultInjectionTest : public ::testing::Test {
   FileBytes good_;
 };
 
-// Growing a stream ("two") takes blocks from the hole and from the end of
-// the file. Encrypting and decrypting runs both passes, so that the failing
-// write lands in the deciphering one too.
+// Appending takes blocks from the hole and the end; encrypt-then-decrypt
+// puts the failing call in the deciphering pass too.
 TEST_F(FaultInjectionTest, EveryOperationSurvivesAFullDisk) {
   const std::string fresh = Pattern(5000, 21), patch = Pattern(3000, 22), tail = Pattern(4000, 23);
   const std::string patched = std::string(*OldContent("one")).replace(1500, patch.size(), patch);

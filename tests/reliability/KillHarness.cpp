@@ -3,191 +3,41 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <random>
+#include <cstring>
+#include <memory>
+#include <ostream>
+#include <thread>
 
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
 #include "tests/TestUtil.h"
-#include "tesselzostream/Status.h"
-
-namespace fs = boost::filesystem;
 
 namespace killtest {
 
-const char* OpName(Op op) {
-  switch (op) {
-    case Op::kOpen: return "open";
-    case Op::kRewrite: return "write stream";
-    case Op::kOverwrite: return "overwrite/append";
-    case Op::kDelete: return "delete stream";
-    case Op::kFlush: return "flush";
-    case Op::kClose: return "close";
-    case Op::kCopyBack: return "copy back";
-    case Op::kSaveAs: return "save as";
-    case Op::kCloseSave: return "close with save";
-    case Op::kCompact: return "compact";
-    case Op::kEncrypt: return "encrypt pass";
-    case Op::kDecrypt: return "decrypt pass";
-    case Op::kFail: return "failure";
-  }
-  return "?";
-}
-
-ProgressLog::ProgressLog(const std::string& path)
-    : fd_(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644)) {}
-
-ProgressLog::~ProgressLog() {
-  if (fd_ >= 0) ::close(fd_);
-}
-
-void ProgressLog::Put(const Record& record) {
-  if (fd_ < 0) return;
-  const ssize_t wrote = ::write(fd_, &record, sizeof record);
-  (void)wrote;  // a short log shows as a missing step, which the parent tolerates
-}
-
-void ProgressLog::Begin(Op op, std::uint32_t name, std::uint32_t version, std::uint32_t offset,
-                        std::uint32_t length) {
-  Put({0, op, name, version, offset, length});
-}
-
-void ProgressLog::Done(Op op, std::uint32_t name, std::uint32_t version, std::uint32_t offset,
-                       std::uint32_t length) {
-  Put({1, op, name, version, offset, length});
-}
-
-std::vector<Record> ProgressLog::ReadAll(const std::string& path) {
-  const tztest::FileBytes bytes = tztest::ReadAll(path);
-  std::vector<Record> log(bytes.size() / sizeof(Record));
-  if (!log.empty()) std::memcpy(log.data(), bytes.data(), log.size() * sizeof(Record));
-  return log;
-}
-
-const Record* InFlight(const std::vector<Record>& log) {
-  if (log.empty() || log.back().done != 0) return nullptr;
-  return &log.back();
-}
+namespace {
+const char kFreeListName[] = "zorvanet_block_file_free_list";
+using Clock = std::chrono::steady_clock;
 
 std::string PhaseOf(const std::vector<Record>& log) {
+  static const char* const kNames[] = {"?", "open", "write stream", "overwrite/append", "delete stream", "flush",
+                                       "close", "copy back", "save as", "close with save", "compact",
+                                       "encrypt pass", "decrypt pass", "failure"};
   if (log.empty()) return "before the first step";
   const Record* step = InFlight(log);
-  return step == nullptr ? "between steps" : OpName(step->op);
+  return step == nullptr ? "between steps" : kNames[static_cast<int>(step->op)];
 }
-
-std::string StreamName(std::uint32_t index) {
-  char text[32];
-  std::snprintf(text, sizeof text, "stream-%02u", index);
-  return text;
-}
-
-std::string Content(std::uint32_t index, std::uint32_t version, std::uint32_t length) {
-  std::string bytes(length, '\0');
-  std::uint64_t state = (std::uint64_t{index} << 32) ^ version ^ 0x9E3779B97F4A7C15ull;
-  for (std::uint32_t i = 0; i < length; i += 8) {
-    // splitmix64: every (index, version) gives its own bytes
-    std::uint64_t z = (state += 0x9E3779B97F4A7C15ull);
-    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
-    z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
-    z ^= z >> 31;
-    for (std::uint32_t k = 0; k < 8 && i + k < length; ++k) bytes[i + k] = static_cast<char>(z >> (8 * k));
-  }
-  return bytes;
-}
-
-void ApplyWrite(Streams& streams, const Record& record) {
-  const std::string piece = Content(record.name, record.version, record.length);
-  if (record.op == Op::kRewrite) {
-    streams[record.name] = piece;
-    return;
-  }
-  std::string& content = streams[record.name];
-  if (content.size() < record.offset + record.length) content.resize(record.offset + record.length);
-  content.replace(record.offset, record.length, piece);
-}
-
-Workload::~Workload() = default;
 
 int KillPointsPerWorkload() {
   const char* text = std::getenv("TZ_KILL_POINTS");
   const int total = text != nullptr ? std::atoi(text) : 0;
   return total > 0 ? std::max(1, total / 5) : 20;
-}
-
-std::vector<std::string> ForbiddenProblems(const CheckReport& report,
-                                           const std::set<std::string>& unsettled,
-                                           const std::set<CheckProblem::Kind>& allowedOnUnsettled,
-                                           std::uint32_t* leaked) {
-  std::vector<std::string> bad;
-  *leaked = 0;
-  if (!report.opened) bad.push_back("checker could not read the file: " + report.openError);
-  for (const CheckProblem& problem : report.problems) {
-    if (problem.kind == CheckProblem::kUnreached) {
-      ++*leaked;
-      continue;
-    }
-    if (unsettled.count(problem.stream) != 0 && allowedOnUnsettled.count(problem.kind) != 0) continue;
-    bad.push_back(problem.text);
-  }
-  if (report.problemCount > report.problems.size()) bad.push_back("more problems than listed");
-  return bad;
-}
-
-std::size_t SetAsideSharedBlocks(CheckReport& report, const std::set<std::string>& touched, Tally& tally) {
-  auto shared = [&touched](const CheckProblem& problem) {
-    return problem.kind == CheckProblem::kClaimedTwice && touched.count(problem.stream) != 0;
-  };
-  const auto count = std::count_if(report.problems.begin(), report.problems.end(), shared);
-  if (count == 0) return 0;
-  tally.Note("block claimed twice by a chain the killed session changed (files with some)");
-  report.problems.erase(std::remove_if(report.problems.begin(), report.problems.end(), shared),
-                        report.problems.end());
-  report.problemCount -= static_cast<std::uint64_t>(count);
-  return static_cast<std::size_t>(count);
-}
-
-std::set<std::string> StreamsWithProblems(const CheckReport& report) {
-  std::set<std::string> streams;
-  for (const CheckProblem& problem : report.problems) {
-    if (problem.kind != CheckProblem::kUnreached && !problem.stream.empty()) streams.insert(problem.stream);
-  }
-  return streams;
-}
-
-std::string KeepEvidence(const std::string& dir, const std::string& label) {
-  const fs::path target = fs::temp_directory_path() / ("tz-kill-evidence-" + label);
-  boost::system::error_code ignored;
-  fs::remove_all(target, ignored);
-  fs::create_directories(target, ignored);
-  for (fs::recursive_directory_iterator it(dir, ignored), end; it != end; it.increment(ignored)) {
-    const fs::path relative = fs::relative(it->path(), dir, ignored);
-    if (fs::is_directory(it->status())) {
-      fs::create_directories(target / relative, ignored);
-    } else {
-      fs::copy_file(it->path(), target / relative, fs::copy_option::overwrite_if_exists, ignored);
-    }
-  }
-  return target.string();
-}
-
-namespace {
-
-using Clock = std::chrono::steady_clock;
-
-void SleepSeconds(double seconds) {
-  if (seconds <= 0) return;
-  timespec span;
-  span.tv_sec = static_cast<time_t>(seconds);
-  span.tv_nsec = static_cast<long>((seconds - static_cast<double>(span.tv_sec)) * 1e9);
-  while (nanosleep(&span, &span) != 0) {
-  }
 }
 
 struct ChildResult {
@@ -201,8 +51,8 @@ struct ChildResult {
 ChildResult RunChild(Workload& workload, const std::string& logPath, std::uint64_t seed, int steps,
                      double delay) {
   std::fflush(nullptr);
-  // Emptied here, not in the child: a child killed before it opens the log
-  // must leave an empty log, not its predecessor's.
+  // Emptied here: a child killed before it opens the log must leave an
+  // empty log, not its predecessor's.
   tztest::WriteAll(logPath, {});
   const Clock::time_point start = Clock::now();
   const pid_t pid = fork();
@@ -224,7 +74,7 @@ ChildResult RunChild(Workload& workload, const std::string& logPath, std::uint64
     return result;
   }
   if (delay >= 0) {
-    SleepSeconds(delay);
+    std::this_thread::sleep_for(std::chrono::duration<double>(delay));
     ::kill(pid, SIGKILL);
   }
   int status = 0;
@@ -236,29 +86,103 @@ ChildResult RunChild(Workload& workload, const std::string& logPath, std::uint64
   return result;
 }
 
+void OpenWith(CompoundFile& file, const std::string& path, int password) {
+  file.Open(path.c_str(), ZoStreamE::OpenReadWrite);
+  if (password != 0) file.SetPassword(PasswordText(password).c_str());
+}
+
+CheckReport CheckWith(const std::string& path, int password) {
+  return CheckCompoundFile(path.c_str(), password != 0 ? PasswordText(password).c_str() : nullptr);
+}
 }  // namespace
 
-Tally RunKills(Workload& workload, const char* name, const KillPlan& plan) {
+ProgressLog::ProgressLog(const std::string& path)
+    : fd_(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644)) {}
+
+ProgressLog::~ProgressLog() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+void ProgressLog::Put(const Record& record) {
+  // A short log shows as a missing step, which the parent tolerates.
+  if (fd_ >= 0 && ::write(fd_, &record, sizeof record) < 0) return;
+}
+
+std::vector<Record> ProgressLog::ReadAll(const std::string& path) {
+  const tztest::FileBytes bytes = tztest::ReadAll(path);
+  std::vector<Record> log(bytes.size() / sizeof(Record));
+  if (!log.empty()) std::memcpy(log.data(), bytes.data(), log.size() * sizeof(Record));
+  return log;
+}
+
+const Record* InFlight(const std::vector<Record>& log) {
+  return log.empty() || log.back().done != 0 ? nullptr : &log.back();
+}
+
+std::string StreamName(std::uint32_t index) {
+  char text[32];
+  std::snprintf(text, sizeof text, "stream-%02u", index);
+  return text;
+}
+
+std::uint32_t IndexOf(const std::string& name) {
+  return static_cast<std::uint32_t>(std::stoul(name.substr(name.find('-') + 1)));
+}
+
+std::string Content(std::uint32_t index, std::uint32_t version, std::uint32_t length) {
+  std::string bytes(length, '\0');
+  std::uint64_t state = (std::uint64_t{index} << 32) ^ version ^ 0x9E3779B97F4A7C15ull;
+  for (std::uint32_t i = 0; i < length; i += 8) {
+    // splitmix64: every (index, version) gives its own bytes
+    std::uint64_t z = (state += 0x9E3779B97F4A7C15ull);
+    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+    z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+    z ^= z >> 31;
+    for (std::uint32_t k = 0; k < 8 && i + k < length; ++k) bytes[i + k] = static_cast<char>(z >> (8 * k));
+  }
+  return bytes;
+}
+
+void ApplyWrite(Streams& streams, const Record& record) {
+  const std::string piece = Content(record.name, record.version, record.length);
+  std::string& content = streams[record.name];
+  if (record.op == Op::kRewrite) content.clear();
+  if (content.size() < record.offset + record.length) content.resize(record.offset + record.length);
+  content.replace(record.offset, record.length, piece);
+}
+
+void Put(CompoundFile& file, std::uint32_t index, const std::string& content) {
+  ASSERT_TRUE(tztest::PutStream(file, StreamName(index).c_str(), content));
+}
+
+std::string PasswordText(int number) { return "password-" + std::to_string(number); }
+
+void RunKills(Workload& workload, const char* name, const KillPlan& plan) {
+  constexpr int kLevels = 4;
+  const int kills = KillPointsPerWorkload();
   Tally tally;
   tztest::ScratchDir scratch;
   const std::string logPath = scratch.Path("progress.log");
   const Clock::time_point start = Clock::now();
   std::mt19937_64 rng(plan.seed);
-  int life = 0;
-  int killsThisLife = 0;
+  int life = 0, killsThisLife = 0;
   auto freshLife = [&]() {
     const std::string dir = scratch.Path("life" + std::to_string(life++));
-    fs::create_directories(dir);
+    boost::filesystem::create_directories(dir);
     workload.StartLife(dir);
     killsThisLife = 0;
     ++tally.lives;
   };
-  auto check = [&](const ChildResult& run, const std::string& label) {
+  // One child at `level`, killed after `delay` unless negative; false ends
+  // the run on a failure.
+  auto runOne = [&](int level, double delay, const std::string& label, double* seconds) {
+    const ChildResult run = RunChild(workload, logPath, rng(), plan.baseSteps * level, delay);
+    if (seconds != nullptr) *seconds = run.seconds;
     const std::vector<Record> log = ProgressLog::ReadAll(logPath);
-    tally.where = std::string(name) + " " + label + ", phase " + PhaseOf(log);
-    if (!run.killed && run.exitCode != 0) {
-      ADD_FAILURE() << tally.where << ": the child exited with " << run.exitCode;
-    }
+    ++(run.killed ? tally.kills : tally.completed);
+    if (run.killed) ++killsThisLife, ++tally.phases[PhaseOf(log)];
+    tally.where = std::string(name) + " " + label + " (level " + std::to_string(level) + "), phase " + PhaseOf(log);
+    if (!run.killed && run.exitCode != 0) ADD_FAILURE() << tally.where << ": the child exited with " << run.exitCode;
     for (const Record& record : log) {
       if (record.op == Op::kFail) ADD_FAILURE() << tally.where << ": child failure " << record.offset;
     }
@@ -271,57 +195,186 @@ Tally RunKills(Workload& workload, const char* name, const KillPlan& plan) {
       ADD_FAILURE() << tally.where << ": an open threw status " << status;
     }
     if (::testing::Test::HasFailure()) {
-      std::printf("  evidence of %s kept in %s\n", tally.where.c_str(),
-                  KeepEvidence(scratch.path(), name).c_str());
+      scratch.Keep();
+      std::printf("  evidence of %s kept in %s\n", tally.where.c_str(), scratch.path().c_str());
+      return false;
     }
-    return goOn && !::testing::Test::HasFailure();
+    if (!goOn) freshLife();
+    return true;
   };
 
   // Calibration: one unkilled run per level gives the length of that run.
   freshLife();
-  std::vector<double> lengths(static_cast<std::size_t>(plan.levels));
-  for (int level = 1; level <= plan.levels; ++level) {
-    const ChildResult run = RunChild(workload, logPath, rng(), plan.baseSteps * level, -1);
-    lengths[static_cast<std::size_t>(level - 1)] = run.seconds;
-    ++tally.completed;
-    if (!check(run, "calibration level " + std::to_string(level))) {
-      if (::testing::Test::HasFailure()) return tally;
-      freshLife();
-    }
+  double lengths[kLevels];
+  for (int level = 1; level <= kLevels; ++level) {
+    if (!runOne(level, -1, "calibration", &lengths[level - 1])) return;
   }
-
-  std::uniform_int_distribution<int> pickLevel(1, plan.levels);
-  int attempts = 0;
-  while (tally.kills < plan.kills && attempts < plan.kills * 4) {
-    ++attempts;
+  std::uniform_int_distribution<int> pickLevel(1, kLevels);
+  for (int attempts = 0; tally.kills < kills && attempts < kills * 4; ++attempts) {
     if (killsThisLife >= plan.killsPerLife) freshLife();
     const int level = pickLevel(rng);
     // Up to 10% beyond the measured length: a few runs finish, which checks
     // the clean end as well.
-    std::uniform_real_distribution<double> pickDelay(0, 1.1 * lengths[static_cast<std::size_t>(level - 1)]);
-    const double delay = pickDelay(rng);
-    const ChildResult run = RunChild(workload, logPath, rng(), plan.baseSteps * level, delay);
-    if (run.killed) {
-      ++tally.kills;
-      ++killsThisLife;
-    } else {
-      ++tally.completed;
-    }
-    const std::vector<Record> log = ProgressLog::ReadAll(logPath);
-    if (run.killed) ++tally.phases[PhaseOf(log)];
-    if (!check(run, "kill " + std::to_string(tally.kills) + " (level " + std::to_string(level) + ")")) {
-      if (::testing::Test::HasFailure()) break;
-      freshLife();
-    }
+    std::uniform_real_distribution<double> pickDelay(0, 1.1 * lengths[level - 1]);
+    if (!runOne(level, pickDelay(rng), "kill " + std::to_string(tally.kills + 1), nullptr)) break;
   }
-  tally.seconds = std::chrono::duration<double>(Clock::now() - start).count();
-
   std::printf("[kill] %s: %d kill points, %d runs to the end, %d lives, %.1f s\n", name, tally.kills,
-              tally.completed, tally.lives, tally.seconds);
+              tally.completed, tally.lives, std::chrono::duration<double>(Clock::now() - start).count());
   for (const auto& phase : tally.phases) std::printf("[kill]   phase %-22s %d\n", phase.first.c_str(), phase.second);
   for (const auto& finding : tally.findings) std::printf("[kill]   found: %s: %d\n", finding.first.c_str(), finding.second);
   std::fflush(stdout);
-  return tally;
+}
+
+bool WriteInPieces(std::ostream& out, const std::string& bytes, std::mt19937_64& rng) {
+  static const std::size_t kPieces[] = {1, 59, 1003, 1004, 4096, 10240, 10241, 23, 65536};
+  for (std::size_t done = 0; done < bytes.size() && out.good();) {
+    const std::size_t piece = std::min(kPieces[rng() % (sizeof kPieces / sizeof kPieces[0])], bytes.size() - done);
+    out.write(bytes.data() + done, static_cast<std::streamsize>(piece));
+    done += piece;
+  }
+  out.flush();
+  return out.good();
+}
+
+std::uint32_t PickLength(std::mt19937_64& rng) {
+  const std::uint32_t kind = static_cast<std::uint32_t>(rng() % 20);
+  return static_cast<std::uint32_t>(rng() % (kind < 14 ? 6000 : kind < 19 ? 40000 : 200000));
+}
+
+Record PlanWrite(std::mt19937_64& rng, bool replace, std::uint32_t name, std::uint32_t version, std::size_t size) {
+  const std::uint32_t length = replace ? PickLength(rng) : 1 + PickLength(rng) / 4;
+  const std::uint32_t offset = replace ? 0 : static_cast<std::uint32_t>(rng() % (size + 1));
+  return {0, replace ? Op::kRewrite : Op::kOverwrite, name, version, offset, length};
+}
+
+bool WriteRecord(std::ostream* out, const Record& record, std::mt19937_64& rng) {
+  const std::unique_ptr<std::ostream> stream(out);
+  return out != nullptr && (record.op == Op::kRewrite || out->seekp(record.offset)) &&
+         WriteInPieces(*out, Content(record.name, record.version, record.length), rng);
+}
+
+bool ReadStream(CompoundFile& file, const std::string& name, std::string* out) {
+  bool ok = false;
+  *out = tztest::GetStream(file, name.c_str(), &ok);
+  return ok && file.GetStatus() == ZoStreamE::StatusOk;
+}
+
+std::set<std::string> NamesIn(const CompoundFile& file) {
+  std::set<std::string> names;
+  unsigned long cursor = 0;
+  for (const char* name = file.GetFirstDirName(&cursor); name != nullptr; name = file.GetNextDirName(&cursor)) {
+    if (std::string(name) != kFreeListName) names.insert(name);
+  }
+  return names;
+}
+
+int ExpectSettled(CompoundFile& file, const Streams& expected, const std::set<std::string>& touched,
+                  const std::string& where) {
+  int faults = 0;
+  std::set<std::string> known(touched);
+  for (const auto& stream : expected) {
+    const std::string name = StreamName(stream.first);
+    known.insert(name);
+    std::string got;
+    if (touched.count(name) != 0) continue;
+    if (!ReadStream(file, name, &got)) {
+      ADD_FAILURE() << where << ": saved stream " << name << " cannot be read (status " << file.GetStatus() << ")";
+      ++faults;
+    } else if (got != stream.second) {
+      ADD_FAILURE() << where << ": saved stream " << name << " reads back " << got.size() << " bytes, not the "
+                    << stream.second.size() << " bytes last written";
+      ++faults;
+    }
+  }
+  for (const std::string& name : NamesIn(file)) {
+    if (known.count(name) != 0) continue;
+    ADD_FAILURE() << where << ": stream " << name << " is in the file, but was deleted for good";
+    ++faults;
+  }
+  return faults;
+}
+
+KillReport CheckKilled(const std::string& path, int password, const std::set<std::string>& touched,
+                       bool mapTouched, bool judge, Tally& tally) {
+  static const std::set<CheckProblem::Kind> kAllowed{CheckProblem::kFreeInHead, CheckProblem::kChainShort,
+                                                     CheckProblem::kChainLink, CheckProblem::kSavedMap,
+                                                     CheckProblem::kChainLoop};
+  const CheckReport report = CheckWith(path, password);
+  KillReport result;
+  bool leaked = false;
+  if (judge && !report.opened) ADD_FAILURE() << tally.where << ": checker could not read the file: " << report.openError;
+  for (const CheckProblem& problem : report.problems) {
+    if (problem.kind == CheckProblem::kUnreached) {
+      leaked = true;
+      continue;
+    }
+    if (!problem.stream.empty()) result.damaged.insert(problem.stream);
+    const bool mine = touched.count(problem.stream) != 0;
+    const bool allowed = mine || (mapTouched && problem.stream == kFreeListName);
+    if (mine && problem.kind == CheckProblem::kChainLoop) result.looping = true;
+    if (!judge) continue;
+    if (allowed && problem.kind == CheckProblem::kClaimedTwice) {
+      result.shared = true;
+    } else if (!allowed || kAllowed.count(problem.kind) == 0) {
+      ADD_FAILURE() << tally.where << ": after the kill: " << problem.text;
+    }
+  }
+  if (judge && report.problemCount > report.problems.size()) ADD_FAILURE() << tally.where << ": more problems than listed";
+  if (result.shared) tally.Note("block claimed twice by a chain the killed session changed (files with some)");
+  if (leaked) tally.Note("leaked blocks after the kill (files with some)");
+  return result;
+}
+
+bool Recover(const std::string& path, int password, const KillReport& report, Wholes wholes,
+             Streams& settled, Tally& tally) {
+  if (report.looping) {
+    tally.Note("touched stream's chain loops: file given up");
+    return false;
+  }
+  for (auto& stream : wholes) {
+    const std::string name = StreamName(stream.first);
+    settled.erase(stream.first);
+    if (!report.shared && report.damaged.count(name) != 0) tally.Note("touched stream with a damaged chain: deleted");
+    if (report.shared || report.damaged.count(name) != 0) stream.second.clear();
+    CompoundFile file;
+    OpenWith(file, path, password);
+    if (!file.Exists(name.c_str())) {
+      tally.Note("touched stream: gone");
+      continue;
+    }
+    std::string got;
+    const bool read = ReadStream(file, name, &got);
+    const auto match = std::find_if(stream.second.begin(), stream.second.end(),
+                                    [&](const Whole& whole) { return read && got == whole.content; });
+    if (match != stream.second.end()) {
+      tally.Note("touched stream: " + match->label);
+      settled[stream.first] = got;
+      continue;
+    }
+    tally.Note(read ? "touched stream: partial, deleted" : "touched stream: unreadable, deleted");
+    if (!read) {  // a failed read stops the handle; a fresh one deletes
+      file.Close();
+      OpenWith(file, path, password);
+    }
+    // A link past the end, left by a cut write, stops a deletion, and
+    // nothing mends such a file.
+    if (!file.DeleteCFFile(name.c_str()) && file.GetStatus() == ZoStreamE::StatusPastEnd) {
+      tally.Note("touched stream links past the end: cannot be deleted, file given up");
+      return false;
+    }
+    EXPECT_EQ(file.GetStatus(), ZoStreamE::StatusOk) << tally.where << ": touched " << name << " cannot be deleted";
+    EXPECT_EQ(file.Close(), ZoStreamE::StatusOk) << tally.where << ": closing after deleting " << name;
+  }
+  return true;
+}
+
+void ExpectSound(const std::string& path, int password, const std::string& where) {
+  const CheckReport report = CheckWith(path, password);
+  if (!report.opened) ADD_FAILURE() << where << ": checker could not read the file: " << report.openError;
+  for (const CheckProblem& problem : report.problems) {
+    if (problem.kind != CheckProblem::kUnreached) ADD_FAILURE() << where << ": " << problem.text;
+  }
+  if (report.problemCount > report.problems.size()) ADD_FAILURE() << where << ": more problems than listed";
 }
 
 }  // namespace killtest

@@ -1,71 +1,55 @@
-// Kill-at-any-moment harness.
-//
-// A workload runs in a forked child and logs every step it begins and
-// completes to a progress file (one write(2) per record, O_APPEND, so the
-// parent only ever sees whole records, and the page cache keeps them when
-// the child dies). The parent kills the child with SIGKILL after a delay
-// drawn from a seeded generator across the measured length of the run, then
-// hands the log to the workload, which checks the files left behind and
-// brings file and model to a known state for the next child.
-//
-// The child never pauses at a chosen step: the real workload runs, and the
-// kill lands wherever the delay puts it. Runs of different sizes (levels)
-// spread the kills over the phases of a workload.
-//
-// Thread rule: single-threaded parent; the child is a copy of the parent's
-// memory at the fork, so it starts from the parent's model.
+// Kill-at-any-moment harness. A workload runs in a forked child that logs
+// each step it begins and completes to a progress file (one O_APPEND
+// write(2) per record: the parent sees only whole records, and the page
+// cache keeps them when the child dies). The parent sends SIGKILL after a
+// seeded delay drawn across the measured length of the run; the workload
+// then checks the files left behind and brings file and model to a known
+// state for the next child, which starts from a copy of the parent's
+// model. Runs of different sizes (levels) spread the kills over the phases
+// of a workload.
 #ifndef TESSELZOSTREAM_TESTS_RELIABILITY_KILLHARNESS_H_
 #define TESSELZOSTREAM_TESTS_RELIABILITY_KILLHARNESS_H_
 
 #include <cstdint>
+#include <iosfwd>
 #include <map>
+#include <random>
 #include <set>
 #include <string>
 #include <vector>
 
 #include <tesselzostream/CompoundFileCheck.h>
+#include <tesselzostream/tesselzostream.h>
 
 namespace killtest {
 
-// The steps a child logs. A step is in flight between its begin record and
-// its done record.
+// The steps a child logs; a step is in flight between its begin and its
+// done record.
 enum class Op : std::uint16_t {
-  kOpen = 1,
-  kRewrite,        // a stream written anew ("wb" or GetOStream)
-  kOverwrite,      // bytes of a stream overwritten or appended ("r+b")
-  kDelete,         // a stream deleted
-  kFlush,          // the directory flushed
-  kClose,          // the file or source closed
-  kCopyBack,       // CopyToBlockFile
-  kSaveAs,         // SaveAs to a second file
-  kCloseSave,      // Close with SaveChanges
-  kCompact,        // CompactCompoundFile
-  kEncrypt,        // Encrypt under a new password (version: its number)
-  kDecrypt,        // Decrypt
-  kFail,           // the child met an unexpected result (offset: a code)
+  kOpen = 1, kRewrite, kOverwrite, kDelete, kFlush, kClose, kCopyBack, kSaveAs, kCloseSave, kCompact,
+  kEncrypt,  // version: the new password
+  kDecrypt,
+  kFail,     // the child met an unexpected result (offset: a code)
 };
-const char* OpName(Op op);
 
 struct Record {
   std::uint16_t done;  // 0 begin, 1 done
   Op op;
-  std::uint32_t name;
-  std::uint32_t version;
-  std::uint32_t offset;
-  std::uint32_t length;
+  std::uint32_t name, version, offset, length;
 };
 
-// The child's log.
 class ProgressLog {
  public:
   explicit ProgressLog(const std::string& path);  // appends; the parent empties it
   ~ProgressLog();
   ProgressLog(const ProgressLog&) = delete;
   ProgressLog& operator=(const ProgressLog&) = delete;
-  void Begin(Op op, std::uint32_t name = 0, std::uint32_t version = 0,
-             std::uint32_t offset = 0, std::uint32_t length = 0);
-  void Done(Op op, std::uint32_t name = 0, std::uint32_t version = 0,
-            std::uint32_t offset = 0, std::uint32_t length = 0);
+  void Begin(Op op, std::uint32_t name = 0, std::uint32_t version = 0, std::uint32_t offset = 0,
+             std::uint32_t length = 0) { Put({0, op, name, version, offset, length}); }
+  void Done(Op op, std::uint32_t name = 0, std::uint32_t version = 0, std::uint32_t offset = 0,
+            std::uint32_t length = 0) { Put({1, op, name, version, offset, length}); }
+  void Begin(Record r) { r.done = 0; Put(r); }
+  void Done(Record r) { r.done = 1; Put(r); }
   void Fail(std::uint32_t code) { Begin(Op::kFail, 0, 0, code); }
   static std::vector<Record> ReadAll(const std::string& path);
 
@@ -74,28 +58,26 @@ class ProgressLog {
   int fd_;
 };
 
-// The step in flight at the end of a log: the last begin record not
-// followed by its done record; null when the log ends between steps.
+// The last begin record when no done record follows it; null when the log
+// ends between steps.
 const Record* InFlight(const std::vector<Record>& log);
-// The phase a kill landed in, by the log: the step in flight, or
-// "between steps" / "before the first step".
-std::string PhaseOf(const std::vector<Record>& log);
 
-// Streams of a model: index -> content. A stream's name and bytes follow
-// from its index and a version number, so the parent can regenerate them.
+// Streams of a model by index. Names and bytes follow from index and
+// version, so the parent can make them again from the log.
 using Streams = std::map<std::uint32_t, std::string>;
 std::string StreamName(std::uint32_t index);
+std::uint32_t IndexOf(const std::string& name);
 std::string Content(std::uint32_t index, std::uint32_t version, std::uint32_t length);
-// Applies a done kRewrite or kOverwrite record to `streams`.
+// Applies a kRewrite or kOverwrite record.
 void ApplyWrite(Streams& streams, const Record& record);
+// Puts `content` as stream `index` ("wb"), for a life's first file.
+void Put(CompoundFile& file, std::uint32_t index, const std::string& content);
+std::string PasswordText(int number);  // 0 is "no password"
 
 // What a workload's kills found, for the report.
 struct Tally {
-  int kills = 0;       // children that died by the kill
-  int completed = 0;   // children that finished before it
-  int lives = 0;       // fresh files started
-  double seconds = 0;  // wall time of the whole case
-  std::map<std::string, int> phases;    // kills by phase
+  int kills = 0, completed = 0, lives = 0;
+  std::map<std::string, int> phases;    // kills by the step they cut
   std::map<std::string, int> findings;  // observations worth reporting
   std::string where;                    // context of the current check
   void Note(const std::string& what) { ++findings[what]; }
@@ -103,57 +85,85 @@ struct Tally {
 
 class Workload {
  public:
-  virtual ~Workload();
+  virtual ~Workload() = default;
   // Parent: a fresh file (or none) and model in `dir`.
   virtual void StartLife(const std::string& dir) = 0;
-  // Child: `steps` steps of the workload from the model's state.
+  // Child: `steps` steps from the model's state.
   virtual void RunChild(ProgressLog& log, std::uint64_t seed, int steps) = 0;
-  // Parent: checks what the child left (it was killed, or ran to its end)
-  // and brings file and model to a known state. Failures are reported
-  // through the test framework; false ends the life.
+  // Parent: checks what the child left (killed, or run to its end) and
+  // brings file and model to a known state. False starts a new life.
   virtual bool Check(const std::vector<Record>& log, bool killed, Tally& tally) = 0;
 };
 
 struct KillPlan {
-  std::uint64_t seed = 1;
-  int kills = 20;         // kill points wanted
+  std::uint64_t seed;
+  int baseSteps;          // steps of a level-1 run; levels 1..4
   int killsPerLife = 25;  // a fresh file after this many
-  int baseSteps = 6;      // steps of a level-1 run
-  int levels = 4;         // runs of baseSteps * 1 .. * levels steps
 };
 
-// Runs `plan.kills` kill points of `workload` in a fresh scratch folder,
-// prints a summary, and returns the tally.
-Tally RunKills(Workload& workload, const char* name, const KillPlan& plan);
+// Runs KillPointsPerWorkload() kill points of `workload` and prints a
+// summary. The kill points are TZ_KILL_POINTS divided among the five
+// workloads, 20 each when unset.
+void RunKills(Workload& workload, const char* name, const KillPlan& plan);
 
-// Kill points per workload: TZ_KILL_POINTS (for all five workloads together)
-// divided by five; 20 each when unset.
-int KillPointsPerWorkload();
+// Child helpers: writes in pieces of varied sizes (crossing the payload and
+// the stream buffer at odd places), and lengths mostly small, some across
+// many blocks and buffers.
+bool WriteInPieces(std::ostream& out, const std::string& bytes, std::mt19937_64& rng);
+std::uint32_t PickLength(std::mt19937_64& rng);
+// A write step on stream `name` of `size` bytes: replaced whole, or
+// overwritten from a random offset (appending past its end).
+Record PlanWrite(std::mt19937_64& rng, bool replace, std::uint32_t name, std::uint32_t version, std::size_t size);
+// Writes what `record` plans through `out` (taken over; null fails) and
+// releases the stream; false when anything failed.
+bool WriteRecord(std::ostream* out, const Record& record, std::mt19937_64& rng);
 
-// Problems of a checker report that a crash must never leave, as text; a
-// block that no chain holds (leaked by the lost run) is allowed, and so are
-// the listed kinds on the streams named in `unsettled`, which the run was
-// changing. Leaked blocks are counted into `leaked`.
-std::vector<std::string> ForbiddenProblems(const CheckReport& report,
-                                           const std::set<std::string>& unsettled,
-                                           const std::set<CheckProblem::Kind>& allowedOnUnsettled,
-                                           std::uint32_t* leaked);
+// Parent helpers. The whole stream; false when missing or the read failed.
+bool ReadStream(CompoundFile& file, const std::string& name, std::string* out);
+// The names in the directory, the saved block map's left out.
+std::set<std::string> NamesIn(const CompoundFile& file);
+// Fails for every stream of `expected` that does not read back exactly and
+// every name that is neither expected nor in `touched`; the number of them.
+int ExpectSettled(CompoundFile& file, const Streams& expected, const std::set<std::string>& touched,
+                  const std::string& where);
 
-// A stream deleted, replaced or grown in the killed session may have its
-// chain on disk run into blocks that the same session freed and wrote
-// again for another of its chains: a freed block keeps its data and its
-// link until the session reuses it, and the directory on disk still names
-// the stream. Takes the "claimed twice" findings on the streams of
-// `touched` out of `report`, counts them, and returns how many there were;
-// the caller deletes such streams and makes sure the file is whole after.
-std::size_t SetAsideSharedBlocks(CheckReport& report, const std::set<std::string>& touched, Tally& tally);
+// The checker's view of a file right after a kill.
+struct KillReport {
+  bool shared = false;            // chains of touched streams share blocks
+  bool looping = false;           // a touched stream's chain comes back to itself
+  std::set<std::string> damaged;  // streams with any problem
+};
+// Checks the file at `path` after a kill. Blocks no chain holds are leaked
+// by the lost run and allowed. On the streams of `touched` (and the saved
+// map's, which every close rewrites, when `mapTouched`) so are: blocks the
+// session freed or appended (their heads are written before the
+// directory), a size the chain does not reach yet, a link to a block that
+// had not reached the file, blocks reached through a link the session
+// wrote that the saved map calls free, a loop through blocks the session
+// freed and wrote again, and blocks shared with another chain of the
+// session (a freed block keeps its data and link until reused, and the
+// directory on disk still names the stream). Anything else fails when
+// `judge`; a file cut in a cipher pass is not judged.
+KillReport CheckKilled(const std::string& path, int password, const std::set<std::string>& touched,
+                       bool mapTouched, bool judge, Tally& tally);
 
-// The streams that problems of `report` concern (leaked blocks aside).
-std::set<std::string> StreamsWithProblems(const CheckReport& report);
+// A whole version a touched stream may hold, labelled for the report.
+struct Whole {
+  std::string label, content;
+};
+using Wholes = std::map<std::uint32_t, std::vector<Whole>>;
 
-// Copies `dir` to a folder under the system's temporary folder for a look
-// after a failure; returns that folder.
-std::string KeepEvidence(const std::string& dir, const std::string& label);
+// Brings the streams of `wholes` to a known state: one that reads as a
+// whole version over a sound chain is kept in `settled` (a chain with freed
+// blocks would be overwritten by the next writer, and of chains that share
+// blocks neither can be kept); any other is deleted, and one that is gone
+// stays gone. False gives the file up: a touched chain loops, or links past
+// the end, and a deletion cannot follow it.
+bool Recover(const std::string& path, int password, const KillReport& report, Wholes wholes,
+             Streams& settled, Tally& tally);
+
+// Fails for every problem of the file at `path` but leaked blocks.
+void ExpectSound(const std::string& path, int password, const std::string& where);
 
 }  // namespace killtest
 

@@ -10,7 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/TestUtil.h"
-#include "tests/reliability/KillFiles.h"
+#include "tests/reliability/KillHarness.h"
 
 namespace killtest {
 namespace {

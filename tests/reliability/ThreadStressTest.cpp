@@ -1,14 +1,8 @@
-// Threads, held to exactly what the library promises them (docs/THREADS.md):
-// - different streams of one file read side by side, through one handle and
-//   through a handle per thread, in every open mode and encrypted;
-// - handles opened and closed on one path while other threads read, with
-//   the opens and closes kept to one thread at a time by the caller;
-// - different files, one per thread, written, checked and read at once;
-// - the working-folder source listed from several threads at once;
-// - look-ups in a filled factory table from several threads.
-// Every byte read is compared with what was written. .ci/tsan runs these
-// under ThreadSanitizer, which also reports any unguarded shared state the
-// reads touch.
+// Threads, held to what docs/THREADS.md promises them: different streams of
+// one file read side by side (one handle, a handle per thread, handles
+// coming and going), files of their own, a working-folder source listed and
+// the factory table looked up at once. Every byte read is compared; .ci/tsan
+// runs these under ThreadSanitizer, which reports unguarded shared state.
 #include <algorithm>
 #include <atomic>
 #include <cstring>
@@ -38,8 +32,7 @@ namespace {
 constexpr int kThreads = 8;
 constexpr const char* kPassword = "stress";
 
-// Stream i of the shared file: sizes that end at odd places of a block and
-// of the stream buffer, some spanning several buffers.
+// Sizes that end at odd places of a block and of the stream buffer.
 std::string StreamName(int i) { return "stream-" + std::to_string(i); }
 std::string Content(int i) { return Pattern(20000 + static_cast<std::size_t>(i) * 9973, 100 + i); }
 
@@ -50,17 +43,14 @@ void OnThreads(int count, const std::function<void(int)>& body) {
   for (std::thread& t : threads) t.join();
 }
 
-// Reads `in` whole from its start in pieces of `piece` bytes, then a piece
-// again after each of a few seeks (back to the start, into the middle of a
-// block, to the last byte). True when every byte read equals `want` and the
-// stream ends where `want` does.
+// Reads `in` whole in pieces of `piece` bytes, then a piece after each of a
+// few seeks; true when every byte equals `want` and the stream ends with it.
 bool ReadsBack(std::istream& in, const std::string& want, std::size_t piece) {
   in.clear();
   if (!in.seekg(0)) return false;
   std::string got;
   std::vector<char> buffer(piece);
-  const auto size = static_cast<std::streamsize>(piece);
-  while (in.read(buffer.data(), size) || in.gcount() > 0) {
+  while (in.read(buffer.data(), static_cast<std::streamsize>(piece)) || in.gcount() > 0) {
     got.append(buffer.data(), static_cast<std::size_t>(in.gcount()));
   }
   if (got != want || in.bad()) return false;
@@ -77,7 +67,7 @@ bool ReadsBack(std::istream& in, const std::string& want, std::size_t piece) {
   return true;
 }
 
-// Piece sizes that cross the 1003-byte payload and the 10240-byte buffer at
+// Pieces crossing the 1003-byte payload and the 10240-byte buffer at
 // different places, and one that bypasses the buffer.
 std::size_t PieceFor(int thread, int round) {
   static const std::size_t kPieces[] = {1, 23, 59, 1003, 1004, 4096, 10240, 30011};
@@ -113,12 +103,7 @@ class ThreadStress : public ::testing::TestWithParam<FileKind> {
 };
 
 std::string KindName(const ::testing::TestParamInfo<FileKind>& info) {
-  switch (info.param) {
-    case FileKind::kReadOnly: return "ReadOnly";
-    case FileKind::kReadWrite: return "ReadWrite";
-    case FileKind::kEncrypted: return "Encrypted";
-  }
-  return "Unknown";
+  return std::vector<std::string>{"ReadOnly", "ReadWrite", "Encrypted"}.at(static_cast<std::size_t>(info.param));
 }
 
 }  // namespace
@@ -145,10 +130,9 @@ TEST_P(ThreadStress, ThreadsReadDifferentStreamsOfOneHandle) {
   EXPECT_TRUE(ReadAll(path_) == before) << "reading changed the file";
 }
 
-// Every thread opens its own handle on the path and a stream on it, reads,
-// and closes again; the opens and closes take the caller's lock, the reads
-// run without one. The engine is shared, made and destroyed as holders come
-// and go.
+// Every thread opens, reads through and closes a handle of its own; opens
+// and closes take the caller's lock, reads none. The shared engine is made
+// and destroyed as holders come and go.
 TEST_P(ThreadStress, ThreadsReadThroughHandlesOfTheirOwn) {
   std::mutex opening;
   std::atomic<int> good{0};
@@ -172,11 +156,9 @@ TEST_P(ThreadStress, ThreadsReadThroughHandlesOfTheirOwn) {
   EXPECT_TRUE(CheckCompoundFile(path_.c_str(), GetParam() == FileKind::kEncrypted ? kPassword : nullptr).Sound());
 }
 
-// Six threads read their streams over and over through one handle while
-// two threads keep opening several handles on the same path, a stream on
-// one of them, reading it and closing everything in varying order. The
-// churning threads take turns on the caller's lock for every open and close;
-// the readers never take it.
+// Six threads read through one handle while two keep opening handles on
+// the path, reading a stream of one and closing all in varying order, each
+// open and close under the caller's lock, which the readers never take.
 TEST_P(ThreadStress, HandlesComeAndGoWhileOthersRead) {
   constexpr int kReaders = kThreads - 2;
   CompoundFile keep;
@@ -210,8 +192,7 @@ TEST_P(ThreadStress, HandlesComeAndGoWhileOthersRead) {
       }
       const bool same = ReadsBack(*stream, Content(i), PieceFor(i, cycle));
       std::lock_guard<std::mutex> hold(opening);
-      // Streams and handles go in varying order: a handle may leave before
-      // the stream opened through it, and the destructor closes the rest.
+      // A handle may leave before its stream; the destructor closes the rest.
       if (cycle % 2 == 0) stream.reset();
       handles[static_cast<std::size_t>(cycle) % 3]->Close();
       handles.pop_back();
@@ -221,13 +202,7 @@ TEST_P(ThreadStress, HandlesComeAndGoWhileOthersRead) {
     }
   };
   const FileBytes before = ReadAll(path_);
-  OnThreads(kThreads, [&](int i) {
-    if (i < kReaders) {
-      reader(i);
-    } else {
-      churner(i);
-    }
-  });
+  OnThreads(kThreads, [&](int i) { i < kReaders ? reader(i) : churner(i); });
   EXPECT_EQ(readsGood, kReaders * 4);
   EXPECT_EQ(churnsBad, 0);
   EXPECT_GE(churnsGood, 2 * 3);
@@ -240,10 +215,8 @@ INSTANTIATE_TEST_SUITE_P(Modes, ThreadStress,
                          ::testing::Values(FileKind::kReadOnly, FileKind::kReadWrite, FileKind::kEncrypted),
                          KindName);
 
-// Different files are independent: every thread writes its own file, checks
-// it, encrypts it (every other thread), and reads it back, several times,
-// all at once. The process-wide table of open files is the one thing the
-// threads share.
+// Every thread writes, checks, encrypts (every other one) and reads back a
+// file of its own; they share only the process-wide table of open files.
 TEST(ThreadsOnDifferentFiles, EachThreadWritesChecksAndReadsItsOwnFile) {
   ScratchDir dir;
   std::atomic<int> good{0};
@@ -279,8 +252,7 @@ TEST(ThreadsOnDifferentFiles, EachThreadWritesChecksAndReadsItsOwnFile) {
   EXPECT_EQ(good, kThreads * 3);
 }
 
-// GetFileNames takes the source's lock, so threads listing at once each get
-// the complete set, and a set once handed out never changes.
+// Threads listing at once each get the whole set; a set handed out stays.
 class SourceListingStress : public SourceFixture {};
 
 TEST_F(SourceListingStress, ThreadsListAWorkingFolderSourceAtOnce) {

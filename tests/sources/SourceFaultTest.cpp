@@ -1,21 +1,14 @@
-// Injected platform failures in the saves of the working-folder source:
-// copy back through Close, SaveAs and compaction. Each runs on a fresh
-// file and folder with the Nth write (whole or part-way), read, flush,
-// open, rename or remove failing, and every later one of that kind, for
-// N = 1, 2, ... until the operation runs without reaching the fault.
-//
-// After every round:
-// - an operation that reports success has done all of its work;
-// - the compound file opens for writing, and every stream in it holds its
-//   saved or its new content; only the one stream being copied when the
-//   fault struck may hold a part of its new content or be missing, since a
-//   copy replaces a stream by freeing its old chain first (no journal);
-// - a failed copy back or SaveAs loses nothing: the changes are still in
-//   the working folder, and the same call made again without the fault
-//   (on a fresh handle if the fault spoiled the compound file's) saves all
-//   of them;
-// - a failed compaction leaves the saved streams whole under the file's
-//   name, or, when it says so, under the temporary name it reports.
+// Injected platform failures in the saves of the working-folder source
+// (copy back through Close, SaveAs, compaction): on a fresh file and folder
+// the Nth call of each fault kind fails, and every later one, for N = 1, 2,
+// ... until the save runs clean. After every round a save that reports
+// success has done all its work; every stream of the compound file holds
+// its saved or its new content, but for the one being copied when the fault
+// struck, which may hold part of its new content or be gone (a copy frees
+// the old chain first; no journal); a failed copy back or SaveAs loses
+// nothing, as the same call made again saves it all; a failed compaction
+// leaves the saved streams whole under the file's name or the temporary
+// name it reports.
 #include <functional>
 
 #include "tests/sources/SourceFixture.h"
@@ -59,21 +52,14 @@ class SourceFaultTest : public SourceFixture {
     return source;
   }
 
-  // The streams of the compound file at `original`, each through a handle
-  // of its own (a failed read makes a handle's status sticky); unreadable
-  // ones are left out. It reads a copy of the bytes on disk, since a source
-  // may still hold the file open (and locked).
+  // The readable streams of a copy of the file at `original` (a source may
+  // still hold it locked), each through a handle of its own since a failed
+  // read makes a handle's status sticky.
   Streams StoredAt(const std::string& original) {
     const std::string path = dir.Path("snapshot.tzcf");
     tztest::WriteAll(path, tztest::ReadAll(original));
     Streams result;
-    std::vector<std::string> names;
-    {
-      CompoundFile cf;
-      EXPECT_EQ(ZoStreamE::StatusOk, cf.Open(path.c_str(), ZoStreamE::OpenReadWrite)) << path;
-      names = tztest::ListNames(cf);
-    }
-    for (const std::string& name : names) {
+    for (const std::string& name : tztest::ListNames(tztest::OpenedFile(path, ZoStreamE::OpenReadWrite))) {
       if (name == "zorvanet_block_file_free_list") continue;
       CompoundFile cf;
       if (cf.Open(path.c_str(), ZoStreamE::OpenReadOnly) != ZoStreamE::StatusOk) continue;
@@ -84,8 +70,7 @@ class SourceFaultTest : public SourceFixture {
     return result;
   }
 
-  // Every stream saved or new; at most one other, and that one a part of
-  // its new content or missing.
+  // Every stream saved or new; at most one a part of its new content or gone.
   static void ExpectSavedOrNew(const Streams& stored) {
     int inFlight = 0;
     for (const auto& name : {"alpha", "beta", "gamma", "doomed", "steady", "fresh"}) {
@@ -107,16 +92,15 @@ class SourceFaultTest : public SourceFixture {
   }
 
   // Runs `save` under each fault and number until it runs clean; `check`
-  // looks at one round: the source, whether the save reported success, and
-  // whether the fault was reached.
+  // gets the source, whether the save succeeded, whether the fault struck.
   void EveryFault(const std::function<bool(Source&)>& save,
                   const std::function<void(std::unique_ptr<Source>&, bool, bool)>& check) {
     for (const Fault kind : tztest::kAllFaults) {
       bool clean = false;
       for (int n = 1; n <= kMaxRounds && !clean && !HasFailure(); ++n) {
         SCOPED_TRACE(std::string("failing ") + tztest::FaultName(kind) + " " + std::to_string(n));
-        // The source opens its file through the faulty platform too, so
-        // that the compound file's own calls can fail during the save.
+        // Opened through the faulty platform too: the compound file's own
+        // calls can fail during the save.
         tztest::FaultyEnv env;
         bool succeeded, hit;
         std::unique_ptr<Source> source;
@@ -137,10 +121,9 @@ class SourceFaultTest : public SourceFixture {
     }
   }
 
-  // A fresh handle on the same file and folder, taking the folder as it
-  // stands, for a retry after the old handle's compound file failed. Such
-  // an open starts clean and forgets what the old handle recorded: the
-  // deletion is made again and the folder marked as changed.
+  // A fresh handle taking the folder as it stands, for a retry after the
+  // old handle's compound file failed; it forgets what the old one
+  // recorded, so the deletion is made again and the folder marked changed.
   std::unique_ptr<Source> Reopened(std::unique_ptr<Source>& old) {
     old.reset();
     std::unique_ptr<Source> source(new Source(file.c_str(), work.c_str()));
@@ -157,21 +140,17 @@ TEST_F(SourceFaultTest, CopyBackLosesNothing) {
   EveryFault([](Source& s) { return s.Close(Source::SaveChanges, false) == Source::NoError; },
              [&](std::unique_ptr<Source>& source, bool succeeded, bool hit) {
                if (succeeded) {
-                 // Copy back judges each stream by the state of its block
-                 // stream before the stream's release, which writes its last
-                 // block and the directory; a failure there is seen only in
-                 // the compound file's status, which Close does not consult.
-                 // What was saved before stays readable all the same.
+                 // A failure in a stream's release (its last block and the
+                 // directory) shows only in the compound file's status,
+                 // which Close does not consult; the rest stays readable.
                  if (hit) ExpectSavedOrNew(StoredAt(file));
                  else EXPECT_STREAMS(kAfter, StoredAt(file));
                  EXPECT_FALSE(fs::exists(work));
                  return;
                }
                ExpectSavedOrNew(StoredAt(file));
-               // The failure left the folder with the changes: saved again,
-               // they all arrive.
-               // A fault in the compound file leaves its handle failed: the
-               // retry then needs a fresh one.
+               // Saved again (on a fresh handle if the fault spoiled the
+               // compound file's), every change arrives.
                Source::Error again = source->Close(Source::SaveChanges, false);
                if (again == Source::CompoundFileNotAvailable) {
                  source = Reopened(source);
@@ -189,12 +168,9 @@ TEST_F(SourceFaultTest, SaveAsLeavesTheOriginalAndCanBeRepeated) {
                EXPECT_STREAMS(kBefore, StoredAt(file)) << "SaveAs changed the original";
                if (succeeded && !hit) {
                  EXPECT_STREAMS(kAfter, StoredAt(target));
-               } else if (succeeded) {
-                 // SaveAs does not examine the close of the new file, and a
-                 // compound file whose status has failed lists no names.
+               } else if (succeeded) {  // the close of the new file is not examined
                  ExpectSavedOrNew(StoredAt(target));
                } else {
-                 // Nothing is lost: a fresh handle saves everything.
                  source = Reopened(source);
                  ASSERT_EQ(Source::NoError, source->SaveAs(target.c_str()));
                  EXPECT_STREAMS(kAfter, StoredAt(target));
@@ -208,15 +184,12 @@ TEST_F(SourceFaultTest, CompactionKeepsAWholeFile) {
         try {
           s.CompactCompoundFile();
           return true;
-        } catch (const Exception& e) {
-          // Where the data went, when the old file was gone before the new
-          // one took its name.
+        } catch (const Exception& e) {  // names where the data went, if not under the name
           const std::string text = e.what();
           const std::size_t at = text.find("The new file name is ");
           movedTo_ = at == std::string::npos ? "" : dir.Path(text.substr(at + 21));
           return false;
-        } catch (ZoStreamE::Status) {
-          // Passed on from an open that could not read the directory.
+        } catch (ZoStreamE::Status) {  // an open that could not read the directory
           movedTo_.clear();
           return false;
         }
@@ -233,8 +206,7 @@ TEST_F(SourceFaultTest, CompactionKeepsAWholeFile) {
           fs::remove(movedTo_);
           return;
         }
-        // The old file stays until the new one is complete; the failure
-        // may also come after the new one took its place.
+        // The old file, or the new one once it took its place.
         const Streams stored = StoredAt(file);
         EXPECT_TRUE(stored == kBefore || stored == kAfter) << "neither the old file nor the new one";
         for (char letter = 'A'; letter <= 'Y'; ++letter)

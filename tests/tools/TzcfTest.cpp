@@ -1,7 +1,6 @@
-// End-to-end tests of the tzcf tool: each runs the built program in a
-// scratch folder and looks at its exit status, its output and the files it
-// left. Compound files with names no honest folder gives are made with the
-// library itself.
+// End-to-end tests of the tzcf tool: the built program in a scratch folder,
+// judged by exit status, output and the files it left. Compound files with
+// names no honest folder gives are made with the library.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -14,6 +13,7 @@
 #include <iterator>
 #include <map>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -79,9 +79,8 @@ class TzcfTest : public ::testing::Test {
 
   fs::path Path(const std::string& name) const { return dir_ / name; }
 
-  // Runs tzcf with `args` in the scratch folder, no password in the
-  // environment unless `env` sets one ("NAME=value ..."), and `input` on
-  // stdin.
+  // Runs tzcf in the scratch folder with `input` on stdin and no password
+  // in the environment unless `env` ("NAME=value ...") sets one.
   Result Run(const std::vector<std::string>& args, const std::string& input = "", const std::string& env = "") {
     WriteFile(Path(".stdin"), input);
     std::string command = "cd " + Quote(dir_.string()) + " && env -u TZCF_PASSWORD -u TZCF_NEW_PASSWORD " +
@@ -361,22 +360,18 @@ TEST_F(TzcfTest, CheckFindsADamagedChainAndNamesItsBlock) {
     second = file.FindDirEntry("second")->firstBlock;
   }
   ASSERT_GT(second, 1u);
-  {
-    // The signature of the chain's first block loses its first letter.
-    std::fstream raw(Path("a.tzcf").string(), std::ios::in | std::ios::out | std::ios::binary);
-    raw.seekp(static_cast<std::streamoff>(second - 1) * 1024 + 5);
-    raw.put('X');
-  }
+  std::fstream raw(Path("a.tzcf").string(), std::ios::in | std::ios::out | std::ios::binary);
+  raw.seekp(static_cast<std::streamoff>(second - 1) * 1024 + 5);  // the head's signature
+  raw.put('X');
+  raw.close();
   const Result damaged = Run({"check", "a.tzcf"});
   EXPECT_EQ(damaged.code, 1) << damaged.out << damaged.err;
   // One line names both the stream and the block.
   const std::string block = "block " + std::to_string(second) + " ";
+  std::istringstream text(damaged.out);
   std::size_t lines = 0;
-  for (std::size_t at = 0, end; at < damaged.out.size(); at = end + 1) {
-    end = damaged.out.find('\n', at);
-    const std::string line = damaged.out.substr(at, end - at);
-    if (line.find("second") != std::string::npos && line.find(block) != std::string::npos) ++lines;
-    if (end == std::string::npos) break;
+  for (std::string line; std::getline(text, line);) {
+    lines += line.find("second") != std::string::npos && line.find(block) != std::string::npos;
   }
   EXPECT_EQ(lines, 1u) << damaged.out;
   EXPECT_NE(damaged.out.find(" problems\n"), std::string::npos) << damaged.out;  // the summary
