@@ -374,6 +374,25 @@ TEST_F(DamageTest, LinkBeyondTheFileEndsTheChainForAWriter) {
   ExpectStreams(f, streams_, "beta");
 }
 
+// A saved map whose digest matches but that calls blocks free which chains
+// hold did not come from the close of this directory. One that calls a
+// first block free is not taken (the heads are scanned); a later block of a
+// chain that it calls free is handed out only once the block's own head
+// says free. Either way a new stream takes no block of another.
+TEST_F(DamageTest, SavedMapCallingHeldBlocksFreeHandsNoneOut) {
+  const std::size_t map = ListPayload(good_) + bf::kOffListMap;
+  const std::vector<std::uint32_t> beta = Chain(good_, FirstBlockOf(good_, "beta"));
+  const std::vector<std::pair<const char*, Bytes>> cases = {
+      {"first block free", With([&](Bytes& b) { b[map + beta[0]] = 0; })},
+      {"later blocks free", With([&](Bytes& b) { b[map + beta[1]] = b[map + beta[2]] = 0; })},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.first);
+    Install(c.second);
+    ExpectTakesAStream();
+  }
+}
+
 // Entries that name blocks not their own are dropped at an open for
 // writing: one whose first block is a directory block, one that shares its
 // first block with an earlier entry. Deleting what is left never touches the
