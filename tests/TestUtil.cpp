@@ -143,16 +143,9 @@ std::string Pattern(std::size_t length, std::uint32_t seed) {
 }
 
 const char* FaultName(Fault kind) {
-  switch (kind) {
-    case Fault::kWrite: return "write";
-    case Fault::kPartialWrite: return "partial write";
-    case Fault::kRead: return "read";
-    case Fault::kSync: return "flush";
-    case Fault::kOpen: return "open";
-    case Fault::kRename: return "rename";
-    case Fault::kRemove: return "remove";
-  }
-  return "?";
+  static const char* const names[] = {"write", "partial write", "read", "flush", "open", "rename", "remove"};
+  static_assert(sizeof names / sizeof names[0] == sizeof kAllFaults / sizeof kAllFaults[0], "a name for each");
+  return names[static_cast<int>(kind)];
 }
 
 bool FaultyEnv::Allow(Fault kind) {

@@ -298,21 +298,3 @@ TEST_F(CompoundFileTest, FreeListOneBlockUpToH982) {
     ExpectSavedMapMatchesHeads(ReadAll(path));
   }
 }
-
-// Names that fold to the same text: look-up gives the first entry in
-// directory order, and the next one once the first is gone.
-TEST_F(CompoundFileTest, CollidingNamesResolveInDirectoryOrder) {
-  BlockFileCore* core = OpenShared(path.c_str(), OpenReadWrite);
-  ASSERT_NE(core, nullptr);
-  DirEntry* first = core->AddDirEntry("Dup");
-  DirEntry* filler = core->AddDirEntry("x");
-  DirEntry* second = core->AddDirEntry("dUP");
-  ASSERT_TRUE(first && filler && second);
-  EXPECT_EQ(core->FindDirEntry("DUP"), first);
-  ASSERT_TRUE(core->FreeChain(first));
-  EXPECT_EQ(core->FindDirEntry("dup"), second);
-  DirEntry* third = core->AddDirEntry("DUP");  // reuses the freed first slot
-  EXPECT_EQ(third, first);
-  EXPECT_EQ(core->FindDirEntry("dup"), third);
-  core->Release(nullptr);
-}

@@ -235,16 +235,20 @@ TEST_F(DamageTest, DamagedDataChainRefusesWrites) {
   ExpectStreams(f, streams_, "beta");
 }
 
-// A name field without its zero is cut to 256 characters: listing gives a
-// terminated text, the stream is reachable by it, and the file stays usable.
-TEST_F(DamageTest, UnterminatedNameIsCut) {
-  Install(With([](Bytes& b) { std::memset(&b[EntryAt(b, "alpha") + bf::kOffName], 'n', DirEntry::kNameSize); }));
+// Name and time fields without their zero are cut to 256 and 25 characters:
+// listing gives a terminated text, the stream is reachable by it, and the
+// file stays usable.
+TEST_F(DamageTest, UnterminatedTextsAreCut) {
+  const std::size_t texts = DirEntry::kNameSize + 2 * DirEntry::kTimeSize;
+  Install(With([&](Bytes& b) { std::memset(&b[EntryAt(b, "alpha") + bf::kOffName], 'n', texts); }));
   const std::string cut(bf::kMaxNameLength, 'n');
   streams_[0].first = cut;
   for (ZoStreamE::OpenMode mode : {OpenReadOnly, OpenReadWrite}) {
     OpenedFile f(path_, mode);
     EXPECT_EQ(cut, ListNames(f).at(0));
-    EXPECT_TRUE(f.Exists(cut.c_str()));
+    ASSERT_TRUE(f.Exists(cut.c_str()));
+    EXPECT_EQ(std::string(DirEntry::kTimeSize - 1, 'n'), f.FindDirEntry(cut.c_str())->created);
+    EXPECT_EQ(std::string(DirEntry::kTimeSize - 1, 'n'), f.FindDirEntry(cut.c_str())->modified);
     ExpectStreams(f, streams_);
   }
   ExpectTakesAStream();

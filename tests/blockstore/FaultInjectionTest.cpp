@@ -1,9 +1,7 @@
-// Injected platform failures: each operation runs on a fresh copy of a good
-// file with the Nth write (whole or half), read or open failing, and every
-// later one of that kind, for N = 1, 2, ... until it runs clean (N counts
-// platform calls; one write may carry several blocks). Reopened with the
-// real platform, the file then holds every stream the operation did not
-// target unchanged and the target old or new, and takes further writes
+// Each operation runs on a fresh copy of a good file with the Nth platform
+// write (whole or half), read or open failing, and every later one, for
+// N = 1, 2, ... until it runs clean. Reopened, the file holds every other
+// stream unchanged and the target old or new, and takes further writes
 // without one stream spoiling another; a cipher pass that fails half-way
 // may instead leave a file that no open accepts.
 #include <gtest/gtest.h>
@@ -82,9 +80,7 @@ class FaultInjectionTest : public ::testing::Test {
   }
 
   const std::string* OldContent(const char* name) const {
-    for (const auto& s : streams_) {
-      if (s.first == name) return &s.second;
-    }
+    for (const auto& s : streams_) if (s.first == name) return &s.second;
     return nullptr;
   }
 
@@ -143,8 +139,7 @@ class FaultInjectionTest : public ::testing::Test {
   }
 
   // Checks the file reopened with the real platform, then again after one
-  // more stream, so that a block map that disagrees with the directory
-  // shows as one stream overwriting another.
+  // more stream, which would overwrite another where the map is wrong.
   void CheckSurvivor(const Operation& op, bool hit) {
     {
       CompoundFile f;

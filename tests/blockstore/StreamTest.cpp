@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <memory>
 #include <random>
-#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -293,31 +292,6 @@ TEST_F(StreamTest, ReadOnlyFileRefusesWrites) {
   file_.Close();
   ASSERT_EQ(file_.Open(path_.c_str(), OpenReadOnly), StatusOk);
   EXPECT_EQ(GetStream(file_, "s"), "abc");
-}
-
-TEST_F(StreamTest, TwoThreadsReadDifferentStreams) {
-  const std::string one = Pattern(300000, 1), two = Pattern(250000, 2);
-  ASSERT_TRUE(PutStream(file_, "one", one));
-  ASSERT_TRUE(PutStream(file_, "two", two));
-  file_.Close();
-  ASSERT_EQ(file_.Open(path_.c_str(), OpenReadOnly), StatusOk);
-  // Streams are opened and destroyed on this thread (opening and closing
-  // belong to one thread); only the reads run side by side.
-  auto readAll = [](std::iostream& in, std::string* out) {
-    char buffer[3001];
-    while (in.read(buffer, sizeof buffer) || in.gcount() > 0) out->append(buffer, static_cast<std::size_t>(in.gcount()));
-  };
-  for (int round = 0; round < 5; ++round) {
-    auto s1 = Get("one", "rb");
-    auto s2 = Get("two", "rb");
-    std::string got1, got2;
-    std::thread t1(readAll, std::ref(*s1), &got1);
-    std::thread t2(readAll, std::ref(*s2), &got2);
-    t1.join();
-    t2.join();
-    ASSERT_EQ(got1, one);
-    ASSERT_EQ(got2, two);
-  }
 }
 
 // Long reads step along many blocks at once. A link into the directory in

@@ -1,14 +1,10 @@
-// Injected platform failures in the saves of the working-folder source
-// (copy back through Close, SaveAs, compaction): on a fresh file and folder
-// the Nth call of each fault kind fails, and every later one, for N = 1, 2,
-// ... until the save runs clean. After every round a save that reports
-// success has done all its work; every stream of the compound file holds
-// its saved or its new content, but for the one being copied when the fault
-// struck, which may hold part of its new content or be gone (a copy frees
-// the old chain first; no journal); a failed copy back or SaveAs loses
-// nothing, as the same call made again saves it all; a failed compaction
-// leaves the saved streams whole under the file's name or the temporary
-// name it reports.
+// Saves of the working-folder source (copy back, SaveAs, compaction) with
+// the Nth platform call of each kind failing, and every later one, for
+// N = 1, 2, ... until the save runs clean. Every stream then holds its saved
+// or its new content, but for the one in flight (a copy frees the old chain
+// first), which may hold part of its new content or be gone. A failed copy
+// back or SaveAs, made again, saves it all; a failed compaction leaves the
+// streams whole under the file's name or the temporary name it reports.
 #include <functional>
 
 #include "tests/sources/SourceFixture.h"
@@ -99,9 +95,7 @@ class SourceFaultTest : public SourceFixture {
       bool clean = false;
       for (int n = 1; n <= kMaxRounds && !clean && !HasFailure(); ++n) {
         SCOPED_TRACE(std::string("failing ") + tztest::FaultName(kind) + " " + std::to_string(n));
-        // Opened through the faulty platform too: the compound file's own
-        // calls can fail during the save.
-        tztest::FaultyEnv env;
+        tztest::FaultyEnv env;  // the compound file's own calls fail too
         bool succeeded, hit;
         std::unique_ptr<Source> source;
         {
@@ -121,9 +115,8 @@ class SourceFaultTest : public SourceFixture {
     }
   }
 
-  // A fresh handle taking the folder as it stands, for a retry after the
-  // old handle's compound file failed; it forgets what the old one
-  // recorded, so the deletion is made again and the folder marked changed.
+  // A fresh handle on the folder as it stands, for a retry after the old
+  // one's compound file failed; the deletion it forgot is made again.
   std::unique_ptr<Source> Reopened(std::unique_ptr<Source>& old) {
     old.reset();
     std::unique_ptr<Source> source(new Source(file.c_str(), work.c_str()));
@@ -140,17 +133,15 @@ TEST_F(SourceFaultTest, CopyBackLosesNothing) {
   EveryFault([](Source& s) { return s.Close(Source::SaveChanges, false) == Source::NoError; },
              [&](std::unique_ptr<Source>& source, bool succeeded, bool hit) {
                if (succeeded) {
-                 // A failure in a stream's release (its last block and the
-                 // directory) shows only in the compound file's status,
-                 // which Close does not consult; the rest stays readable.
+                 // A failure in a stream's release shows only in the
+                 // compound file's status, which Close does not consult.
                  if (hit) ExpectSavedOrNew(StoredAt(file));
                  else EXPECT_STREAMS(kAfter, StoredAt(file));
                  EXPECT_FALSE(fs::exists(work));
                  return;
                }
                ExpectSavedOrNew(StoredAt(file));
-               // Saved again (on a fresh handle if the fault spoiled the
-               // compound file's), every change arrives.
+               // Saved again (on a fresh handle if need be), all arrives.
                Source::Error again = source->Close(Source::SaveChanges, false);
                if (again == Source::CompoundFileNotAvailable) {
                  source = Reopened(source);

@@ -12,7 +12,6 @@
 #include <fstream>
 #include <iterator>
 #include <map>
-#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -21,6 +20,8 @@
 #include <gtest/gtest.h>
 
 #include <tesselzostream/tesselzostream.h>
+
+#include "tests/TestUtil.h"
 
 namespace fs = boost::filesystem;
 
@@ -60,23 +61,10 @@ std::map<std::string, std::string> Snapshot(const fs::path& root) {
   return files;
 }
 
-// Bytes 0..255 over and over, `length` of them, shifted by `seed`.
-std::string Bytes(std::size_t length, unsigned seed) {
-  std::string bytes(length, '\0');
-  for (std::size_t i = 0; i < length; ++i) bytes[i] = static_cast<char>((i * 7 + seed) & 0xFF);
-  return bytes;
-}
+using tztest::Pattern;
 
 class TzcfTest : public ::testing::Test {
  protected:
-  TzcfTest() : dir_(fs::temp_directory_path() / fs::unique_path("tzcf-test-%%%%-%%%%-%%%%")) {
-    fs::create_directories(dir_);
-  }
-  ~TzcfTest() override {
-    boost::system::error_code ec;
-    fs::remove_all(dir_, ec);
-  }
-
   fs::path Path(const std::string& name) const { return dir_ / name; }
 
   // Runs tzcf in the scratch folder with `input` on stdin and no password
@@ -92,26 +80,20 @@ class TzcfTest : public ::testing::Test {
   }
 
   // A compound file `name` holding `streams`, made with the library.
-  void MakeFile(const std::string& name, const std::map<std::string, std::string>& streams) {
-    CompoundFile file;
-    ASSERT_EQ(file.Open(Path(name).c_str(), ZoStreamE::OpenReadWrite), ZoStreamE::StatusOk);
-    for (const auto& s : streams) {
-      std::unique_ptr<std::iostream> out(file.GetIOStream(s.first.c_str(), "wb"));
-      ASSERT_TRUE(out != nullptr) << s.first;
-      *out << s.second;
-    }
-    ASSERT_EQ(file.Close(), ZoStreamE::StatusOk);
+  void MakeFile(const std::string& name, const tztest::StreamList& streams) {
+    tztest::MakeFile(Path(name).string(), streams);
   }
 
-  fs::path dir_;
+  tztest::ScratchDir scratch_;
+  const fs::path dir_ = scratch_.path();
 };
 
 TEST_F(TzcfTest, PackAndUnpackGiveBackEveryFileByteForByte) {
   const std::map<std::string, std::string> files = {
-      {"binary.bin", Bytes(3 * 1003 + 7, 1)},
-      {"one-payload", Bytes(1003, 2)},
+      {"binary.bin", Pattern(3 * 1003 + 7, 1)},
+      {"one-payload", Pattern(1003, 2)},
       {"empty", ""},
-      {"large.bin", Bytes(300 * 1024 + 5, 3)},  // several copy buffers
+      {"large.bin", Pattern(300 * 1024 + 5, 3)},  // several copy buffers
       {"d1/d2/d3/d4/d5/d6/d7/d8/d9/d10/d11/deep.txt", "deep\n"},
       {"name with spaces/file name.txt", "spaced\n"},
   };
@@ -133,7 +115,7 @@ TEST_F(TzcfTest, PackAndUnpackGiveBackEveryFileByteForByte) {
 }
 
 TEST_F(TzcfTest, ListingShowsSizesAndChainBlocks) {
-  MakeFile("a.tzcf", {{"zero", ""}, {"full", Bytes(1003, 0)}, {"short", Bytes(1002, 0)}, {"quote\"d", "x"}});
+  MakeFile("a.tzcf", {{"zero", ""}, {"full", Pattern(1003, 0)}, {"short", Pattern(1002, 0)}, {"quote\"d", "x"}});
   const Result details = Run({"ls", "-l", "a.tzcf"});
   ASSERT_EQ(details.code, 0) << details.err;
   EXPECT_NE(details.out.find("      1003       2  "), std::string::npos) << details.out;
@@ -202,7 +184,7 @@ TEST_F(TzcfTest, UsageErrorsAndMissingFilesExitWithTwo) {
 }
 
 TEST_F(TzcfTest, PutCatAndRemoveStreams) {
-  const std::string bytes = Bytes(5000, 9);
+  const std::string bytes = Pattern(5000, 9);
   WriteFile(Path("source.bin"), bytes);
   ASSERT_EQ(Run({"put", "a.tzcf", "from/file", "source.bin"}).code, 0);  // creates the file
   ASSERT_EQ(Run({"put", "a.tzcf", "dash", "-"}, "via dash").code, 0);
@@ -348,22 +330,15 @@ TEST_F(TzcfTest, PasswordsComeFromAFileTheEnvironmentOrATerminal) {
 }
 
 TEST_F(TzcfTest, CheckFindsADamagedChainAndNamesItsBlock) {
-  MakeFile("a.tzcf", {{"first", Bytes(2500, 1)}, {"second", Bytes(4000, 2)}});
+  MakeFile("a.tzcf", {{"first", Pattern(2500, 1)}, {"second", Pattern(4000, 2)}});
   const Result sound = Run({"check", "a.tzcf"});
   EXPECT_EQ(sound.code, 0) << sound.out << sound.err;
   EXPECT_NE(sound.out.find("a.tzcf: sound\n"), std::string::npos) << sound.out;
 
-  std::uint32_t second = 0;
-  {
-    CompoundFile file;
-    ASSERT_EQ(file.Open(Path("a.tzcf").c_str(), ZoStreamE::OpenReadOnly), ZoStreamE::StatusOk);
-    second = file.FindDirEntry("second")->firstBlock;
-  }
-  ASSERT_GT(second, 1u);
-  std::fstream raw(Path("a.tzcf").string(), std::ios::in | std::ios::out | std::ios::binary);
-  raw.seekp(static_cast<std::streamoff>(second - 1) * 1024 + 5);  // the head's signature
-  raw.put('X');
-  raw.close();
+  tztest::FileBytes bytes = tztest::ReadAll(Path("a.tzcf").string());
+  const std::uint32_t second = tztest::FirstBlockOf(bytes, "second");
+  bytes[tztest::BlockAt(second) + 5] = 'X';  // the head's signature
+  tztest::WriteAll(Path("a.tzcf").string(), bytes);
   const Result damaged = Run({"check", "a.tzcf"});
   EXPECT_EQ(damaged.code, 1) << damaged.out << damaged.err;
   // One line names both the stream and the block.
@@ -379,7 +354,7 @@ TEST_F(TzcfTest, CheckFindsADamagedChainAndNamesItsBlock) {
 }
 
 TEST_F(TzcfTest, CompactGivesBackTheSpaceOfRemovedStreams) {
-  WriteFile(Path("in/big.bin"), Bytes(100 * 1003, 4));
+  WriteFile(Path("in/big.bin"), Pattern(100 * 1003, 4));
   WriteFile(Path("in/nested/kept.txt"), "kept\n");
   WriteFile(Path("in/top.txt"), "top\n");
   ASSERT_EQ(Run({"pack", "in", "a.tzcf"}).code, 0);
