@@ -2,7 +2,9 @@
 // std::string, and the edges of reading, writing and seeking.
 #include <algorithm>
 #include <memory>
+#include <locale>
 #include <random>
+#include <sstream>
 
 #include <gtest/gtest.h>
 
@@ -264,6 +266,50 @@ TEST_F(StreamTest, ModesNamesAndOpenCounts) {
   b->read(second, 4);
   EXPECT_EQ(std::string(first, 2), "da");
   EXPECT_EQ(std::string(second, 4), "data");
+}
+
+// A block stream starts as a freshly made standard stream does, whatever
+// was done to the streams before it, and with the global locale in force
+// when it opens (its number formatting included).
+TEST_F(StreamTest, StartsLikeAFreshStandardStream) {
+  struct Thousands : std::numpunct<char> {
+    char do_thousands_sep() const override { return ','; }
+    std::string do_grouping() const override { return "\3"; }
+  };
+  auto expectFresh = [this](const char* name) {
+    const std::iostream fresh(nullptr);
+    auto s = Get(name, "wb");
+    ASSERT_TRUE(s);
+    EXPECT_TRUE(s->good());
+    EXPECT_EQ(fresh.flags(), s->flags());
+    EXPECT_EQ(fresh.precision(), s->precision());
+    EXPECT_EQ(fresh.width(), s->width());
+    EXPECT_EQ(fresh.fill(), s->fill());
+    EXPECT_EQ(fresh.exceptions(), s->exceptions());
+    EXPECT_EQ(nullptr, s->tie());
+    EXPECT_EQ(0, s->iword(0));
+    EXPECT_TRUE(s->getloc() == std::locale());
+    *s << 1234567 << ' ' << 2.5;
+    s.reset();
+    std::ostringstream want;
+    want << 1234567 << ' ' << 2.5;
+    EXPECT_EQ(want.str(), GetStream(file_, name));
+  };
+  {
+    auto used = Get("used", "wb");
+    used->iword(0) = 7;
+    used->precision(2);
+    used->setf(std::ios_base::hex | std::ios_base::showpos, std::ios_base::basefield | std::ios_base::showpos);
+    used->fill('*');
+    used->exceptions(std::ios_base::badbit);
+  }
+  expectFresh("after-used");
+  const std::locale before = std::locale::global(std::locale(std::locale::classic(), new Thousands));
+  expectFresh("grouped");
+  EXPECT_EQ("1,234,567 2.5", GetStream(file_, "grouped"));
+  std::locale::global(before);
+  expectFresh("classic-again");
+  EXPECT_EQ("1234567 2.5", GetStream(file_, "classic-again"));
 }
 
 TEST_F(StreamTest, StreamKeepsTheFileOpenAfterItsHandleCloses) {
