@@ -63,6 +63,7 @@
 #include "utility/BlowFish.h"
 #include "utility/MD5.h"
 #include "utility/PagedArray.h"
+#include "utility/RecyclingAllocator.h"
 #include "blockstore/BlockMap.h"
 #include "blockstore/DirectoryIndex.h"
 #include "tesselzostream/Status.h"
@@ -76,7 +77,11 @@ using blockformat::DataBlock;
 using blockformat::DirBlock;
 
 // Open block streams by name, as DirEntry holds it (compared with case).
-using StreamTable = std::map<std::string, std::int32_t>;
+// Each stream's open and close enter and erase a node; the nodes come from
+// a per-thread cache of freed ones.
+using StreamTable =
+    std::map<std::string, std::int32_t, std::less<std::string>,
+             tz::RecyclingAllocator<std::pair<const std::string, std::int32_t>>>;
 
 class BlockFileCore {
  public:
@@ -261,6 +266,7 @@ class BlockFileCore {
   DirectoryIndex index;
   std::vector<bool> dirBlockChanged;   // by chain index
   std::vector<std::uint32_t> changedDirBlocks;
+  std::vector<std::uint32_t> spareDirBlockList;  // empty; its room is reused
   std::unordered_map<std::uint32_t, std::uint32_t> dirBlockByNumber;  // number -> chain index
   // Address of each directory block's first entry -> its chain index, so
   // that an entry's slot follows from its address (one node per block).

@@ -194,13 +194,18 @@ void BlockFileCore::WriteChangedDirBlocks() {
   // Rewriting the whole directory would count as written blocks; so does
   // writing only the changed ones.
   blocksWritten = true;
-  std::vector<std::uint32_t> todo;
+  // The list goes back empty with its room, so that the next flush does
+  // not allocate it again.
+  std::vector<std::uint32_t> todo(std::move(spareDirBlockList));
+  todo.clear();
   todo.swap(changedDirBlocks);
   std::sort(todo.begin(), todo.end());
   for (std::uint32_t i : todo) {
     if (dirBlockChanged[i] && status == ZoStreamE::StatusOk) WriteDirBlock(*dirBlocks[i]);
   }
   for (std::uint32_t i : todo) dirBlockChanged[i] = false;
+  todo.clear();
+  spareDirBlockList = std::move(todo);
 }
 
 void BlockFileCore::FlushDirectory(bool force) {
