@@ -12,6 +12,7 @@
 #include <cstring>
 #include <memory>
 #include <ostream>
+#include <stdexcept>
 #include <thread>
 
 #include <boost/filesystem.hpp>
@@ -294,6 +295,25 @@ int ExpectSettled(CompoundFile& file, const Streams& expected, const std::set<st
   return faults;
 }
 
+namespace {
+// Whether the chain of one of the `touched` streams, as the file's bytes
+// hold it (heads are never enciphered), passes through `block`.
+bool TouchedChainsReach(const std::string& path, const std::set<std::string>& touched, std::uint32_t block) {
+  const tztest::FileBytes bytes = tztest::ReadAll(path);
+  for (const std::string& name : touched) {
+    std::uint32_t first = 0;
+    try {
+      first = tztest::FirstBlockOf(bytes, name.c_str());
+    } catch (const std::logic_error&) {
+      continue;  // not in the directory on disk
+    }
+    const auto chain = tztest::Chain(bytes, first);
+    if (std::find(chain.begin(), chain.end(), block) != chain.end()) return true;
+  }
+  return false;
+}
+}  // namespace
+
 KillReport CheckKilled(const std::string& path, int password, const std::set<std::string>& touched,
                        bool mapTouched, bool judge, Tally& tally) {
   static const std::set<CheckProblem::Kind> kAllowed{CheckProblem::kFreeInHead, CheckProblem::kChainShort,
@@ -309,7 +329,11 @@ KillReport CheckKilled(const std::string& path, int password, const std::set<std
       continue;
     }
     if (!problem.stream.empty()) result.damaged.insert(problem.stream);
-    const bool mine = touched.count(problem.stream) != 0;
+    // A shared block is named for the second chain that reaches it; it is
+    // the killed session's doing when a chain it changed reaches it too.
+    const bool mine = touched.count(problem.stream) != 0 ||
+                      (problem.kind == CheckProblem::kClaimedTwice && TouchedChainsReach(path, touched, problem.block));
+    if (mine && touched.count(problem.stream) == 0) tally.Note("shared block named for a settled stream, reached by a changed chain");
     const bool allowed = mine || (mapTouched && problem.stream == kFreeListName);
     if (mine && problem.kind == CheckProblem::kChainLoop) result.looping = true;
     if (!judge) continue;
