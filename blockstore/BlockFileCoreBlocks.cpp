@@ -217,12 +217,13 @@ std::uint32_t BlockFileCore::AppendWholeBlocks(DataBlock& current, const unsigne
     const std::int64_t end = static_cast<std::int64_t>(runFirst + reached - 1) * bf::kBlockSize;
     fileSize = std::max<std::int64_t>(fileSize, end);
     for (std::uint32_t j = 0; j < sent; ++j) MarkIfDirBlock(runFirst + j);
-    if (sent < runCount) {
+    const bool all = sent == runCount;
+    if (!all) {
       status = ZoStreamE::StatusFailed;
       k = runStep + sent + 1;
     }
     runCount = 0;
-    return sent == reached;
+    return all;
   };
   while (k < count) {
     // A number that the saved map offers inside the file has its head read

@@ -298,8 +298,7 @@ int ExpectSettled(CompoundFile& file, const Streams& expected, const std::set<st
 namespace {
 // Whether the chain of one of the `touched` streams, as the file's bytes
 // hold it (heads are never enciphered), passes through `block`.
-bool TouchedChainsReach(const std::string& path, const std::set<std::string>& touched, std::uint32_t block) {
-  const tztest::FileBytes bytes = tztest::ReadAll(path);
+bool TouchedChainsReach(const tztest::FileBytes& bytes, const std::set<std::string>& touched, std::uint32_t block) {
   for (const std::string& name : touched) {
     std::uint32_t first = 0;
     try {
@@ -322,6 +321,12 @@ KillReport CheckKilled(const std::string& path, int password, const std::set<std
   const CheckReport report = CheckWith(path, password);
   KillReport result;
   bool leaked = false;
+  tztest::FileBytes fileBytes;  // read at the first shared block, if any
+  bool fileRead = false;
+  auto bytes = [&]() -> const tztest::FileBytes& {
+    if (!fileRead) fileBytes = tztest::ReadAll(path), fileRead = true;
+    return fileBytes;
+  };
   if (judge && !report.opened) ADD_FAILURE() << tally.where << ": checker could not read the file: " << report.openError;
   for (const CheckProblem& problem : report.problems) {
     if (problem.kind == CheckProblem::kUnreached) {
@@ -332,7 +337,7 @@ KillReport CheckKilled(const std::string& path, int password, const std::set<std
     // A shared block is named for the second chain that reaches it; it is
     // the killed session's doing when a chain it changed reaches it too.
     const bool mine = touched.count(problem.stream) != 0 ||
-                      (problem.kind == CheckProblem::kClaimedTwice && TouchedChainsReach(path, touched, problem.block));
+                      (problem.kind == CheckProblem::kClaimedTwice && TouchedChainsReach(bytes(), touched, problem.block));
     if (mine && touched.count(problem.stream) == 0) tally.Note("shared block named for a settled stream, reached by a changed chain");
     const bool allowed = mine || (mapTouched && problem.stream == kFreeListName);
     if (mine && problem.kind == CheckProblem::kChainLoop) result.looping = true;
