@@ -79,7 +79,7 @@ Status BlockFileCore::Open(const char* path, ZoStreamE::OpenMode mode) {
 }
 
 void BlockFileCore::LoadDirectoryChain(DirBlock* first, bool exact) {
-  AppendDirBlock(first, exact);  // marks its number in isDirBlock, as each one after it
+  AppendDirBlock(first, exact, 1);  // marks its number in isDirBlock, as each one after it
   for (std::uint32_t next = first->nextBlock; next != 0;) {
     DirBlock* block = nullptr;
     const bool seen = next < isDirBlock.size() && isDirBlock[next];
@@ -90,7 +90,7 @@ void BlockFileCore::LoadDirectoryChain(DirBlock* first, bool exact) {
       status = ZoStreamE::StatusFailed;
       throw ZoStreamE::StatusFailed;  // NOLINT(misc-throw-by-value-catch-by-reference): an enumerator is a value; Open is documented to throw this Status
     }
-    AppendDirBlock(block, exact);
+    AppendDirBlock(block, exact, next);
     next = block->nextBlock;
   }
 }

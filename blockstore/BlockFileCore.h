@@ -154,7 +154,9 @@ class BlockFileCore {
   // --- Directory (BlockFileCoreDirectory.cpp) ---
   // Takes ownership. `matchesFile`: the block was just read and encodes to
   // exactly the bytes the file holds (else it counts as changed).
-  void AppendDirBlock(DirBlock* block, bool matchesFile = false);
+  // `readFrom`: the number of the block it was read from (0: a new block,
+  // known by its own number).
+  void AppendDirBlock(DirBlock* block, bool matchesFile = false, std::uint32_t readFrom = 0);
   // First entry in use, in directory order, whose name equals `name` without
   // regard to ASCII case; null when none (also for null or over-long names).
   DirEntry* FindDirEntry(const char* name);
@@ -228,7 +230,7 @@ class BlockFileCore {
 
  private:
   // Bookkeeping behind the directory (BlockFileCoreDirectory.cpp).
-  void IndexBlock(std::uint32_t blockIndex, bool matchesFile);
+  void IndexBlock(std::uint32_t blockIndex, bool matchesFile, std::uint32_t number);
   void MarkEntryUsed(DirEntry* entry);
   void MarkEntryFree(DirEntry* entry);
   void MarkDirBlockChanged(std::uint32_t blockIndex);
@@ -243,6 +245,11 @@ class BlockFileCore {
   void DropDanglingEntries();
   void WriteChangedDirBlocks();
   DirEntry* EntryAt(std::uint32_t slot) const;
+
+  // In a file open for writing, makes a block record read from block n
+  // name block n and carry the signature, so that a rewrite lands where the
+  // block was read (see ReadDataBlock).
+  void RepairHeadForWriting(std::uint32_t n, blockformat::BlockHead* head) const;
 
   // Block n's bytes; with a non-null `tail`, bytes from kOffPayload on go
   // there instead.

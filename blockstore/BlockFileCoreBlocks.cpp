@@ -30,6 +30,19 @@ bool BlockFileCore::ReadBlockBytes(std::uint32_t n, unsigned char* out, unsigned
   return true;
 }
 
+// A read takes the head as the file holds it: a block's own number and
+// signature are not compared with anything. But a block read for writing
+// goes back to the place its record names, and a torn head naming another
+// block would send the rewrite there, over some other stream's data. So in
+// a file open for writing the record names the block it was read from, with
+// the signature every block carries; a rewrite then heals the head. On a
+// sound file both already hold, and nothing changes.
+void BlockFileCore::RepairHeadForWriting(std::uint32_t n, bf::BlockHead* head) const {
+  if (readOnly) return;
+  head->blockNumber = n;
+  if (!bf::HasSignature(*head)) std::memcpy(head->signature, bf::kSignature, bf::kSignatureSize);
+}
+
 Status BlockFileCore::ReadDataBlock(std::uint32_t n, DataBlock& block, unsigned char* payload) {
   if (status != ZoStreamE::StatusOk) return status;
   std::lock_guard<std::recursive_mutex> hold(readLock);
@@ -46,12 +59,7 @@ Status BlockFileCore::ReadDataBlockHeld(std::uint32_t n, DataBlock& block, unsig
   } else {
     bf::FinishDataHead(target, &block);
   }
-  // A head that names another block, or has no signature, is damage: a
-  // rewrite of it would land on some other block.
-  if (block.blockNumber != n || !bf::HasSignature(block)) {
-    status = ZoStreamE::StatusFailed;
-    return status;
-  }
+  RepairHeadForWriting(n, &block);
   if (IsEncrypted()) {
     if (cipher) {
       cipher->Decrypt(payload != nullptr ? payload : block.payload,
@@ -276,7 +284,7 @@ Status BlockFileCore::ReadDirBlock(std::uint32_t n, DirBlock& block, bool* exact
   std::lock_guard<std::recursive_mutex> hold(readLock);
   unsigned char raw[bf::kBlockSize];
   if (!ReadBlockBytes(n, raw)) return status;
-  if (!bf::DecodeDirBlock(raw, &block) || block.blockNumber != n) {
+  if (!bf::DecodeDirBlock(raw, &block)) {
     status = ZoStreamE::StatusFailed;
     return status;
   }

@@ -31,21 +31,24 @@ std::uint32_t BlockFileCore::SlotOf(const DirEntry* entry) const {
   return it->second * kPerBlock + static_cast<std::uint32_t>(offset / sizeof(DirEntry));
 }
 
-void BlockFileCore::AppendDirBlock(DirBlock* block, bool matchesFile) {
+void BlockFileCore::AppendDirBlock(DirBlock* block, bool matchesFile, std::uint32_t readFrom) {
   directoryDirty = true;
   dirBlocks.push_back(boost::shared_ptr<DirBlock>(block));
-  IndexBlock(static_cast<std::uint32_t>(dirBlocks.size() - 1), matchesFile);
+  IndexBlock(static_cast<std::uint32_t>(dirBlocks.size() - 1), matchesFile,
+             readFrom != 0 ? readFrom : block->blockNumber);
 }
 
 // Registers a block just appended to dirBlocks with every piece of
-// bookkeeping. It counts as changed unless the file holds exactly its bytes.
-void BlockFileCore::IndexBlock(std::uint32_t blockIndex, bool matchesFile) {
+// bookkeeping, under the number of the place it lies (a head read from the
+// file is not trusted for that). It counts as changed unless the file
+// holds exactly its bytes.
+void BlockFileCore::IndexBlock(std::uint32_t blockIndex, bool matchesFile, std::uint32_t number) {
   DirBlock& block = *dirBlocks[blockIndex];
   index.AddBlock();
   dirBlockChanged.push_back(false);
-  dirBlockByNumber[block.blockNumber] = blockIndex;
-  if (block.blockNumber >= isDirBlock.size()) isDirBlock.resize(block.blockNumber + 1, false);
-  isDirBlock[block.blockNumber] = true;
+  dirBlockByNumber[number] = blockIndex;
+  if (number >= isDirBlock.size()) isDirBlock.resize(number + 1, false);
+  isDirBlock[number] = true;
   blockByEntries[reinterpret_cast<std::uintptr_t>(&block.entries[0])] = blockIndex;
   for (std::uint32_t e = 0; e < kPerBlock; ++e) {
     const std::uint32_t slot = blockIndex * kPerBlock + e;
@@ -75,7 +78,20 @@ void BlockFileCore::EntryChanged(const DirEntry* entry) {
 // the directory overwritten. A block whose head or map byte says otherwise
 // is set right in memory and counts as changed, so the next directory
 // write repairs the file too.
+//
+// A directory block's head is not compared at reading, and its number and
+// signature enter the directory digest as read; so a torn head fails the
+// scan that a mismatched digest brings. Where the saved map is taken all
+// the same, the head is set right here: a directory write goes to the
+// number its record names.
 void BlockFileCore::CheckDirBlocksAgainstMap() {
+  for (const auto& at : dirBlockByNumber) {
+    DirBlock& block = *dirBlocks[at.second];
+    if (block.blockNumber == at.first && bf::HasSignature(block)) continue;
+    RepairHeadForWriting(at.first, &block);
+    MarkDirBlockChanged(at.second);
+    directoryDirty = true;
+  }
   for (std::uint32_t i = 0; i < dirBlocks.size(); ++i) {
     DirBlock& block = *dirBlocks[i];
     const auto n = static_cast<std::int32_t>(block.blockNumber);

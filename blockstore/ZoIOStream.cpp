@@ -27,7 +27,9 @@ ZoIOStreamDevice::Data::Data(BlockFileCore* c, DirEntry* e, int m)
     : core(c), entry(e), slot(c->SlotOf(e)), mode(m) {
   core->Retain();
   current = core->LoadDataBlock(entry->firstBlock);
-  if (current != nullptr) blockNumbers.push_back(current->blockNumber);
+  // Blocks are known by the links that reach them, not by their heads,
+  // which a read does not check.
+  if (current != nullptr) blockNumbers.push_back(entry->firstBlock);
 }
 
 void ZoIOStreamDevice::Data::ClearLeftovers() {
@@ -123,11 +125,11 @@ void ZoIOStreamDevice::NextBlock(bool mayGrow, unsigned char* payloadTo) {
       d.core->status = ZoStreamE::StatusFailed;
       return;
     }
-    d.core->ReadDataBlock(d.current->nextBlock, *d.current, payloadTo);
+    d.core->ReadDataBlock(next, *d.current, payloadTo);
     d.payloadUnset = false;
   }
   ++d.blockIndex;
-  if (d.blockNumbers.size() < d.blockIndex) d.blockNumbers.push_back(d.current->blockNumber);
+  if (d.blockNumbers.size() < d.blockIndex) d.blockNumbers.push_back(sound ? next : d.current->blockNumber);
 }
 
 void ZoIOStreamDevice::GoToBlock(std::uint32_t n) {
@@ -212,7 +214,7 @@ std::uint32_t ZoIOStreamDevice::StepWhole(unsigned char* to, std::uint32_t count
       d.core->ReadDataBlockHeld(next, *d.current, payloadTo);
       d.payloadUnset = false;
       ++d.blockIndex;
-      if (d.blockNumbers.size() < d.blockIndex) d.blockNumbers.push_back(d.current->blockNumber);
+      if (d.blockNumbers.size() < d.blockIndex) d.blockNumbers.push_back(next);
     }
     if (Failed()) return k;
   }

@@ -1,5 +1,7 @@
 // Extraction and copy back: chunk boundaries, order, refusals and a damaged
 // stored stream (injected failures are in SourceFaultTest).
+#include <sys/stat.h>
+
 #include "tests/sources/SourceFixture.h"
 
 namespace {
@@ -80,13 +82,54 @@ TEST_F(CopyBackTest, ExtractAllFilesAndItsFailures) {
 
 TEST_F(CopyBackTest, DamagedStoredStreamLeavesNoFragment) {
   Store({{"s", tztest::Pattern(5000, 1)}});
-  // The stream's blocks follow the first directory block; break the third.
+  // The stream's blocks follow the first directory block; the third links
+  // past the end of the file.
   auto bytes = tztest::ReadAll(file);
-  bytes[3 * 1024 + 10] ^= 0xFF;  // inside the signature of block 4
+  tztest::Put32(bytes, 3 * 1024 + 15, 999);  // the link of block 4
   tztest::WriteAll(file, bytes);
   auto source = Opened(true);
   EXPECT_EQ("<null>", Drain(source->GetIStream("s")));
   EXPECT_FALSE(InWork("s"));
+  source->Close(Source::DiscardChanges, false);
+}
+
+// Extraction touches nothing beside the working folder, keeps a working
+// file it rewrites what it was (its permissions, a link to it), and a
+// failed extraction leaves nothing in the folder: neither a fragment under
+// the stream's name nor its private staging folder.
+TEST_F(CopyBackTest, ExtractionStaysInsideItsFolder) {
+  Store({{"a", "stored a"}, {"b", tztest::Pattern(5000, 2)}, {"c", "stored c"}});
+  const std::string beside = work + ".extracting";
+  tztest::WriteAll(beside, {'m', 'i', 'n', 'e'});
+  auto source = Opened();
+  EXPECT_EQ("stored a", Drain(source->GetIStream("a")));
+  EXPECT_EQ((std::vector<unsigned char>{'m', 'i', 'n', 'e'}), tztest::ReadAll(beside));
+
+  const std::string folder = source->GetDirectoryName();
+  ASSERT_EQ(0, ::chmod((folder + "a").c_str(), 0600));
+  ASSERT_EQ(0, ::symlink("a", (folder + "c").c_str()));
+  EXPECT_TRUE(Fill(source->GetOStream("a"), "changed"));
+  EXPECT_TRUE(source->ExtractAllFiles());
+  struct stat info;
+  ASSERT_EQ(0, ::stat((folder + "a").c_str(), &info));
+  EXPECT_EQ(0600u, info.st_mode & 0777u);
+  ASSERT_EQ(0, ::lstat((folder + "c").c_str(), &info));
+  EXPECT_TRUE(S_ISLNK(info.st_mode));  // written through, as a plain open does
+  EXPECT_EQ("stored c", Drain(source->GetIStream("a")));
+  source->Close(Source::DiscardChanges, false);
+
+  // A folder of the old staging name does not get in the way.
+  fs::remove(beside);
+  fs::create_directory(beside);
+  source = Opened();
+  tztest::FaultyEnv env;
+  {
+    tztest::ScopedEnv scoped(&env);
+    env.Reset(tztest::Fault::kWrite, 1);
+    EXPECT_EQ("<null>", Drain(source->GetIStream("b")));
+  }
+  EXPECT_TRUE(fs::is_empty(folder));
+  EXPECT_EQ(tztest::Pattern(5000, 2), Drain(source->GetIStream("b")));
   source->Close(Source::DiscardChanges, false);
 }
 
