@@ -2,6 +2,8 @@
 #include <cstring>
 #include <memory>
 
+#include <sys/stat.h>
+
 #include <boost/filesystem.hpp>
 
 #include "sources/SourceConstants.h"
@@ -10,49 +12,66 @@
 
 namespace fs = boost::filesystem;
 
+namespace {
+
+// Copies the rest of `input` into the file at `path` (created or emptied)
+// in one buffer of `chunk` bytes; true when every byte got there, flushed.
+bool CopyOut(std::istream& input, const std::string& path, std::size_t chunk) {
+  std::unique_ptr<std::ostream> output(
+      tz::OpenFileStream<std::ostream>(path, std::ios::out | std::ios::trunc | std::ios::binary));
+  if (output == nullptr) return false;
+  std::unique_ptr<char[]> buffer(new char[chunk]);
+  std::streamsize count;
+  do {
+    input.read(buffer.get(), static_cast<std::streamsize>(chunk));
+    count = input.gcount();
+    output->write(buffer.get(), count);
+  } while (count == static_cast<std::streamsize>(chunk));
+  // Flushed here so that a failure of the last bytes is seen too.
+  output->flush();
+  return !input.bad() && output->good();
+}
+
+bool IsPresent(const std::string& path) {
+  struct stat info;
+  return ::lstat(path.c_str(), &info) == 0;
+}
+
+}  // namespace
+
+// A working file in no set counts as a changed stream, also in a folder
+// taken over after a crash, so a fragment must never lie in the folder
+// under the stream's name: a copy back would put it in place of the stored
+// stream. A new working file is therefore written into a private folder
+// made inside the working folder (no other name is touched, and folders
+// there are never taken for streams) and renamed into place when whole;
+// a kill leaves at most that folder behind, which Close removes. A working
+// file that exists already (ExtractAllFiles rewriting it) is rewritten in
+// place, keeping what it is (its permissions, a link to it), and removed if
+// the copy fails, so that the stored stream stands again.
 bool CompoundFileStreamSource::ExtractFile(const char* name) const {
   if (mCompoundFile->GetStatus() != ZoStreamE::StatusOk) return false;
   std::string path;
   if (!WorkingFile(name, &path) || path.size() >= tz::kMaxPath) return false;
   std::unique_ptr<std::basic_iostream<char>> input(mCompoundFile->GetIOStream(name, "rb"));
   if (input == nullptr) return false;
-
-  // The copy is made beside the working folder and renamed into it when
-  // whole. Every file inside the folder counts as a changed stream when a
-  // folder left by a crash is taken over, so a fragment must never lie
-  // there under the stream's name: it would replace the stored stream.
-  // Without a folder name (no folder to stand beside) it goes beside the
-  // working file itself.
-  const std::string folder(mDirectoryName != nullptr ? mDirectoryName : "");
-  const std::string partial = folder.size() > 1 && folder.back() == '/'
-                                  ? folder.substr(0, folder.size() - 1) + ".extracting"
-                                  : path + ".extracting";
-  bool complete = false;
-  {
-    std::unique_ptr<std::ostream> opened(tz::OpenFileStream<std::ostream>(
-        partial, std::ios::out | std::ios::trunc | std::ios::binary));
-    if (opened == nullptr) return false;  // nothing was created or truncated
-    std::ostream& output = *opened;
-    const DirEntry* entry = mCompoundFile->FindDirEntry(name);
-    const std::size_t chunk = tz::CopyChunkFor(entry != nullptr ? entry->size : ~std::uint64_t{0});
-    std::unique_ptr<char[]> buffer(new char[chunk]);
-    std::streamsize count;
-    do {
-      input->read(buffer.get(), static_cast<std::streamsize>(chunk));
-      count = input->gcount();
-      output.write(buffer.get(), count);
-    } while (count == static_cast<std::streamsize>(chunk));
-    // Flushed here so that a failure of the last bytes is seen too.
-    output.flush();
-    complete = !input->bad() && output.good();
-  }
+  const DirEntry* entry = mCompoundFile->FindDirEntry(name);
+  const std::size_t chunk = tz::CopyChunkFor(entry != nullptr ? entry->size : ~std::uint64_t{0});
+  tz::Env* env = tz::CurrentEnv();
   boost::system::error_code error;
-  if (complete) complete = tz::CurrentEnv()->Rename(partial, path, error);
-  if (!complete) {
-    tz::CurrentEnv()->Remove(partial, error);
+
+  const std::string folder(mDirectoryName != nullptr ? mDirectoryName : "");
+  if (IsPresent(path) || folder.empty()) {
+    if (CopyOut(*input, path, chunk)) return true;
+    env->Remove(path, error);
     return false;
   }
-  return true;
+  std::string staging;
+  if (!env->MakeUniqueFolder(folder + tz::kStagingPrefix, &staging, error)) return false;
+  const std::string staged = staging + "/s";
+  const bool complete = CopyOut(*input, staged, chunk) && env->Rename(staged, path, error);
+  env->RemoveAll(staging, error);
+  return complete;
 }
 
 bool CompoundFileStreamSource::ExtractAllFiles() const {

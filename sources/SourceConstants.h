@@ -28,6 +28,10 @@ inline std::size_t CopyChunkFor(std::uint64_t left) {
   return left < kCopyChunk ? static_cast<std::size_t>(left) + 1 : kCopyChunk;
 }
 
+// Extraction writes a new working file into a private folder of this name
+// (and six characters more) inside the working folder first.
+constexpr char kStagingPrefix[] = ".tzextract-";
+
 // A working file's full path must stay below this many characters.
 constexpr std::size_t kMaxPath = 260;
 

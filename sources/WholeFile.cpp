@@ -21,7 +21,6 @@ namespace {
 constexpr std::uint32_t kPayload = 1003;      // stream bytes in one data block
 constexpr std::uint32_t kEntriesPerBlock = 3;  // directory entries in one block
 constexpr std::uint32_t kBlockSize = 1024;
-constexpr char kFreeListName[] = "zorvanet_block_file_free_list";
 
 std::uint32_t CeilDiv(std::uint32_t n, std::uint32_t d) { return n / d + (n % d != 0 ? 1 : 0); }
 
@@ -31,13 +30,25 @@ std::uint32_t StatSize32(const std::string& path) {
   return ::stat(path.c_str(), &info) == 0 ? static_cast<std::uint32_t>(info.st_size) : 0;
 }
 
-// True when `a` and `b` name one file (by canonical path, or by identity for
-// two links to one file).
-bool SameFile(const char* a, const char* b) {
-  const std::string ca = ZoGetCanonicalPath(a);
-  if (!ca.empty() && ca == ZoGetCanonicalPath(b)) return true;
-  boost::system::error_code error;
-  return fs::equivalent(fs::path(a), fs::path(b), error) && !error;
+// True when `name` is the directory entry of the open file `openName`
+// (canonical): the same folder and the same leaf. Another link to that
+// file, hard or symbolic, is another entry: removing it leaves the open
+// file alone.
+bool IsOpenFile(const char* name, const char* openName) {
+  if (openName == nullptr || *name == '\0') return false;
+  const fs::path path(name);
+  const std::string leaf = path.filename().string();
+  std::string entry;
+  if (leaf.empty() || leaf == "." || leaf == "..") {
+    entry = ZoGetCanonicalPath(name);
+  } else {
+    const fs::path parent = path.has_parent_path() ? path.parent_path() : fs::path(".");
+    entry = ZoGetCanonicalPath(parent.string().c_str());
+    if (entry.empty()) return false;
+    if (entry.back() != '/') entry += '/';
+    entry += leaf;
+  }
+  return entry == openName;
 }
 
 // Removes the file at path through the platform layer; a failure throws
@@ -51,28 +62,34 @@ void RemoveOrThrow(const std::string& path) {
 }  // namespace
 
 CompoundFileStreamSource::Error CompoundFileStreamSource::SaveAs(const char* newName) {
-  if (newName == nullptr || *newName == '\0') return FileOperationFailed;
-  const char* openName = mCompoundFile->GetCompoundFileName();
-  if ((openName != nullptr && SameFile(newName, openName)) ||
-      (mCompoundFileName != nullptr && SameFile(newName, mCompoundFileName)))
-    return FileOperationFailed;
+  bool sound = false;
+  return WriteCopy(newName, &sound);
+}
 
+std::istream* CompoundFileStreamSource::OpenForCopy(const char* name) {
+  std::string path;
+  if (WorkingFile(name, &path)) {
+    if (std::istream* input = GetIStream(name)) return input;
+    const fs::file_status status = fs::symlink_status(fs::path(path));
+    if (fs::exists(status) && !fs::is_directory(status)) return nullptr;
+  }
+  // No working file can serve: the stored stream, straight from the file.
+  return mCompoundFile->GetIOStream(name, "rb");
+}
+
+CompoundFileStreamSource::Error CompoundFileStreamSource::WriteCopy(const char* newName,
+                                                                    bool* sound) {
+  *sound = false;
+  const char* targetName = newName != nullptr ? newName : "";
+  if (IsOpenFile(targetName, mCompoundFile->GetCompoundFileName())) return FileOperationFailed;
   CompoundFile target;
   const boost::shared_ptr<const std::set<std::string>> names = GetFileNames();
   try {
-    RemoveOrThrow(newName);
-    if (target.Open(newName, ZoStreamE::OpenReadWrite) != ZoStreamE::StatusOk)
+    if (*targetName != '\0') RemoveOrThrow(targetName);
+    if (target.Open(targetName, ZoStreamE::OpenReadWrite) != ZoStreamE::StatusOk)
       return CompoundFileNotAvailable;
     for (const std::string& name : *names) {
-      std::unique_ptr<std::basic_istream<char>> input;
-      std::string path;
-      if (!WorkingFile(name.c_str(), &path) || path.size() >= tz::kMaxPath) {
-        // No working file can exist for this name: copy it straight from
-        // the compound file, so that a rewrite never loses it.
-        input.reset(mCompoundFile->GetIOStream(name.c_str(), "rb"));
-      } else {
-        input.reset(GetIStream(name.c_str()));
-      }
+      std::unique_ptr<std::istream> input(OpenForCopy(name.c_str()));
       if (input == nullptr) return FileOperationFailed;
       const Error result = CopyToBlockFile(target, *input, name.c_str());
       if (result != NoError) return result;
@@ -81,6 +98,10 @@ CompoundFileStreamSource::Error CompoundFileStreamSource::SaveAs(const char* new
     return FileOperationFailed;
   }
   mIsDirty = false;
+  // Each stream's release has written its blocks and the directory; what
+  // the target's close adds is the saved map, which a new open can do
+  // without.
+  *sound = target.GetStatus() == ZoStreamE::StatusOk;
   return NoError;
 }
 
@@ -133,30 +154,14 @@ void CompoundFileStreamSource::CompactCompoundFile() {
 
   bool oldGone = false;
   try {
-    if (SaveAs(tempName.c_str()) != NoError) throw Exception("The file could not be copied");
-    // The old file goes only once the new one is known to be complete: it
-    // opens cleanly and holds every stream the source lists, at its size.
-    {
-      CompoundFile check;
-      bool complete = check.Open(tempName.c_str(), ZoStreamE::OpenReadOnly) ==
-                      ZoStreamE::StatusOk;
-      if (complete) {
-        const boost::shared_ptr<const std::set<std::string>> names = GetFileNames();
-        for (const std::string& name : *names) {
-          if (name == kFreeListName) continue;  // rewritten by every close
-          const DirEntry* entry = check.FindDirEntry(name.c_str());
-          std::string path;
-          const bool viaFolder = WorkingFile(name.c_str(), &path) && path.size() < tz::kMaxPath;
-          const DirEntry* stored = mCompoundFile->FindDirEntry(name.c_str());
-          const std::uint32_t size = viaFolder ? GetStreamSize(name.c_str())
-                                               : (stored != nullptr ? stored->size : 0);
-          if (entry == nullptr || entry->size != size) {
-            complete = false;
-            break;
-          }
-        }
-      }
-      if (!complete) throw Exception("The file could not be copied");
+    // A copy whose writes failed somewhere (a full disk) must not take the
+    // old file's place, and the changes it did not get stay pending.
+    const bool wasDirty = mIsDirty;
+    bool sound = false;
+    if (WriteCopy(tempName.c_str(), &sound) != NoError) throw Exception("The file could not be copied");
+    if (!sound) {
+      mIsDirty = wasDirty;
+      throw Exception("The file could not be copied");
     }
     if (Close(DiscardChanges, false) != NoError) throw Exception("The old file could not be closed");
     RemoveOrThrow(filePath.string());

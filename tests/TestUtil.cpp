@@ -259,4 +259,11 @@ bool FaultyEnv::Rename(const std::string& from, const std::string& to,
   return Allow(Fault::kRename) ? tz::Env::Default()->Rename(from, to, error) : Failed(error);
 }
 
+// Making a folder fails as an open does on a full or read-only disk.
+bool FaultyEnv::MakeUniqueFolder(const std::string& prefix, std::string* made,
+                                 boost::system::error_code& error) {
+  return Allow(Fault::kOpen) ? tz::Env::Default()->MakeUniqueFolder(prefix, made, error)
+                             : Failed(error);
+}
+
 }  // namespace tztest

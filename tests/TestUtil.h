@@ -105,6 +105,8 @@ class FaultyEnv : public tz::Env {
   bool RemoveAll(const std::string& path, boost::system::error_code& error) override;
   bool Rename(const std::string& from, const std::string& to,
               boost::system::error_code& error) override;
+  bool MakeUniqueFolder(const std::string& prefix, std::string* made,
+                        boost::system::error_code& error) override;
   std::int64_t Now() override { return tz::Env::Default()->Now(); }
 
   void Reset(Fault kind, int failAt) { kind_ = kind; failAt_ = failAt; calls_ = 0; }

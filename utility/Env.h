@@ -3,8 +3,8 @@
 //
 // RandomAccessFile is one open file: positional reads and writes and its
 // size. Env opens such files (creating and locking them), opens ordinary
-// files as stream buffers (the working folder's files), removes and renames
-// files, and reads the clock. CurrentEnv() is the process-wide instance;
+// files as stream buffers (the working folder's files), makes folders,
+// removes and renames files, and reads the clock. CurrentEnv() is the process-wide instance;
 // SetEnv() lets a test put its own in place (for instance one that fails
 // the Nth write, read, sync, open, rename or remove) and put the default
 // back with null.
@@ -16,7 +16,8 @@
 //   standard file buffer's own read errors); a write error is a short put
 //   or eof from overflow; a failed sync returns -1.
 // - OpenLocked and OpenFileBuffer: null.
-// - Remove, RemoveAll and Rename: false, with the reason in `error`.
+// - Remove, RemoveAll, MakeUniqueFolder and Rename: false, with the reason
+//   in `error`.
 //
 // Thread safety: the default Env and its files may be used from several
 // threads; a RandomAccessFile itself is used by one thread at a time (the
@@ -82,6 +83,12 @@ class Env {
   // when nothing is left; false, with the reason in `error`, otherwise
   // (what was removed by then stays removed).
   virtual bool RemoveAll(const std::string& path, boost::system::error_code& error);
+  // Makes a new folder named `prefix` followed by six characters chosen to
+  // make the name one that did not exist, open to its owner only; `made`
+  // receives its path. False, with the reason in `error`, when none can be
+  // made.
+  virtual bool MakeUniqueFolder(const std::string& prefix, std::string* made,
+                                boost::system::error_code& error);
   // Renames `from` to `to`, replacing a file there. False, with the reason
   // in `error`, when it fails; both names are then as they were.
   virtual bool Rename(const std::string& from, const std::string& to,

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <ctime>
 #include <fstream>
 
@@ -116,6 +117,18 @@ bool Env::Remove(const std::string& path, boost::system::error_code& error) {
 bool Env::RemoveAll(const std::string& path, boost::system::error_code& error) {
   boost::filesystem::remove_all(boost::filesystem::path(path), error);
   return !error;
+}
+
+bool Env::MakeUniqueFolder(const std::string& prefix, std::string* made,
+                           boost::system::error_code& error) {
+  std::string name = prefix + "XXXXXX";
+  if (::mkdtemp(&name[0]) == nullptr) {
+    error = boost::system::error_code(errno, boost::system::system_category());
+    return false;
+  }
+  *made = name;
+  error.clear();
+  return true;
 }
 
 bool Env::Rename(const std::string& from, const std::string& to,

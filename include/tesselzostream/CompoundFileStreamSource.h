@@ -236,13 +236,20 @@ class TZ_EXPORT CompoundFileStreamSource : public CompundFileBase {
 
   /// Writes the current streams, as GetFileNames lists them, into a new
   /// unencrypted compound file `newName`, reading each through GetIStream
-  /// (so each is extracted if need be). The source stays on its own file and
-  /// is clean afterwards. Results: FileOperationFailed for a file system
-  /// error, for a stream that cannot be read, and for `newName` naming the
-  /// open compound file itself (checked before anything is touched, so that
-  /// file stays as it was); CompoundFileNotAvailable when the new file can't
-  /// be opened; the copy's failure otherwise. A file `newName` is removed
-  /// before the new one is made, so a later failure has destroyed it.
+  /// (so each is extracted if need be), in ascending order; of two names
+  /// that differ only in letter case the later replaces the earlier. The
+  /// source stays on its own file and is clean afterwards. A listed stream
+  /// that no working file can serve (a name the safety rule refuses, a path
+  /// of 260 characters or more that extraction refuses) is copied straight
+  /// from the compound file, so that no rewrite loses it. A file `newName`
+  /// is removed first, so a later failure has destroyed it. Results:
+  /// CompoundFileNotAvailable when the new file can't be opened (an empty
+  /// or null name among them); FileOperationFailed for a file system error,
+  /// a stream that cannot be read, and for `newName` naming the directory
+  /// entry of the open compound file itself (checked before anything is
+  /// touched, so that file stays as it was; another link to it is another
+  /// name, which is replaced); the copy's failure otherwise. The outcome of
+  /// closing the new file is not examined.
   Error SaveAs(const char* newName);
   /// How many bytes a rewrite would gain: the file's size less the blocks the
   /// streams need, counting the deletions and changed working files still
@@ -252,18 +259,20 @@ class TZ_EXPORT CompoundFileStreamSource : public CompundFileBase {
   /// the folder walk passes to the caller.
   unsigned long GetUnUsedFileSpace() const;
   /// Rewrites the file through SaveAs into "kelvoptmpA.zvp" (B, C ... Y: the
-  /// first free name) beside it, checks that the new file opens and holds
-  /// every stream, then closes the source (discarding, since the changes are
-  /// in the new file), replaces the file by the new one and opens it again
-  /// with a new working directory. The old file stays until the new one is
-  /// complete. Does nothing for a handle with a bad status or opened
-  /// read-only. Throws Exception with one of: "Temporary file name could not
-  /// be generated.", "The file could not be copied", "The old file could not
-  /// be closed", "The compacted file could not be opened", "The file could
-  /// not be compacted." (a file system error while the old file is still
-  /// there), or "The temporary file could not be renamed." followed by
-  /// `"\nThe new file name is "` and the temporary file's leaf name when the
-  /// source could be reopened on it.
+  /// first free name) beside it, closes the source (discarding, since the
+  /// changes are in the new file), removes the file, renames the new one to
+  /// its name and opens it again with a new working directory. Does nothing
+  /// for a handle with a bad status or opened read-only. A new file that met
+  /// a failed write anywhere (a full disk) does not replace the old one: the
+  /// compaction then throws "The file could not be copied" with the dirty
+  /// flag as it was before, so no pending change is lost. Throws Exception
+  /// with one of: "Temporary file name could not be generated.", "The file
+  /// could not be copied", "The old file could not be closed", "The
+  /// compacted file could not be opened", "The file could not be
+  /// compacted." (a file system error while the old file is still there),
+  /// or "The temporary file could not be renamed." followed by `"\nThe new
+  /// file name is "` and the temporary file's leaf name when the source
+  /// could be reopened on it.
   void CompactCompoundFile();
   /// @}
 
@@ -288,6 +297,13 @@ class TZ_EXPORT CompoundFileStreamSource : public CompundFileBase {
   // file behind.
   bool ExtractFile(const char* name) const;
   void BuildCurrentFileSet() const;
+  // SaveAs, telling in `sound` whether every write into the new file went
+  // well (compaction replaces the old file only then).
+  Error WriteCopy(const char* newName, bool* sound);
+  // The stream `name` as SaveAs copies it: GetIStream, or the stored stream
+  // itself when no working file can serve it (a name the safety rule
+  // refuses, a path too long to extract to). Null when there is none.
+  std::istream* OpenForCopy(const char* name);
   // Creates or replaces stream `name` in `target` with the rest of `input`,
   // copied in large chunks until the first short read.
   static Error CopyToBlockFile(CompoundFile& target, std::istream& input, const char* name);

@@ -94,4 +94,75 @@ TEST_F(WholeFileTest, CompactionRefusalsAndFailures) {
   source->Close(Source::DiscardChanges, false);
 }
 
+// A working path of 260 characters or more limits StreamExists and
+// extraction only: SaveAs reads a working file through GetIStream whatever
+// its length, so neither it nor compaction loses a change to such a name,
+// and a stored stream that cannot be extracted is copied as it is stored.
+TEST_F(WholeFileTest, LongWorkingPathsLoseNothing) {
+  const std::size_t folder = work.size() + 1;
+  ASSERT_LT(folder, 200u);
+  const std::string changed(265 - folder, 'c'), added(266 - folder, 'a'), kept(267 - folder, 'k');
+  Store({{changed, "old"}, {kept, "stored"}});
+  auto source = Opened();
+  EXPECT_TRUE(Fill(source->GetOStream(changed.c_str()), "NEW CONTENT"));
+  EXPECT_TRUE(Fill(source->GetOStream(added.c_str()), "added"));
+  EXPECT_EQ("NEW CONTENT", Drain(source->GetIStream(changed.c_str())));
+  const std::map<std::string, std::string> expected = {
+      {changed, "NEW CONTENT"}, {added, "added"}, {kept, "stored"}};
+
+  const std::string copy = dir.Path("b.tzcf");
+  ASSERT_EQ(Source::NoError, source->SaveAs(copy.c_str()));
+  EXPECT_EQ(expected, Stored(copy));
+  source->SetIsDirty(true);
+  source->CompactCompoundFile();
+  EXPECT_FALSE(fs::exists(dir.Path("kelvoptmpA.zvp")));
+  EXPECT_FALSE(source->IsDirty());
+  source->Close(Source::DiscardChanges, false);
+  EXPECT_EQ(expected, Stored());
+}
+
+// Names that differ only in letter case are two working files but one
+// stream: SaveAs writes them in ascending order, so "foo" replaces "FOO",
+// and compaction goes through with it.
+TEST_F(WholeFileTest, CompactionTakesNamesThatDifferInCase) {
+  Store({{"FOO", "12345"}});
+  auto source = Opened();
+  EXPECT_TRUE(Fill(source->GetOStream("foo"), "123456789"));
+  source->CompactCompoundFile();
+  EXPECT_FALSE(fs::exists(dir.Path("kelvoptmpA.zvp")));
+  EXPECT_FALSE(source->IsDirty());
+  EXPECT_EQ("123456789", Drain(source->GetIStream("FOO")));
+  source->Close(Source::DiscardChanges, false);
+  const std::map<std::string, std::string> expected = {{"foo", "123456789"}};
+  EXPECT_EQ(expected, Stored());
+}
+
+// SaveAs refuses only the open file's own name. A name set for the next
+// Open, another link to the open file, and an empty name go the way of the
+// steps: replaced, replaced, and no file to open.
+TEST_F(WholeFileTest, SaveAsTargetsOtherThanTheOpenFile) {
+  Store({{"a", "1"}});
+  auto source = Opened();
+  const auto original = tztest::ReadAll(file);
+  const std::string next = dir.Path("next.tzcf");
+  tztest::WriteAll(next, {'x'});
+  source->SetCompoundFileName(next.c_str());
+  ASSERT_EQ(Source::NoError, source->SaveAs(next.c_str()));
+  EXPECT_EQ("1", Stored(next).at("a"));
+
+  const std::string link = dir.Path("link.tzcf");
+  ASSERT_EQ(0, ::link(file.c_str(), link.c_str()));
+  ASSERT_EQ(Source::NoError, source->SaveAs(link.c_str()));
+  EXPECT_EQ(original, tztest::ReadAll(file));
+  EXPECT_FALSE(fs::equivalent(file, link));  // a new file under that name
+  EXPECT_EQ("1", Stored(link).at("a"));
+
+  const std::string spelled = dir.path() + "/./doc.tzcf";
+  EXPECT_EQ(Source::FileOperationFailed, source->SaveAs(spelled.c_str()));
+  EXPECT_EQ(Source::CompoundFileNotAvailable, source->SaveAs(""));
+  EXPECT_EQ(Source::CompoundFileNotAvailable, source->SaveAs(nullptr));
+  EXPECT_EQ(original, tztest::ReadAll(file));
+  source->Close(Source::DiscardChanges, false);
+}
+
 }  // namespace
