@@ -32,6 +32,13 @@ CompoundFile& CompoundFile::operator=(const CompoundFile& other) {  // NOLINT(bu
   return *this;
 }
 
+void CompoundFile::ShareFrom(const CompoundFile& other) {
+  BlockFileCore* old = core_;
+  core_ = other.core_;
+  if (core_ != nullptr) core_->Retain();  // before the release: the two may be one file
+  if (old != nullptr) old->Release(nullptr);
+}
+
 Status CompoundFile::Open(const char* name, ZoStreamE::OpenMode mode) {
   if (core_ != nullptr) {
     BlockFileCore* old = core_;

@@ -58,11 +58,11 @@ CompoundFileStreamSource::Error CompoundFileStreamSource::Open(OpenMode mode, bo
         result = DirectoryExists;
       } else {
         fs::create_directory(folder);
-        if (mCompoundFile->Open(mCompoundFileName, fileMode) != ZoStreamE::StatusOk)
+        if (mCompoundFile.Open(mCompoundFileName, fileMode) != ZoStreamE::StatusOk)
           result = CompoundFileNotAvailable;
       }
     } else {
-      if (mCompoundFile->Open(mCompoundFileName, fileMode) != ZoStreamE::StatusOk)
+      if (mCompoundFile.Open(mCompoundFileName, fileMode) != ZoStreamE::StatusOk)
         result = CompoundFileNotAvailable;
       else if (!fs::exists(folder))
         result = DirectoryMissing;
@@ -97,7 +97,7 @@ CompoundFileStreamSource::Error CompoundFileStreamSource::Close(CloseMode mode, 
   mDeletedFiles->clear();
   mExtractedFiles->clear();
   mTempFiles->clear();
-  mCompoundFile->Close();
+  mCompoundFile.Close();
   return NoError;
 }
 

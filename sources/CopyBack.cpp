@@ -41,16 +41,16 @@ CompoundFileStreamSource::Error CompoundFileStreamSource::CopyToBlockFile(
 
 CompoundFileStreamSource::Error CompoundFileStreamSource::CopyToBlockFile(bool copyAll) {
   if (mIsReadOnly) return CompoundFileNotAvailable;
-  if (mCompoundFile->GetStatus() != ZoStreamE::StatusOk) return CompoundFileNotAvailable;
+  if (mCompoundFile.GetStatus() != ZoStreamE::StatusOk) return CompoundFileNotAvailable;
   const std::string folderName(mDirectoryName != nullptr ? mDirectoryName : "");
   const fs::path folder(folderName);
 
   // Copies one working file; its leaf name is the stream's name.
   auto copyFile = [&](const std::string& path, const std::string& leaf) -> Error {
     std::unique_ptr<std::istream> input(
-        tz::OpenFileStream<std::istream>(path, std::ios::in | std::ios::binary));
+        tz::OpenFileStream<std::ifstream>(path, std::ios::in | std::ios::binary));
     if (input == nullptr) return FileOperationFailed;
-    return CopyToBlockFile(*mCompoundFile, *input, leaf.c_str());
+    return CopyToBlockFile(mCompoundFile, *input, leaf.c_str());
   };
 
   if (copyAll) {
@@ -62,24 +62,25 @@ CompoundFileStreamSource::Error CompoundFileStreamSource::CopyToBlockFile(bool c
       if (result != NoError) return result;
     }
   } else {
-    for (const std::string& name : *mDeletedFiles) mCompoundFile->DeleteCFFile(name.c_str());
+    for (const std::string& name : *mDeletedFiles) mCompoundFile.DeleteCFFile(name.c_str());
     mDeletedFiles->clear();
-    // The folder shares one prefix, so ordering leaf names orders the paths.
+    // Full paths as the walk gives them, in ascending order.
     std::set<std::string> changed;
     for (fs::directory_iterator it(folder), end; it != end; ++it) {
       if (fs::is_directory(it->status())) continue;
-      std::string leaf = it->path().filename().string();
+      const std::string leaf = it->path().filename().string();
       if (mExtractedFiles->count(leaf) != 0 || mTempFiles->count(leaf) != 0 || IsMarker(leaf))
         continue;
-      changed.insert(std::move(leaf));
+      changed.insert(it->path().string());
     }
-    for (const std::string& leaf : changed) {
-      const Error result = copyFile(folderName + leaf, leaf);
+    for (const std::string& path : changed) {
+      const std::string leaf = fs::path(path).filename().string();
+      const Error result = copyFile(path, leaf);
       if (result != NoError) return result;
       mExtractedFiles->insert(leaf);
     }
   }
   mIsDirty = false;
-  mCompoundFile->Flush();
+  mCompoundFile.Flush();
   return NoError;
 }

@@ -16,9 +16,11 @@ namespace {
 
 // Copies the rest of `input` into the file at `path` (created or emptied)
 // in one buffer of `chunk` bytes; true when every byte got there, flushed.
-bool CopyOut(std::istream& input, const std::string& path, std::size_t chunk) {
+// `opened` tells whether the file was opened (and so created or emptied).
+bool CopyOut(std::istream& input, const std::string& path, std::size_t chunk, bool* opened) {
   std::unique_ptr<std::ostream> output(
-      tz::OpenFileStream<std::ostream>(path, std::ios::out | std::ios::trunc | std::ios::binary));
+      tz::OpenFileStream<std::ofstream>(path, std::ios::out | std::ios::trunc | std::ios::binary));
+  *opened = output != nullptr;
   if (output == nullptr) return false;
   std::unique_ptr<char[]> buffer(new char[chunk]);
   std::streamsize count;
@@ -50,26 +52,28 @@ bool IsPresent(const std::string& path) {
 // place, keeping what it is (its permissions, a link to it), and removed if
 // the copy fails, so that the stored stream stands again.
 bool CompoundFileStreamSource::ExtractFile(const char* name) const {
-  if (mCompoundFile->GetStatus() != ZoStreamE::StatusOk) return false;
+  if (mCompoundFile.GetStatus() != ZoStreamE::StatusOk) return false;
   std::string path;
   if (!WorkingFile(name, &path) || path.size() >= tz::kMaxPath) return false;
-  std::unique_ptr<std::basic_iostream<char>> input(mCompoundFile->GetIOStream(name, "rb"));
+  std::unique_ptr<std::basic_iostream<char>> input(mCompoundFile.GetIOStream(name, "rb"));
   if (input == nullptr) return false;
-  const DirEntry* entry = mCompoundFile->FindDirEntry(name);
+  const DirEntry* entry = mCompoundFile.FindDirEntry(name);
   const std::size_t chunk = tz::CopyChunkFor(entry != nullptr ? entry->size : ~std::uint64_t{0});
   tz::Env* env = tz::CurrentEnv();
   boost::system::error_code error;
 
   const std::string folder(mDirectoryName != nullptr ? mDirectoryName : "");
+  bool opened = false;
   if (IsPresent(path) || folder.empty()) {
-    if (CopyOut(*input, path, chunk)) return true;
-    env->Remove(path, error);
+    if (CopyOut(*input, path, chunk, &opened)) return true;
+    if (opened) env->Remove(path, error);  // what could not be opened stays as it was
     return false;
   }
   std::string staging;
-  if (!env->MakeUniqueFolder(folder + tz::kStagingPrefix, &staging, error)) return false;
+  const std::string inside = folder.back() == '/' ? folder : folder + '/';
+  if (!env->MakeUniqueFolder(inside + tz::kStagingPrefix, &staging, error)) return false;
   const std::string staged = staging + "/s";
-  const bool complete = CopyOut(*input, staged, chunk) && env->Rename(staged, path, error);
+  const bool complete = CopyOut(*input, staged, chunk, &opened) && env->Rename(staged, path, error);
   env->RemoveAll(staging, error);
   return complete;
 }

@@ -25,35 +25,34 @@ PureCompoundFileStreamSource& PureCompoundFileStreamSource::operator=(
 }
 
 PureCompoundFileStreamSource::~PureCompoundFileStreamSource() {
-  // Only the last holder closes; the others leave the shared handle alone.
-  if (mCompoundFile.use_count() == 1) mCompoundFile->Close();
+  mCompoundFile.Close();  // this copy's own reference
 }
 
 bool PureCompoundFileStreamSource::Open(const char* name, bool readOnly) {
   mIsReadOnly = readOnly;
-  return mCompoundFile->Open(name, readOnly ? OpenReadOnly : OpenReadWrite) ==
+  return mCompoundFile.Open(name, readOnly ? OpenReadOnly : OpenReadWrite) ==
          ZoStreamE::StatusOk;
 }
 
-void PureCompoundFileStreamSource::Close() { mCompoundFile->Close(); }
+void PureCompoundFileStreamSource::Close() { mCompoundFile.Close(); }
 
 void PureCompoundFileStreamSource::DeleteSource(const char* name) const {
   if (mIsReadOnly) return;
-  mCompoundFile->DeleteCFFile(name);
+  mCompoundFile.DeleteCFFile(name);
 }
 
 bool PureCompoundFileStreamSource::StreamExists(const char* name) const {
-  return mCompoundFile->Exists(name);
+  return mCompoundFile.Exists(name);
 }
 
 std::basic_istream<char>* PureCompoundFileStreamSource::GetIStream(const char* name) const {
-  return mCompoundFile->GetIOStream(name, "rb");
+  return mCompoundFile.GetIOStream(name, "rb");
 }
 
 std::basic_iostream<char>* PureCompoundFileStreamSource::GetIOStream(const char* name) const {
   if (mIsReadOnly) return nullptr;
   if (name != nullptr) mTempFiles.erase(name);
-  return mCompoundFile->GetIOStream(name, "r+b");
+  return mCompoundFile.GetIOStream(name, "r+b");
 }
 
 bool PureCompoundFileStreamSource::CleanUp() { return false; }
@@ -61,7 +60,7 @@ bool PureCompoundFileStreamSource::CleanUp() { return false; }
 ZoStreamSource* PureCompoundFileStreamSource::GetStreamSource(const char* name) const {
   PureCompoundFileStreamSource* source = new PureCompoundFileStreamSource();
   source->mIsReadOnly = mIsReadOnly;
-  source->mCompoundFile->Open(name, mIsReadOnly ? OpenReadOnly : OpenReadWrite);
+  source->mCompoundFile.Open(name, mIsReadOnly ? OpenReadOnly : OpenReadWrite);
   return source;
 }
 
@@ -69,32 +68,32 @@ std::basic_iostream<char>* PureCompoundFileStreamSource::GetTempIOStream(
     const char* name) const {
   if (mIsReadOnly) return nullptr;
   if (name != nullptr) mTempFiles.insert(name);
-  return mCompoundFile->GetIOStream(name, "r+b");
+  return mCompoundFile.GetIOStream(name, "r+b");
 }
 
 std::basic_ostream<char>* PureCompoundFileStreamSource::GetTempOStream(const char* name) const {
   if (mIsReadOnly) return nullptr;
   if (name != nullptr) mTempFiles.insert(name);
-  return mCompoundFile->GetIOStream(name, "wb");
+  return mCompoundFile.GetIOStream(name, "wb");
 }
 
 std::basic_ostream<char>* PureCompoundFileStreamSource::GetOStream(const char* name) const {
   if (mIsReadOnly) return nullptr;
   if (name != nullptr) mTempFiles.erase(name);
-  return mCompoundFile->GetIOStream(name, "wb");
+  return mCompoundFile.GetIOStream(name, "wb");
 }
 
 boost::shared_ptr<const std::set<std::string>> PureCompoundFileStreamSource::GetFileNames()
     const {
   boost::shared_ptr<std::set<std::string>> names(new std::set<std::string>());
   unsigned long cursor = 0;
-  for (const char* name = mCompoundFile->GetFirstDirName(&cursor); name != nullptr;
-       name = mCompoundFile->GetNextDirName(&cursor)) {
+  for (const char* name = mCompoundFile.GetFirstDirName(&cursor); name != nullptr;
+       name = mCompoundFile.GetNextDirName(&cursor)) {
     names->insert(name);
   }
   return names;
 }
 
 const char* PureCompoundFileStreamSource::GetStreamFileName() const {
-  return mCompoundFile->GetCompoundFileName();
+  return mCompoundFile.GetCompoundFileName();
 }

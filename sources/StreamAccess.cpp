@@ -28,6 +28,14 @@ bool CompoundFileStreamSource::WorkingFile(const char* name, std::string* path) 
   return true;
 }
 
+bool CompoundFileStreamSource::JoinedWorkingFile(const char* name, std::string* path) const {
+  std::string folder(mDirectoryName != nullptr ? mDirectoryName : "");
+  if (!folder.empty() && folder.back() != '/') folder += '/';
+  if (!tz::IsInsideFolder(folder, name)) return false;
+  *path = folder + name;
+  return true;
+}
+
 bool CompoundFileStreamSource::StreamExists(const char* name) const {
   if (name == nullptr) return false;
   const std::size_t folderLength = mDirectoryName != nullptr ? std::strlen(mDirectoryName) : 0;
@@ -36,8 +44,8 @@ bool CompoundFileStreamSource::StreamExists(const char* name) const {
   if (!WorkingFile(name, &path)) return false;
   if (PathExists(path)) return true;
   if (mDeletedFiles->count(name) != 0) return false;
-  if (mCompoundFile->GetStatus() != ZoStreamE::StatusOk) return false;
-  return mCompoundFile->Exists(name);
+  if (mCompoundFile.GetStatus() != ZoStreamE::StatusOk) return false;
+  return mCompoundFile.Exists(name);
 }
 
 std::basic_istream<char>* CompoundFileStreamSource::GetIStream(const char* name) const {
@@ -46,9 +54,8 @@ std::basic_istream<char>* CompoundFileStreamSource::GetIStream(const char* name)
   if (!PathExists(path) && mDeletedFiles->count(name) == 0) {
     if (ExtractFile(name)) mExtractedFiles->insert(name);
   }
-  const fs::file_status status = fs::status(path);  // throws on a file system error
-  if (!fs::exists(status) || fs::is_directory(status)) return nullptr;
-  return tz::OpenFileStream<std::istream>(path, std::ios::in | std::ios::binary);
+  if (!fs::exists(fs::path(path))) return nullptr;  // throws on a file system error
+  return tz::OpenFileStream<std::ifstream>(path, std::ios::in | std::ios::binary);
 }
 
 std::basic_ostream<char>* CompoundFileStreamSource::GetOStream(const char* name) const {
@@ -58,7 +65,7 @@ std::basic_ostream<char>* CompoundFileStreamSource::GetOStream(const char* name)
   mTempFiles->erase(name);
   mDeletedFiles->erase(name);
   std::ostream* stream =
-      tz::OpenFileStream<std::ostream>(path, std::ios::out | std::ios::trunc | std::ios::binary);
+      tz::OpenFileStream<std::ofstream>(path, std::ios::out | std::ios::trunc | std::ios::binary);
   if (stream == nullptr) return nullptr;
   mIsDirty = true;
   return stream;
@@ -72,7 +79,7 @@ std::basic_iostream<char>* CompoundFileStreamSource::GetIOStream(const char* nam
   mDeletedFiles->erase(name);
   if (!PathExists(path)) ExtractFile(name);
   std::iostream* stream =
-      tz::OpenFileStream<std::iostream>(path, std::ios::in | std::ios::out | std::ios::binary);
+      tz::OpenFileStream<std::fstream>(path, std::ios::in | std::ios::out | std::ios::binary);
   if (stream == nullptr) return nullptr;
   mIsDirty = true;
   return stream;
@@ -97,7 +104,7 @@ std::basic_iostream<char>* CompoundFileStreamSource::GetTempIOStream(const char*
 void CompoundFileStreamSource::DeleteSource(const char* name) const {
   if (!StreamExists(name)) return;
   std::string path;
-  if (!WorkingFile(name, &path)) return;
+  if (!JoinedWorkingFile(name, &path)) return;
   boost::system::error_code ignored;
   tz::CurrentEnv()->Remove(path, ignored);
   mDeletedFiles->insert(name);
@@ -106,13 +113,13 @@ void CompoundFileStreamSource::DeleteSource(const char* name) const {
 
 std::uint32_t CompoundFileStreamSource::GetStreamSize(const char* name) const {
   std::string path;
-  if (!WorkingFile(name, &path)) return 0;
+  if (!JoinedWorkingFile(name, &path)) return 0;
   if (mDeletedFiles->count(name) != 0) return 0;
   if (fs::exists(fs::path(path))) {
     struct stat info;
     return ::stat(path.c_str(), &info) == 0 ? static_cast<std::uint32_t>(info.st_size) : 0;
   }
-  const DirEntry* entry = mCompoundFile->FindDirEntry(name);
+  const DirEntry* entry = mCompoundFile.FindDirEntry(name);
   return entry != nullptr ? entry->size : 0;
 }
 
@@ -130,10 +137,10 @@ void CompoundFileStreamSource::BuildCurrentFileSet() const {
     std::string leaf = it->path().filename().string();
     if (mDeletedFiles->count(leaf) == 0) mCurrentFileSet->insert(std::move(leaf));
   }
-  if (mCompoundFile->GetStatus() != ZoStreamE::StatusOk) return;
+  if (mCompoundFile.GetStatus() != ZoStreamE::StatusOk) return;
   unsigned long cursor = 0;
-  for (const char* name = mCompoundFile->GetFirstDirName(&cursor); name != nullptr;
-       name = mCompoundFile->GetNextDirName(&cursor)) {
+  for (const char* name = mCompoundFile.GetFirstDirName(&cursor); name != nullptr;
+       name = mCompoundFile.GetNextDirName(&cursor)) {
     if (mDeletedFiles->count(name) == 0) mCurrentFileSet->insert(name);
   }
 }

@@ -51,6 +51,12 @@ bool IsOpenFile(const char* name, const char* openName) {
   return entry == openName;
 }
 
+// True when `name` is another link to the open file `openName`.
+bool IsOtherNameOf(const char* name, const char* openName) {
+  boost::system::error_code error;
+  return openName != nullptr && fs::equivalent(fs::path(name), fs::path(openName), error) && !error;
+}
+
 // Removes the file at path through the platform layer; a failure throws
 // as the file system's own remove does, so that one handler covers both.
 void RemoveOrThrow(const std::string& path) {
@@ -70,21 +76,27 @@ std::istream* CompoundFileStreamSource::OpenForCopy(const char* name) {
   std::string path;
   if (WorkingFile(name, &path)) {
     if (std::istream* input = GetIStream(name)) return input;
-    const fs::file_status status = fs::symlink_status(fs::path(path));
-    if (fs::exists(status) && !fs::is_directory(status)) return nullptr;
+    if (fs::exists(fs::symlink_status(fs::path(path)))) return nullptr;
   }
   // No working file can serve: the stored stream, straight from the file.
-  return mCompoundFile->GetIOStream(name, "rb");
+  return mCompoundFile.GetIOStream(name, "rb");
 }
 
 CompoundFileStreamSource::Error CompoundFileStreamSource::WriteCopy(const char* newName,
                                                                     bool* sound) {
   *sound = false;
   const char* targetName = newName != nullptr ? newName : "";
-  if (IsOpenFile(targetName, mCompoundFile->GetCompoundFileName())) return FileOperationFailed;
+  if (IsOpenFile(targetName, mCompoundFile.GetCompoundFileName())) return FileOperationFailed;
   CompoundFile target;
   const boost::shared_ptr<const std::set<std::string>> names = GetFileNames();
   try {
+    // A file that another open holds is not removed: the holder would go
+    // on writing into a file without a name (a file held in this process
+    // would even be joined, not made anew). Another name of the file this
+    // source holds is no such case: removing it leaves the open file alone.
+    if (*targetName != '\0' && tz::CurrentEnv()->IsLocked(targetName) &&
+        !IsOtherNameOf(targetName, mCompoundFile.GetCompoundFileName()))
+      return FileOperationFailed;
     if (*targetName != '\0') RemoveOrThrow(targetName);
     if (target.Open(targetName, ZoStreamE::OpenReadWrite) != ZoStreamE::StatusOk)
       return CompoundFileNotAvailable;
@@ -106,13 +118,13 @@ CompoundFileStreamSource::Error CompoundFileStreamSource::WriteCopy(const char* 
 }
 
 unsigned long CompoundFileStreamSource::GetUnUsedFileSpace() const {
-  if (mCompoundFile->IsReadOnly()) return 0;
+  if (mCompoundFile.IsReadOnly()) return 0;
   // Unsigned 32-bit arithmetic throughout, wrap-around included.
-  std::uint32_t liveEntries = static_cast<std::uint32_t>(mCompoundFile->GetNumDirEntrys());
-  std::uint32_t dataBlocks = static_cast<std::uint32_t>(mCompoundFile->GetNumUsedBlocks()) -
+  std::uint32_t liveEntries = static_cast<std::uint32_t>(mCompoundFile.GetNumDirEntrys());
+  std::uint32_t dataBlocks = static_cast<std::uint32_t>(mCompoundFile.GetNumUsedBlocks()) -
                              CeilDiv(liveEntries, kEntriesPerBlock);
   auto forgetStored = [&](const char* name) {
-    const DirEntry* entry = mCompoundFile->FindDirEntry(name);
+    const DirEntry* entry = mCompoundFile.FindDirEntry(name);
     if (entry == nullptr) return;
     dataBlocks -= CeilDiv(entry->size, kPayload);
     liveEntries -= 1;
@@ -125,7 +137,7 @@ unsigned long CompoundFileStreamSource::GetUnUsedFileSpace() const {
     if (mExtractedFiles->count(leaf) != 0 || mTempFiles->count(leaf) != 0 ||
         ZoString::StrICmp(leaf.c_str(), tz::kMarkerName) == 0)
       continue;
-    dataBlocks += CeilDiv(StatSize32(folderName + leaf), kPayload);
+    dataBlocks += CeilDiv(StatSize32(it->path().string()), kPayload);
     liveEntries += 1;
     forgetStored(leaf.c_str());
   }
@@ -140,7 +152,7 @@ unsigned long CompoundFileStreamSource::GetUnUsedFileSpace() const {
 void CompoundFileStreamSource::CompactCompoundFile() {
   const fs::path filePath(mCompoundFileName != nullptr ? mCompoundFileName : "");
   const fs::path folder = filePath.parent_path();
-  if (mCompoundFile->GetStatus() != ZoStreamE::StatusOk || mCompoundFile->IsReadOnly()) return;
+  if (mCompoundFile.GetStatus() != ZoStreamE::StatusOk || mCompoundFile.IsReadOnly()) return;
 
   fs::path tempPath;
   for (char letter = 'A';;) {

@@ -183,8 +183,7 @@ class FaultyFile : public tz::RandomAccessFile {
 // throws, as the standard file buffer does on a read error.
 class FaultyBuffer : public std::streambuf {
  public:
-  FaultyBuffer(std::unique_ptr<std::streambuf> base, FaultyEnv* env)
-      : base_(std::move(base)), env_(env) {}
+  FaultyBuffer(std::streambuf* base, FaultyEnv* env) : base_(base), env_(env) {}
 
  protected:
   int_type underflow() override { Read(); return base_->sgetc(); }
@@ -220,7 +219,7 @@ class FaultyBuffer : public std::streambuf {
     if (!env_->Allow(Fault::kRead)) throw std::ios_base::failure("injected read error");
   }
 
-  std::unique_ptr<std::streambuf> base_;
+  std::streambuf* base_;  // the file buffer, which outlives this one
   FaultyEnv* env_;
 };
 
@@ -238,12 +237,11 @@ std::unique_ptr<tz::RandomAccessFile> FaultyEnv::OpenLocked(const std::string& p
   return std::unique_ptr<tz::RandomAccessFile>(new FaultyFile(std::move(base), this));
 }
 
-std::unique_ptr<std::streambuf> FaultyEnv::OpenFileBuffer(const std::string& path,
-                                                          std::ios_base::openmode mode) {
-  if (!Allow(Fault::kOpen)) return nullptr;
-  std::unique_ptr<std::streambuf> base = tz::Env::Default()->OpenFileBuffer(path, mode);
-  if (!base) return nullptr;
-  return std::unique_ptr<std::streambuf>(new FaultyBuffer(std::move(base), this));
+bool FaultyEnv::OpenFileBuffer(std::filebuf& buffer, const std::string& path,
+                               std::ios_base::openmode mode, std::unique_ptr<std::streambuf>* wrapper) {
+  if (!Allow(Fault::kOpen) || buffer.open(path, mode) == nullptr) return false;
+  wrapper->reset(new FaultyBuffer(&buffer, this));
+  return true;
 }
 
 bool FaultyEnv::Remove(const std::string& path, boost::system::error_code& error) {

@@ -99,8 +99,8 @@ class FaultyEnv : public tz::Env {
  public:
   std::unique_ptr<tz::RandomAccessFile> OpenLocked(const std::string& path,
                                                    bool writable) override;
-  std::unique_ptr<std::streambuf> OpenFileBuffer(const std::string& path,
-                                                 std::ios_base::openmode mode) override;
+  bool OpenFileBuffer(std::filebuf& buffer, const std::string& path, std::ios_base::openmode mode,
+                      std::unique_ptr<std::streambuf>* wrapper) override;
   bool Remove(const std::string& path, boost::system::error_code& error) override;
   bool RemoveAll(const std::string& path, boost::system::error_code& error) override;
   bool Rename(const std::string& from, const std::string& to,

@@ -15,7 +15,7 @@
 //   (the standard streams turn that into badbit, as they do for the
 //   standard file buffer's own read errors); a write error is a short put
 //   or eof from overflow; a failed sync returns -1.
-// - OpenLocked and OpenFileBuffer: null.
+// - OpenLocked: null; OpenFileBuffer: false.
 // - Remove, RemoveAll, MakeUniqueFolder and Rename: false, with the reason
 //   in `error`.
 //
@@ -27,6 +27,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <fstream>
 #include <ios>
 #include <istream>
 #include <memory>
@@ -69,12 +70,20 @@ class Env {
   virtual std::unique_ptr<RandomAccessFile> OpenLocked(const std::string& path,
                                                        bool writable) = 0;
 
-  // Opens the file at path as a stream buffer, with `mode` as
+  // Opens `buffer`, the standard file buffer of a file stream that the
+  // caller owns, on the file at path, with `mode` as
   // std::basic_filebuf::open takes it (in|binary reads an existing file,
   // out|trunc|binary creates or empties one, in|out|binary updates an
-  // existing one). Null when the open fails.
-  virtual std::unique_ptr<std::streambuf> OpenFileBuffer(const std::string& path,
-                                                         std::ios_base::openmode mode);
+  // existing one). The stream then runs on `buffer`, or on `*wrapper` when
+  // the Env sets one (a test's Env that watches the calls; it forwards to
+  // `buffer` and must go before it). False when the open fails.
+  virtual bool OpenFileBuffer(std::filebuf& buffer, const std::string& path,
+                              std::ios_base::openmode mode,
+                              std::unique_ptr<std::streambuf>* wrapper);
+
+  // True when a file exists at path and an open of it holds its lock (see
+  // OpenLocked), in this process or another.
+  virtual bool IsLocked(const std::string& path);
 
   // Removes the file or empty folder at path. True when it was removed or
   // did not exist; false, with the reason in `error`, otherwise.
@@ -100,26 +109,28 @@ class Env {
 
 Env* CurrentEnv();  // the Env in place; Env::Default() unless a test set one
 
-// A standard stream that owns the stream buffer it runs on; the buffer is
-// closed (and its output written) when the stream is destroyed. Stream is
-// std::istream, std::ostream or std::iostream.
-template <class Stream>
-class BufferOwningStream : public Stream {
+// A standard file stream (std::ifstream, std::ofstream or std::fstream)
+// opened through CurrentEnv(); closing it, at its destruction, writes its
+// output. A wrapper the Env set goes first, the file buffer after it.
+template <class FileStream>
+class EnvFileStream : public FileStream {
  public:
-  explicit BufferOwningStream(std::unique_ptr<std::streambuf> buffer)
-      : Stream(buffer.get()), buffer_(std::move(buffer)) {}
+  bool Open(const std::string& path, std::ios_base::openmode mode) {
+    if (!CurrentEnv()->OpenFileBuffer(*this->rdbuf(), path, mode, &wrapper_)) return false;
+    if (wrapper_) this->std::basic_ios<char>::rdbuf(wrapper_.get());
+    return true;
+  }
 
  private:
-  std::unique_ptr<std::streambuf> buffer_;
+  std::unique_ptr<std::streambuf> wrapper_;
 };
 
-// The stream on the file at path through CurrentEnv(), or null when it
-// cannot be opened.
-template <class Stream>
-Stream* OpenFileStream(const std::string& path, std::ios_base::openmode mode) {
-  std::unique_ptr<std::streambuf> buffer = CurrentEnv()->OpenFileBuffer(path, mode);
-  if (!buffer) return nullptr;
-  return new BufferOwningStream<Stream>(std::move(buffer));
+// The file stream on the file at path, or null when it cannot be opened.
+template <class FileStream>
+FileStream* OpenFileStream(const std::string& path, std::ios_base::openmode mode) {
+  std::unique_ptr<EnvFileStream<FileStream>> stream(new EnvFileStream<FileStream>);
+  if (!stream->Open(path, mode)) return nullptr;
+  return stream.release();
 }
 
 void SetEnv(Env* env);  // null restores Env::Default()

@@ -102,11 +102,17 @@ RandomAccessFile::~RandomAccessFile() = default;
 bool RandomAccessFile::Truncate(std::uint64_t) { return false; }
 Env::~Env() = default;
 
-std::unique_ptr<std::streambuf> Env::OpenFileBuffer(const std::string& path,
-                                                    std::ios_base::openmode mode) {
-  std::unique_ptr<std::filebuf> buffer(new std::filebuf);
-  if (buffer->open(path, mode) == nullptr) return nullptr;
-  return buffer;
+bool Env::OpenFileBuffer(std::filebuf& buffer, const std::string& path,
+                         std::ios_base::openmode mode, std::unique_ptr<std::streambuf>*) {
+  return buffer.open(path, mode) != nullptr;
+}
+
+bool Env::IsLocked(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) return false;
+  const bool held = ::flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+  ::close(fd);  // gives back the lock if this open took it
+  return held;
 }
 
 bool Env::Remove(const std::string& path, boost::system::error_code& error) {

@@ -153,6 +153,12 @@ class TZ_EXPORT CompoundFile {
   /// @}
 
  private:
+  friend class CompundFileBase;
+  // Makes this handle hold the file of `other` with a reference of its own
+  // (none without a file), giving up the one it held. Safe when both are
+  // one handle or hold one file.
+  void ShareFrom(const CompoundFile& other);
+
   BlockFileCore* core_;
 };
 

@@ -248,7 +248,9 @@ class TZ_EXPORT CompoundFileStreamSource : public CompundFileBase {
   /// a stream that cannot be read, and for `newName` naming the directory
   /// entry of the open compound file itself (checked before anything is
   /// touched, so that file stays as it was; another link to it is another
-  /// name, which is replaced); the copy's failure otherwise. The outcome of
+  /// name, which is replaced) and for a file that another open holds (in
+  /// this process or another; it stays as it was); the copy's failure
+  /// otherwise. The outcome of
   /// closing the new file is not examined.
   Error SaveAs(const char* newName);
   /// How many bytes a rewrite would gain: the file's size less the blocks the
@@ -292,6 +294,9 @@ class TZ_EXPORT CompoundFileStreamSource : public CompundFileBase {
   // Full path of the working file of `name`, or false for a name refused by
   // the safety rule.
   bool WorkingFile(const char* name, std::string* path) const;
+  // The same, with the folder and the name joined as paths: a separator
+  // between them even where the folder's name lacks its trailing '/'.
+  bool JoinedWorkingFile(const char* name, std::string* path) const;
   // Copies the stored stream `name` into its working file; true when the
   // file now holds the whole stream. A failed extraction leaves no working
   // file behind.

@@ -1,16 +1,12 @@
 /// @file
 /// CompundFileBase: a stream source tied to one compound file.
 ///
-/// Holds the CompoundFile handle that the concrete sources work on. The
-/// handle lives in a shared holder: a copy of a source (copy constructor or
-/// assignment) shares the holder, and with it the one reference on the file,
-/// instead of copying a raw reference that two objects would each release.
-/// Guarantees:
-/// - the reference is released exactly once: when any copy closes or reopens
-///   the handle (the other copies then see a handle without a file: null
-///   streams, StatusNotOpen, a null name), or when the last copy is destroyed;
-/// - an assignment drops the object's share of its old holder, so a reference
-///   that nobody else shares is released then and never stays held.
+/// Holds the CompoundFile handle that the concrete sources work on, by
+/// value. A copy of a source (copy constructor or assignment) holds the same
+/// file with a reference of its own, so that each copy's Close or
+/// destruction releases exactly one reference and the file closes when the
+/// last of them has gone; an assignment gives up the reference the object
+/// held before, so none stays held for ever.
 ///
 /// Thread rules: as CompoundFile; a source and its copies belong to one
 /// thread at a time.
@@ -19,26 +15,22 @@
 
 #include <string>
 
-#include <boost/shared_ptr.hpp>
-
 #include "tesselzostream/CompoundFile.h"
 #include "tesselzostream/Export.h"
 #include "tesselzostream/ZoStreamSource.h"
 
-/// A stream source tied to one compound file, whose handle copies of the
-/// source share (see CompundFileBase.h).
+/// A stream source tied to one compound file; each copy holds the file with
+/// a reference of its own (see CompundFileBase.h).
 class TZ_EXPORT CompundFileBase : public ZoStreamSource {
  public:
   /// A source with a handle that has no file yet.
   CompundFileBase();
-  /// Shares the holder of `other`, and with it the one reference on its
-  /// file.
+  /// Holds the file of `other` with a reference of its own.
   CompundFileBase(const CompundFileBase& other);
-  /// Drops this object's share of its old holder and shares the holder of
-  /// `other`.
+  /// Gives up the reference this object held and holds the file of `other`
+  /// with a reference of its own.
   CompundFileBase& operator=(const CompundFileBase& other);
-  /// Drops this object's share; the holder's last owner destroys the
-  /// CompoundFile handle, which releases the file.
+  /// Releases this object's reference, if it holds a file.
   ~CompundFileBase() override;
 
   /// The name the CompoundFile handle gives (its canonical path), as a
@@ -48,8 +40,9 @@ class TZ_EXPORT CompundFileBase : public ZoStreamSource {
   const char* GetCompoundFileName() const override;
 
  protected:
-  /// Never null. Shared between copies; see the class comment.
-  boost::shared_ptr<CompoundFile> mCompoundFile;
+  /// The handle on the compound file; without a file until one is opened.
+  /// Mutable: the constant operations of the sources open streams on it.
+  mutable CompoundFile mCompoundFile;
 };
 
 #endif  // TESSELZOSTREAM_COMPUNDFILEBASE_H_

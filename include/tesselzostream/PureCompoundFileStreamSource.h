@@ -16,8 +16,9 @@
 /// one entry for all letter cases of a name; nothing else reads it: a
 /// temporary stream is an ordinary stream of the file.
 ///
-/// Copies share the handle (see CompundFileBase): Close on any copy releases
-/// the file for all; the file is released once, never twice.
+/// Each copy holds the file with a reference of its own (see
+/// CompundFileBase): Close on a copy releases that copy's reference, and the
+/// file closes when the last copy has closed or gone.
 ///
 /// Reporting: null, false or silence; nothing is thrown by this class itself
 /// (CompoundFile::Open may throw, see CompoundFile). Thread rules: no lock;
@@ -39,13 +40,13 @@ class TZ_EXPORT PureCompoundFileStreamSource : public CompundFileBase {
  public:
   /// A source without a file, not read-only.
   PureCompoundFileStreamSource();
-  /// Shares the handle of `other` and copies its read-only flag and
-  /// temporary names.
+  /// Holds the file of `other` with a reference of its own and copies its
+  /// read-only flag and temporary names.
   PureCompoundFileStreamSource(const PureCompoundFileStreamSource& other);
-  /// Shares the handle of `other` (dropping this object's share of its old
-  /// one) and copies its read-only flag and temporary names.
+  /// Gives up the reference held before, holds the file of `other` with a
+  /// reference of its own and copies its read-only flag and temporary names.
   PureCompoundFileStreamSource& operator=(const PureCompoundFileStreamSource& other);
-  /// Closes the file if this is the last copy holding it.
+  /// Releases this copy's reference; the last one closes the file.
   ~PureCompoundFileStreamSource() override;
 
   /// Stores `readOnly` whatever comes next and opens `name` read-only or

@@ -118,6 +118,18 @@ TEST_F(CopyBackTest, ExtractionStaysInsideItsFolder) {
   EXPECT_EQ("stored c", Drain(source->GetIStream("a")));
   source->Close(Source::DiscardChanges, false);
 
+  // An empty folder of a stored stream's name stays; reading it fails.
+  source = Opened();
+  fs::create_directory(folder + "b");
+  EXPECT_FALSE(source->ExtractAllFiles());
+  EXPECT_TRUE(fs::is_directory(folder + "b"));
+  std::unique_ptr<std::istream> in(source->GetIStream("b"));
+  ASSERT_NE(nullptr, in);
+  in->get();
+  EXPECT_TRUE(in->bad());
+  in.reset();
+  source->Close(Source::DiscardChanges, false);
+
   // A folder of the old staging name does not get in the way.
   fs::remove(beside);
   fs::create_directory(beside);
@@ -131,6 +143,21 @@ TEST_F(CopyBackTest, ExtractionStaysInsideItsFolder) {
   EXPECT_TRUE(fs::is_empty(folder));
   EXPECT_EQ(tztest::Pattern(5000, 2), Drain(source->GetIStream("b")));
   source->Close(Source::DiscardChanges, false);
+}
+
+// A working directory named without its trailing '/' (as GetTempFolderName
+// gives it) still has its files copied from where the walk finds them.
+TEST_F(CopyBackTest, FolderNameWithoutTrailingSlash) {
+  Store({{"a", "1"}});
+  auto source = Opened();
+  EXPECT_TRUE(Fill(source->GetOStream("b"), "22"));
+  source->SetDirectoryName(work.c_str());
+  EXPECT_EQ(2u, source->GetStreamSize("b"));
+  EXPECT_EQ(Source::NoError, source->CopyToBlockFile(false));
+  source->DeleteSource("b");
+  EXPECT_FALSE(InWork("b"));
+  source->Close(Source::DiscardChanges, false);
+  EXPECT_EQ("22", Stored().at("b"));
 }
 
 }  // namespace

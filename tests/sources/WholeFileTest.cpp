@@ -157,6 +157,16 @@ TEST_F(WholeFileTest, SaveAsTargetsOtherThanTheOpenFile) {
   EXPECT_FALSE(fs::equivalent(file, link));  // a new file under that name
   EXPECT_EQ("1", Stored(link).at("a"));
 
+  // A file another source holds stays as it was.
+  const std::string held = dir.Path("held.tzcf");
+  tztest::MakeFile(held, {{"h", "held"}});
+  const auto heldBytes = tztest::ReadAll(held);
+  Source other(held.c_str(), (work + "-other").c_str());
+  ASSERT_EQ(Source::NoError, other.Open(Source::NewDirectory, false));
+  EXPECT_EQ(Source::FileOperationFailed, source->SaveAs(held.c_str()));
+  EXPECT_EQ(heldBytes, tztest::ReadAll(held));
+  EXPECT_EQ(Source::NoError, other.Close(Source::DiscardChanges, false));
+
   const std::string spelled = dir.path() + "/./doc.tzcf";
   EXPECT_EQ(Source::FileOperationFailed, source->SaveAs(spelled.c_str()));
   EXPECT_EQ(Source::CompoundFileNotAvailable, source->SaveAs(""));
