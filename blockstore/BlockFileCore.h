@@ -177,6 +177,10 @@ class BlockFileCore {
   // the file and this session did not allocate it: no stream's bytes can
   // lie there, so a writer ends the chain at such a link.
   bool LinkLeavesFile(std::uint32_t to) const;
+  // True in a file open for writing when block n, as the file holds it now,
+  // links on to a next block (a stream whose copy of n ends there holds a
+  // stale copy). Reads the head; changes nothing.
+  bool LinksOnInFile(std::uint32_t n);
   // Block `from` now links to `to`, which this session allocated.
   void NoteLink(std::uint32_t from, std::uint32_t to);
   // The stream device changed size or modified of this entry in place;

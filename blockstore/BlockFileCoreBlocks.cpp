@@ -328,6 +328,16 @@ bool BlockFileCore::LinkIsSound(std::uint32_t from, std::uint32_t to) const {
   return blockMap.Get(static_cast<std::int32_t>(to)) != 0;
 }
 
+bool BlockFileCore::LinksOnInFile(std::uint32_t n) {
+  if (readOnly || status != ZoStreamE::StatusOk || n == 0 || n > BlockCount()) return false;
+  std::lock_guard<std::recursive_mutex> hold(readLock);
+  unsigned char raw[bf::kBlockSize];
+  if (!file->ReadBlock(n, raw)) return false;
+  bf::BlockHead head;
+  bf::DecodeHead(raw, &head);
+  return head.nextBlock != 0;
+}
+
 bool BlockFileCore::LinkLeavesFile(std::uint32_t to) const {
   return !readOnly && to > BlockCount() && !(to < linkSource.size() && linkSource[to] != kNotAllocated);
 }

@@ -96,7 +96,12 @@ void ZoIOStreamDevice::NextBlock(bool mayGrow, unsigned char* payloadTo) {
   const bool sound = next != 0 && d.core->LinkIsSound(d.current->blockNumber, next) &&
                      !(mayGrow && d.core->LinkLeavesFile(next));
   if (!sound) {
-    if (!mayGrow) {
+    // A reader at the end of its copy of the chain grows it as a writer
+    // does only where that copy is older than the file's block: another
+    // stream on the same entry has grown the chain since. Elsewhere the size
+    // asks for more than the chain holds, or the link cannot belong to the
+    // chain: damage, which a read reports rather than mends.
+    if (!mayGrow && !(next == 0 && d.core->LinksOnInFile(d.blockNumbers[d.blockIndex - 1]))) {
       SaveCurrentBlock();
       d.core->status = ZoStreamE::StatusFailed;
       return;
@@ -157,7 +162,9 @@ void ZoIOStreamDevice::GoToBlock(std::uint32_t n) {
 
 std::streamsize ZoIOStreamDevice::read(char* s, std::streamsize n) {
   Data& d = *data_;
-  if (Failed()) throw ZoIOException("Error in ZoIOStreamDevice::read");
+  // A stream whose first block could not be read has no block to read
+  // from, even once the file's status has been cleared (by a password).
+  if (Failed() || d.current == nullptr) throw ZoIOException("Error in ZoIOStreamDevice::read");
   if (d.position >= d.entry->size) return -1;
   if (static_cast<std::int64_t>(d.position) + n > d.entry->size) n = d.entry->size - d.position;
   if (n == 0) return 0;
@@ -312,7 +319,7 @@ std::int64_t ZoIOStreamDevice::WriteInBlocks(const char* s, std::int64_t count) 
 
 io::stream_offset ZoIOStreamDevice::seek(io::stream_offset off, std::ios_base::seekdir way) {
   Data& d = *data_;
-  if (Failed()) throw ZoIOException("Error in ZoIOStreamDevice::seek");
+  if (Failed() || d.current == nullptr) throw ZoIOException("Error in ZoIOStreamDevice::seek");
   std::int64_t base = 0;
   if (way == std::ios_base::cur) base = d.position;
   if (way == std::ios_base::end) base = d.entry->size;
@@ -331,47 +338,69 @@ io::stream_offset ZoIOStreamDevice::seek(io::stream_offset off, std::ios_base::s
 }
 
 bool ZoIOStreamDevice::flush() {
-  if (Failed()) throw ZoIOException("Error in ZoIOStreamDevice::flush");
+  if (Failed() || data_->current == nullptr) throw ZoIOException("Error in ZoIOStreamDevice::flush");
   SaveCurrentBlock();
   if (Failed()) throw ZoIOException("Error in ZoIOStreamDevice::flush");
   return true;
 }
 
+// The buffered path asks the device for one buffer's worth at each refill
+// and keeps what the caller did not take as read-ahead. The same reads are
+// made here, but those whose bytes all go to the caller land there
+// straight: every refill but the last. The last refill and the putback of
+// the characters before it are the buffered path's own.
 std::streamsize ZoIOStreamBuffer::xsgetn(char* s, std::streamsize n) {
   if (n < ZoIOStream::kBufferSize) return stream_buffer::xsgetn(s, n);
-  std::streamsize done = 0;
-  // Enter reading the buffered way (this writes out pending output and
-  // fills the buffer once), then serve what the buffer holds.
+  // Enter reading the buffered way: pending output goes out, and the first
+  // refill is made.
   if (gptr() == nullptr && traits_type::eq_int_type(underflow(), traits_type::eof())) return 0;
-  const std::streamsize held = std::min<std::streamsize>(n, egptr() - gptr());
-  traits_type::copy(s, gptr(), static_cast<std::size_t>(held));
-  gbump(static_cast<int>(held));
-  done = held;
+  std::streamsize done = std::min<std::streamsize>(n, egptr() - gptr());
+  traits_type::copy(s, gptr(), static_cast<std::size_t>(done));
+  gbump(static_cast<int>(done));
   if (done == n) return done;
-  // The buffer is empty and the device stands at the stream's position.
-  const std::streamsize got = (**this).read(s + done, n - done);
-  if (got > 0) {
-    done += got;
-    // Keep the last characters read for putback, as a refill would.
-    const std::streamsize keep = std::min(done, ZoIOStream::kPutbackSize);
-    char* const start = eback() + ZoIOStream::kPutbackSize;
-    traits_type::copy(start - keep, s + done - keep, static_cast<std::size_t>(keep));
-    setg(start - keep, start, start);
+  const std::streamsize fill = ZoIOStream::kBufferSize;  // one refill
+  const std::streamsize straight = (n - done - 1) / fill * fill;
+  if (straight > 0) {
+    const std::streamsize got = (**this).read(s + done, straight);
+    if (got > 0) done += got;
+    // The last characters read, for the refill below to keep for putback
+    // (it copies them into the buffer, so none of the caller's memory stays
+    // in the get area). After a short read the refill finds the end, as the
+    // buffered path's next refill does.
+    setg(s + done - std::min(done, ZoIOStream::kPutbackSize), s + done, s + done);
   }
-  return done;
+  if (traits_type::eq_int_type(underflow(), traits_type::eof())) return done;
+  const std::streamsize last = std::min<std::streamsize>(n - done, egptr() - gptr());
+  traits_type::copy(s + done, gptr(), static_cast<std::size_t>(last));
+  gbump(static_cast<int>(last));
+  return done + last;
 }
 
+// The buffered path fills the buffer and hands it to the device whole each
+// time it is full and more is to come, so that at the end 1 to a buffer's
+// worth of bytes stays buffered. The same writes are made here, those from
+// the caller's memory straight from there.
 std::streamsize ZoIOStreamBuffer::xsputn(const char* s, std::streamsize n) {
   if (n < ZoIOStream::kBufferSize) return stream_buffer::xsputn(s, n);
   // Enter writing the buffered way (a pending read position is given back
-  // to the device), then write out what the buffer holds.
+  // to the device).
   overflow(traits_type::eof());
+  const std::streamsize room = epptr() - pbase();
   const std::streamsize pending = pptr() - pbase();
+  if (room <= 0 || pending + n <= room) return stream_buffer::xsputn(s, n);  // all fits
+  const std::streamsize straight = (pending + n - 1) / room * room - pending;
   if (pending > 0) {
     if ((**this).write(pbase(), pending) != pending) return 0;
     setp(pbase(), epptr());
   }
-  return (**this).write(s, n);
+  if (straight > 0) {
+    const std::streamsize taken = (**this).write(s, straight);
+    if (taken != straight) return std::max<std::streamsize>(taken, 0);
+  }
+  const std::streamsize rest = n - straight;
+  traits_type::copy(pptr(), s + straight, static_cast<std::size_t>(rest));
+  pbump(static_cast<int>(rest));
+  return n;
 }
 
 namespace {

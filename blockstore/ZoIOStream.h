@@ -134,10 +134,11 @@ class ZoIOStreamDevice {
 
 // The stream buffer of a block stream: the library's seekable buffer of
 // 10240 bytes with a putback of 4, except that a read or write of at least a
-// whole buffer goes straight between the caller's memory and the device
-// once what the buffer holds has been served or written out. The bytes, the
-// position, the putback of the last characters read and every stream state
-// are what the buffered path gives; only a copy is saved.
+// whole buffer moves the bytes that the buffered path would pass through the
+// buffer whole straight between the caller's memory and the device. The
+// device sees the same reads and writes at the same moments (merged where
+// nothing comes between them), and what stays buffered, the putback and
+// every stream state are the buffered path's; only copies are saved.
 // Its memory comes from a per-thread cache of freed buffers, since streams
 // are often opened and closed by the thousand.
 class ZoIOStreamBuffer

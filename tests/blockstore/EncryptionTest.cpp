@@ -93,11 +93,22 @@ TEST_F(EncryptionTest, LockStatesPasswordChangeAndDecrypt) {
   GetStream(file, "full", &ok);  // locked: the first data block read fails
   EXPECT_FALSE(ok);
   EXPECT_EQ(file.GetStatus(), StatusPasswordNeeded);
+  // A stream opened while locked has no first block; once unlocked, it
+  // still refuses every operation rather than touch a block it never had.
+  std::unique_ptr<std::iostream> early(file.GetIOStream("full", "rb"));
+  ASSERT_NE(nullptr, early);
+  EXPECT_TRUE(early->bad());
   EXPECT_FALSE(file.IsEncrypted());
   EXPECT_FALSE(file.SetPassword("one"));
   EXPECT_EQ(file.GetStatus(), StatusPasswordNeeded);
   EXPECT_TRUE(file.SetPassword("two"));
   EXPECT_EQ(file.GetStatus(), StatusOk);
+  early->clear();
+  char c[8];
+  EXPECT_FALSE(early->read(c, sizeof c));
+  early->clear();
+  EXPECT_FALSE(early->seekg(2000));
+  early.reset();
   EXPECT_TRUE(file.IsEncrypted());
   EXPECT_EQ(GetStream(file, "full"), full_);
   EXPECT_EQ(GetStream(file, "short"), "abcdefghi");

@@ -220,6 +220,47 @@ TEST_F(StreamTest, ModelAgainstString) {
   EXPECT_EQ(GetStream(file_, "model"), model);
 }
 
+// Two streams on one entry share its size but not their blocks in memory.
+// A reader whose copy of the last block is older than the chain another
+// stream has grown goes on as the device's steps do: it grows the chain
+// from its own copy (losing the other's bytes past it), and the file's
+// status stays good.
+TEST_F(StreamTest, StaleCopyOfASharedChainGrowsIt) {
+  Get("x", "wb")->write(Pattern(500, 1).data(), 500);
+  auto reader = Get("x", "rb");
+  char c[10];
+  ASSERT_TRUE(reader->read(c, sizeof c));
+  {
+    auto writer = Get("x", "r+b");
+    writer->seekp(500);
+    writer->write(Pattern(1000, 2).data(), 1000);
+    ASSERT_TRUE(writer->flush());
+  }
+  std::string got(1000, '\0');
+  reader->read(&got[0], 1000);
+  EXPECT_EQ(1000, reader->gcount());
+  EXPECT_EQ(StatusOk, file_.GetStatus());
+  reader.reset();
+  file_.Close();
+  ASSERT_EQ(file_.Open(path_.c_str(), OpenReadWrite), StatusOk);
+  EXPECT_EQ(1500u, file_.FindDirEntry("x")->size);
+}
+
+// A write of a buffer's worth or more leaves in the stream's buffer what
+// the buffered path leaves there: the entry's size counts only what went to
+// the device (the buffer holds 10244 bytes).
+TEST_F(StreamTest, LargeWritesLeaveWhatABufferHolds) {
+  auto s = Get("big", "wb");
+  const std::string bytes = Pattern(30000, 3);
+  s->write(bytes.data(), 10240);
+  EXPECT_EQ(0u, file_.FindDirEntry("big")->size);
+  s->write(bytes.data() + 10240, 20000);
+  EXPECT_EQ(2u * 10244, file_.FindDirEntry("big")->size);
+  s->write(bytes.data(), 1);
+  s.reset();
+  EXPECT_EQ(30241u, file_.FindDirEntry("big")->size);
+}
+
 // Reads at and across the end are in the model test; seeks it never makes:
 // beyond the size (nothing to read, nothing grows) and before the start.
 TEST_F(StreamTest, SeeksBeyondEitherEnd) {
