@@ -80,7 +80,9 @@ class PosixEnv : public Env {
       if (made < 0) return nullptr;
       ::close(made);
     }
-    const int fd = ::open(path.c_str(), (writable ? O_RDWR : O_RDONLY) | O_CLOEXEC);
+    // Without waiting: a FIFO would block a read-only open until a writer
+    // came. Nothing but regular files is taken, on which the flag is moot.
+    const int fd = ::open(path.c_str(), (writable ? O_RDWR : O_RDONLY) | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) return nullptr;
     struct stat st;
     if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) ||

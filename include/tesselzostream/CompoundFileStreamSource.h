@@ -165,19 +165,21 @@ class TZ_EXPORT CompoundFileStreamSource : public CompundFileBase {
   /// the working directory's name and `name` together have 260 characters or
   /// more, and for a name refused by the safety rule.
   bool StreamExists(const char* name) const override;
-  /// A binary input file stream on the working file, extracting the stored
-  /// stream first when there is no working file and the name isn't deleted;
-  /// a name extracted here counts as extracted. Null when there is no such
-  /// stream, the extraction failed, or the path is a folder. A file system
-  /// error from the existence test passes to the caller.
+  /// A binary input file stream (a std::ifstream) on the working file,
+  /// extracting the stored stream first when there is no working file and
+  /// the name isn't deleted; a name extracted here counts as extracted. Null
+  /// when there is no such stream or the extraction failed. A folder of that
+  /// name opens, and its first read sets badbit. A file system error from
+  /// the existence test passes to the caller.
   std::basic_istream<char>* GetIStream(const char* name) const override;
-  /// A truncating output file stream; the name leaves all three sets (even
+  /// A truncating output file stream (a std::ofstream); the name leaves all three sets (even
   /// if the open then fails) and the source becomes dirty on success.
   std::basic_ostream<char>* GetOStream(const char* name) const override;
-  /// A read-write file stream at position 0 on the working file, extracting
-  /// the stored stream first if there is no working file (also for a deleted
-  /// name, whose stored content thus comes back). The name leaves all three
-  /// sets; dirty on success; null when there is nothing to open.
+  /// A read-write file stream (a std::fstream) at position 0 on the working
+  /// file, extracting the stored stream first if there is no working file
+  /// (also for a deleted name, whose stored content thus comes back). The
+  /// name leaves all three sets; dirty on success; null when there is
+  /// nothing to open.
   std::basic_iostream<char>* GetIOStream(const char* name) const override;
   /// As GetOStream, but the name enters the temporary set and the dirty flag
   /// stays as it was.

@@ -8,6 +8,7 @@
 #include <map>
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "blockstore/BlockFileCore.h"
 #include "blockstore/BlockFormat.h"
@@ -135,6 +136,9 @@ TEST_F(CompoundFileTest, EmptyAndNewFiles) {
   EXPECT_EQ(ReadAll(path).size(), 0u);  // nothing written, nothing saved
   EXPECT_EQ(file.Open(dir_.Path("no/such/dir.cf").c_str(), OpenReadWrite), StatusNotOpen);
   EXPECT_EQ(file.Open(dir_.path().c_str(), OpenReadWrite), StatusNotOpen);  // a folder
+  const std::string fifo = dir_.Path("fifo");
+  ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
+  EXPECT_EQ(file.Open(fifo.c_str(), OpenReadOnly), StatusNotOpen);  // no wait for a writer
   EXPECT_EQ(file.Open(nullptr, OpenReadWrite), StatusNotOpen);
   EXPECT_EQ(file.GetStatus(), StatusNotOpen);
   EXPECT_FALSE(file.Exists("a"));

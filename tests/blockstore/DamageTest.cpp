@@ -443,3 +443,35 @@ TEST_F(DamageTest, EntriesNamingBlocksNotTheirOwnAreDropped) {
   EXPECT_EQ(Pattern(4000, 8), GetStream(f, "epsilon"));
   EXPECT_EQ(3, f.GetNumDirEntrys());  // beta, epsilon, the saved map
 }
+
+// A directory block whose head calls it free, in a file whose saved map is
+// stale (so the heads are scanned), is set right at an open for writing:
+// no stream is given its number, and the next directory write marks it
+// used again. A free entry that holds a size gives a new stream in its
+// slot none of it.
+TEST_F(DamageTest, DirectoryBlockCalledFreeIsSetRight) {
+  const std::uint32_t last = Chain(good_, 1).back();
+  std::size_t slot = 0;
+  for (std::uint32_t i = 0; i < bf::kEntriesPerBlock && slot == 0; ++i) {
+    const std::size_t at = BlockAt(last) + bf::kOffEntries + std::size_t{i} * bf::kEntrySize;
+    if (Get32(good_, at + bf::kOffFirstBlock) == 0) slot = at;
+  }
+  ASSERT_NE(0u, slot);
+  Install(With([&](Bytes& b) {
+    b[bf::kOffInUse] = 0;
+    b[ListPayload(b) + bf::kOffListDigest] ^= 1;
+    Put32(b, slot + bf::kOffSize, 77);
+  }));
+  {
+    OpenedFile f(path_, OpenReadWrite);
+    ASSERT_TRUE(PutStream(f, "e", "1"));
+    EXPECT_EQ(1u, f.FindDirEntry("e")->size);
+    EXPECT_NE(1u, f.FindDirEntry("e")->firstBlock);
+    EXPECT_EQ(ZoStreamE::StatusOk, f.Close());
+  }
+  EXPECT_EQ(1, ReadAll(path_)[bf::kOffInUse]);
+  OpenedFile f(path_, OpenReadOnly);
+  ExpectStreams(f, streams_);
+  EXPECT_EQ("1", GetStream(f, "e"));
+}
+

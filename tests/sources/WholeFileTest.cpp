@@ -175,4 +175,20 @@ TEST_F(WholeFileTest, SaveAsTargetsOtherThanTheOpenFile) {
   source->Close(Source::DiscardChanges, false);
 }
 
+// A compound file opened read-only has no block map to count from, and
+// cannot be compacted: it reports nothing to gain.
+TEST_F(WholeFileTest, ReadOnlyFileReportsNoUnusedSpace) {
+  Store({{"a", tztest::Pattern(5000, 1)}, {"b", "2"}});
+  {
+    tztest::OpenedFile cf(file, ZoStreamE::OpenReadWrite);
+    ASSERT_TRUE(cf.DeleteCFFile("a"));
+  }
+  auto source = Opened(true);
+  EXPECT_EQ(0u, source->GetUnUsedFileSpace());
+  source->Close(Source::DiscardChanges, false);
+  source = Opened(false);
+  EXPECT_LT(0u, source->GetUnUsedFileSpace());
+  source->Close(Source::DiscardChanges, false);
+}
+
 }  // namespace
