@@ -378,6 +378,16 @@ TEST_F(StreamTest, ReadOnlyFileRefusesWrites) {
   EXPECT_EQ(file_.GetStatus(), ZoStreamE::StatusFailed);
   file_.Close();
   ASSERT_EQ(file_.Open(path_.c_str(), OpenReadOnly), StatusOk);
+  {
+    // A seek beyond the end grows the chain, whose first new block the
+    // engine refuses; the steps after that failure take no more numbers.
+    auto in = Get("s", "rb");
+    in->seekg(5 * 1003);
+    EXPECT_TRUE(in->fail());
+    EXPECT_EQ(1, file_.GetNumUsedBlocks());
+  }
+  file_.Close();
+  ASSERT_EQ(file_.Open(path_.c_str(), OpenReadOnly), StatusOk);
   EXPECT_EQ(GetStream(file_, "s"), "abc");
 }
 
