@@ -251,7 +251,7 @@ TEST_F(StreamTest, StaleCopyOfASharedChainGrowsIt) {
 // the device (the buffer holds 10244 bytes).
 TEST_F(StreamTest, LargeWritesLeaveWhatABufferHolds) {
   auto s = Get("big", "wb");
-  const std::string bytes = Pattern(30000, 3);
+  const std::string bytes = Pattern(30240, 3);
   s->write(bytes.data(), 10240);
   EXPECT_EQ(0u, file_.FindDirEntry("big")->size);
   s->write(bytes.data() + 10240, 20000);
