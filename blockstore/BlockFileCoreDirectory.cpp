@@ -2,6 +2,7 @@
 // chains, and writing the directory back.
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <memory>
 
 #include "blockstore/BlockFileCore.h"
@@ -215,7 +216,10 @@ void BlockFileCore::WriteChangedDirBlocks() {
   std::vector<std::uint32_t> todo(std::move(spareDirBlockList));
   todo.clear();
   todo.swap(changedDirBlocks);
-  std::sort(todo.begin(), todo.end());
+  // Last in the chain first: a new directory block reaches the file before
+  // the block whose link names it, so that a write that fails (a full disk)
+  // never leaves a link to a block that is not there.
+  std::sort(todo.begin(), todo.end(), std::greater<std::uint32_t>());
   for (std::uint32_t i : todo) {
     if (dirBlockChanged[i] && status == ZoStreamE::StatusOk) WriteDirBlock(*dirBlocks[i]);
   }

@@ -18,7 +18,9 @@ constexpr std::size_t kAheadBlocks = 256;     // one read-ahead run
 BlockIO::BlockIO(std::unique_ptr<tz::RandomAccessFile> file)
     : file_(std::move(file)),
       pending_(new unsigned char[kMaxPending]),
-      ahead_(new unsigned char[kAheadBlocks * kBlock]) {}
+      ahead_(new unsigned char[kAheadBlocks * kBlock]) {
+  if (!file_->Size(&diskSize_)) diskSize_ = 0;
+}
 
 std::uint64_t BlockIO::Offset(std::uint32_t n) {
   return (static_cast<std::uint64_t>(n) - 1) * kBlock;
@@ -126,14 +128,14 @@ bool BlockIO::WriteBlockSplit(std::uint32_t n, const unsigned char* head, std::s
     Join(head, headLength, tail, pending_.get() + (offset - pendingStart_));
     return true;
   }
-  bool ok = true;
+  if (failed_) return false;
   if (pendingLength_ != 0 && (offset != pendingEnd || pendingLength_ + kBlock > kMaxPending)) {
-    ok = Flush();
+    if (!Flush()) return false;
   }
   if (pendingLength_ == 0) pendingStart_ = offset;
   Join(head, headLength, tail, pending_.get() + pendingLength_);
   pendingLength_ += kBlock;
-  return ok;
+  return true;
 }
 
 std::uint32_t BlockIO::WriteRun(std::uint32_t first, std::uint32_t count,
@@ -160,19 +162,41 @@ std::uint32_t BlockIO::WriteRun(std::uint32_t first, std::uint32_t count,
   return count;
 }
 
-// A write that failed part-way at the end of the file (a full disk) may
-// have left a length that is no whole number of blocks, and such a file
-// would no longer open. The part-block goes; whole blocks that landed stay,
-// as blocks that no directory entry names yet.
+// A write that failed part-way at the end of the file (a full disk on a
+// file system that cannot reserve room ahead) may have left a length that
+// is no whole number of blocks, and such a file would no longer open. The
+// part-block goes; whole blocks that landed stay, as blocks that no
+// directory entry names yet.
 void BlockIO::CutTornTail() {
   std::uint64_t size = 0;
   if (file_->Size(&size) && size % kBlock != 0) file_->Truncate(size - size % kBlock);
+  if (file_->Size(&size)) diskSize_ = size;
 }
 
+// A run that grows the file first has its room reserved, so that a full
+// disk refuses it whole rather than let part of it land: blocks that link
+// to blocks later in the run never reach the disk without them. After a
+// failure nothing more is written, so no write made after a failed one can
+// land (a link to a block that never got there).
 bool BlockIO::Flush() {
+  if (failed_) {
+    pendingLength_ = 0;
+    return false;
+  }
   if (pendingLength_ == 0) return true;
-  const bool ok = file_->WriteAt(pendingStart_, pending_.get(), pendingLength_);
+  const std::uint64_t end = pendingStart_ + pendingLength_;
+  bool ok = true;
+  if (end > diskSize_) {
+    const std::uint64_t from = std::max(pendingStart_, diskSize_);
+    ok = file_->Reserve(from, end - from);
+  }
+  if (ok) ok = file_->WriteAt(pendingStart_, pending_.get(), pendingLength_);
   pendingLength_ = 0;
-  if (!ok) CutTornTail();
-  return ok;
+  if (ok) {
+    diskSize_ = std::max(diskSize_, end);
+    return true;
+  }
+  failed_ = true;
+  CutTornTail();
+  return false;
 }

@@ -8,7 +8,8 @@
 // buffer, and the read-ahead copy is updated by every write.
 //
 // What reaches the disk at Flush is exactly the sequence of block writes
-// made since the previous Flush, applied in order.
+// made since the previous Flush, applied in order; after a failed write,
+// nothing more reaches it.
 //
 // Ownership: owns the platform file; destroying a BlockIO does not flush
 // (the engine decides what reaches the disk). Thread safety: one caller at
@@ -39,8 +40,9 @@ class BlockIO {
   bool ReadBlockSplit(std::uint32_t n, unsigned char* head, std::size_t headLength,
                       unsigned char* tail);
 
-  // Queues block n (in[1024]) for writing. False when an earlier queued
-  // write had to be flushed to make room and failed.
+  // Queues block n (in[1024]) for writing. False, with nothing queued, when
+  // an earlier queued write had to be flushed to make room and failed, or
+  // any write has failed before.
   bool WriteBlock(std::uint32_t n, const unsigned char* in);
   // The same, from a head of `headLength` bytes and the rest in tail.
   bool WriteBlockSplit(std::uint32_t n, const unsigned char* head, std::size_t headLength,
@@ -49,13 +51,15 @@ class BlockIO {
   // Queues blocks first .. first + count - 1 as WriteBlockSplit would, one
   // after the other: block k's head is the headLength bytes at
   // heads + k * headLength, the rest of it the next bytes from `tails` on.
-  // Returns the index of the first block whose write failed (queued all the
-  // same, as WriteBlockSplit does), or `count`.
+  // Returns the index of the first block whose write failed (not queued,
+  // nor any after it), or `count`.
   std::uint32_t WriteRun(std::uint32_t first, std::uint32_t count, const unsigned char* heads,
                          std::size_t headLength, const unsigned char* tails);
 
-  // Sends queued writes to the file. False when any of them failed; the
-  // queue is emptied either way.
+  // Sends queued writes to the file, all or none of them when they grow
+  // it (the room is reserved first). False when they failed; the queue is
+  // emptied either way. After a failed write the object writes nothing any
+  // more: every later write and flush is refused.
   bool Flush();
 
  private:
@@ -77,6 +81,8 @@ class BlockIO {
   std::uint64_t aheadStart_ = 0;
   std::size_t aheadLength_ = 0;
   std::uint64_t lastRead_ = ~std::uint64_t{0};  // offset of the last block read
+  std::uint64_t diskSize_ = 0;  // the file's length on disk, as this object wrote it
+  bool failed_ = false;         // a write has failed: nothing more is written
 };
 
 #endif  // TESSELZOSTREAM_BLOCKSTORE_BLOCKIO_H_

@@ -164,6 +164,11 @@ class FaultyFile : public tz::RandomAccessFile {
     return env_->Allow(Fault::kRead) && base_->ReadAt(offset, buffer, n, got);
   }
   bool WriteAt(std::uint64_t offset, const void* buffer, std::size_t n) override {
+    const std::uint64_t limit = env_->DiskLimit();
+    if (limit != 0 && offset + n > limit) {  // the disk fills part-way
+      if (offset < limit) base_->WriteAt(offset, buffer, static_cast<std::size_t>(limit - offset));
+      return false;
+    }
     if (env_->Allow(Fault::kWrite)) return base_->WriteAt(offset, buffer, n);
     // Only a write that needs new space can run out of it part-way.
     std::uint64_t size = 0;
@@ -172,6 +177,11 @@ class FaultyFile : public tz::RandomAccessFile {
   }
   bool Size(std::uint64_t* size) override { return base_->Size(size); }
   bool Truncate(std::uint64_t size) override { return base_->Truncate(size); }
+  bool Reserve(std::uint64_t offset, std::uint64_t length) override {
+    const std::uint64_t limit = env_->DiskLimit();
+    if (limit != 0 && offset + length > limit) return false;
+    return base_->Reserve(offset, length);
+  }
 
  private:
   std::unique_ptr<tz::RandomAccessFile> base_;

@@ -110,6 +110,10 @@ class FaultyEnv : public tz::Env {
   std::int64_t Now() override { return tz::Env::Default()->Now(); }
 
   void Reset(Fault kind, int failAt) { kind_ = kind; failAt_ = failAt; calls_ = 0; }
+  // A disk that holds files of at most `bytes`: room reserved or written
+  // beyond it is refused, a write across it lands up to it. 0 lifts it.
+  void SetDiskLimit(std::uint64_t bytes) { diskLimit_ = bytes; }
+  std::uint64_t DiskLimit() const { return diskLimit_; }
   void Reset(int failAt) { Reset(Fault::kWrite, failAt); }
   // True once the armed call has been reached.
   bool hit() const { return failAt_ != 0 && calls_ >= failAt_; }
@@ -123,6 +127,7 @@ class FaultyEnv : public tz::Env {
   Fault kind_ = Fault::kWrite;
   int failAt_ = 0;
   int calls_ = 0;
+  std::uint64_t diskLimit_ = 0;
 };
 
 // Puts an Env in place for its lifetime.

@@ -54,6 +54,11 @@ class RandomAccessFile {
   // Cuts the file to `size` bytes (no more than its length); false on an
   // I/O error. A file that cannot be cut keeps this default.
   virtual bool Truncate(std::uint64_t size);
+  // Makes sure that writes of `length` bytes from `offset` on will find
+  // room on the disk, without changing the file's length or content: false
+  // when the disk has no such room. A file system that cannot promise room
+  // ahead gives true (the write itself may then still run out of space).
+  virtual bool Reserve(std::uint64_t offset, std::uint64_t length);
 };
 
 class Env {

@@ -1,6 +1,7 @@
 // Env on POSIX: pread/pwrite, an advisory flock held while the file is open.
 #include <errno.h>
 #include <fcntl.h>
+#include <linux/falloc.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -60,6 +61,18 @@ class PosixFile : public RandomAccessFile {
     return r == 0;
   }
 
+  bool Reserve(std::uint64_t offset, std::uint64_t length) override {
+    for (;;) {
+      if (::fallocate(fd_, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(offset),
+                      static_cast<off_t>(length)) == 0) {
+        return true;
+      }
+      if (errno == EINTR) continue;
+      // No way to reserve here: the write will tell.
+      return errno == EOPNOTSUPP || errno == ENOSYS || errno == EINVAL;
+    }
+  }
+
   bool Size(std::uint64_t* size) override {
     struct stat st;
     if (::fstat(fd_, &st) != 0) return false;
@@ -102,6 +115,7 @@ std::atomic<Env*> g_env{nullptr};
 
 RandomAccessFile::~RandomAccessFile() = default;
 bool RandomAccessFile::Truncate(std::uint64_t) { return false; }
+bool RandomAccessFile::Reserve(std::uint64_t, std::uint64_t) { return true; }
 Env::~Env() = default;
 
 bool Env::OpenFileBuffer(std::filebuf& buffer, const std::string& path,

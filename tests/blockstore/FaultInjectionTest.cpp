@@ -214,4 +214,37 @@ TEST_F(FaultInjectionTest, EveryOperationSurvivesAFullDisk) {
   }
 }
 
+// Streams written and closed one after another on a disk that fills: the
+// directory grows a block every third stream, and wherever the disk runs
+// out (in a stream's blocks, a new directory block, the link to it), the
+// file opens afterwards and every stream closed before holds its bytes.
+TEST(FullDisk, StreamsClosedBeforeTheDiskFilledAllSurvive) {
+  ScratchDir dir;
+  const std::string path = dir.Path("full.cf");
+  for (std::uint64_t limit = 60 * 1024; limit <= 140 * 1024; limit += 3 * 1024 + 512) {
+    SCOPED_TRACE("disk of " + std::to_string(limit) + " bytes");
+    std::remove(path.c_str());
+    StreamList closed;
+    {
+      FaultyEnv env;
+      env.SetDiskLimit(limit);
+      ScopedEnv scoped(&env);
+      CompoundFile f;
+      ASSERT_EQ(ZoStreamE::StatusOk, f.Open(path.c_str(), OpenReadWrite));
+      for (int i = 0; i < 100; ++i) {
+        const std::string name = "s" + std::to_string(i);
+        const std::string bytes = Pattern(4171, static_cast<std::uint32_t>(i));
+        if (!PutStream(f, name.c_str(), bytes) || f.GetStatus() != ZoStreamE::StatusOk) break;
+        closed.emplace_back(name, bytes);
+      }
+      ASSERT_NE(ZoStreamE::StatusOk, f.GetStatus()) << "the disk never filled";
+    }
+    ASSERT_FALSE(closed.empty());
+    OpenedFile f(path, OpenReadWrite);
+    ASSERT_EQ(ZoStreamE::StatusOk, f.GetStatus());
+    ExpectStreams(f, closed);
+  }
+}
+
 }  // namespace
+
