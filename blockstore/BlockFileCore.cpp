@@ -64,9 +64,22 @@ Status BlockFileCore::Open(const char* path, ZoStreamE::OpenMode mode) {
     }
     directoryDirty = false;
     if (mode != ZoStreamE::OpenReadOnly) {
+      // A list that does not match was left by a session that did not
+      // close (or the file is damaged): the scan then records the links,
+      // and the chains are mended before anything else is written.
+      const bool cleanEnd = ListMatchesDirectory();
+      recordLinks = !cleanEnd && !readOnly;
       if (LoadBlockMap() == ZoStreamE::StatusFailed) throw Error();
+      recordLinks = false;
+      if (!cleanEnd && !readOnly && !savedMapTaken) {
+        DropMark();
+        RepairChains();
+      }
+      scannedLinks.clear();
+      scannedLinks.shrink_to_fit();
       DropDanglingEntries();
       CheckDirBlocksAgainstMap();
+      StartSession(cleanEnd && !readOnly);
     }
     ZoString::SetStr(fileName, ZoGetCanonicalPath(path).c_str());
     blocksWritten = false;
@@ -106,6 +119,7 @@ Status BlockFileCore::ScanBlockHeads() {
   blockMap.Reset();
   unsigned char raw[blockformat::kBlockSize];
   const std::uint32_t count = BlockCount();
+  if (recordLinks) scannedLinks.assign(static_cast<std::size_t>(count) + 1, 0);
   for (std::uint32_t k = 1; k <= count; ++k) {
     blockformat::BlockHead head;
     if (!file->ReadBlock(k, raw)) {
@@ -118,6 +132,7 @@ Status BlockFileCore::ScanBlockHeads() {
       return status;
     }
     blockMap.SetBlock(static_cast<std::int32_t>(k), head.inUse);
+    if (recordLinks) scannedLinks[k] = head.nextBlock;
   }
   return status;
 }
@@ -139,6 +154,7 @@ Status BlockFileCore::Close() {
       if (status == ZoStreamE::StatusOk) FlushFile();
     }
     if (blocksWritten) WriteFreeList();
+    ClearMark();
   }
   // Whatever was queued goes out as the file closes, as a buffered file
   // stream would do at its destruction.
@@ -153,6 +169,9 @@ Status BlockFileCore::Close() {
   blocksWritten = false;
   linkSource.clear();
   savedMapTaken = false;
+  cleanAtOpen = false;
+  markOnDisk = false;
+  DirectoryReachedFile();
   return result;
 }
 

@@ -201,6 +201,44 @@ class BlockFileCore {
   void ComputeDirectoryDigest(unsigned char out[blockformat::kDigestSize]) const;
   void WriteFreeList();
 
+  // --- Unfinished sessions (BlockFileCoreRepair.cpp) ---
+  // True when the free-list stream's digest matches the directory in
+  // memory (no password needed: the list is never enciphered).
+  bool ListMatchesDirectory();
+  // Called once the directory and the map are loaded at an open for
+  // writing; `cleanEnd`: the saved list matched the directory as read.
+  void StartSession(bool cleanEnd);
+  // While the saved list still matches the directory in the file, puts the
+  // mark of an unfinished session into block 1 on the disk, before the
+  // write that calls it; nothing when it is there already.
+  void ArmMark();
+  // At a point where the directory is written: block 1 goes out as the
+  // record holds it (without the mark), after every write before it.
+  void ClearMark();
+  // Bookkeeping of which directory blocks on the disk differ from the file
+  // as it was opened (only while the saved list matched at open).
+  void BeforeDirBlockWrite(std::uint32_t index);
+  void AfterDirBlockWrite(std::uint32_t index, const unsigned char* raw);
+  bool MayTrustSavedList() const { return cleanAtOpen && dirDiffering == 0; }
+  // True when block 1 as read carries the mark; DropMark takes it out of
+  // the record (the directory then counts as changed).
+  bool HasMark() const;
+  void DropMark();
+  // Mends the chains after a scan of the heads (see the file); true when
+  // anything changed.
+  bool RepairChains();
+  // Block n was freed (its head written free) and may still be named by
+  // the directory in the file, until the next directory write.
+  void NoteFreed(std::uint32_t n);
+  // The directory in memory has reached the file whole.
+  void DirectoryReachedFile();
+  // Before block n is handed out: the directory goes first when it still
+  // names n in the file.
+  void BeforeHandingOut(std::uint32_t n);
+  // Writes block n's 1024 bytes as given, with the steps of every block
+  // write (refusals, growth, the block map).
+  ZoStreamE::Status WriteRawBlock(std::uint32_t n, std::uint8_t inUse, const unsigned char* raw);
+
   // --- Cipher (BlockFileCipher.cpp) ---
   // Encrypt and Decrypt rewrite every chain in place. Chains that leave the
   // file, loop or share blocks are refused (StatusFailed) before anything
@@ -289,6 +327,21 @@ class BlockFileCore {
   tz::PagedArray<std::uint32_t> linkSource{kNotAllocated};
   std::vector<bool> isDirBlock;  // by block number
   bool savedMapTaken = false;    // the map came from the saved list at open
+  // Links of every block, recorded by the scan at an open that repairs.
+  std::vector<std::uint32_t> scannedLinks;
+  bool recordLinks = false;
+  // The unfinished-session mark (BlockFileCoreRepair.cpp).
+  bool cleanAtOpen = false;  // the saved list matched the directory at open
+  bool markOnDisk = false;   // block 1 on the disk carries the mark
+  bool writingMark = false;
+  static constexpr std::uint8_t kHashUnknown = 0, kHashSame = 1, kHashDiffers = 2;
+  std::vector<std::uint64_t> dirOpenHash;   // by chain index: the block's bytes at open
+  std::vector<std::uint8_t> dirHashState;   // by chain index: as the disk holds it now
+  std::uint32_t dirDiffering = 0;           // blocks on the disk that differ from open
+  std::uint32_t dirOpenCount = 0;           // directory blocks at open
+  // Blocks freed since the directory was last written (NoteFreed).
+  std::vector<bool> freedSinceDirWrite;
+  std::vector<std::uint32_t> freedSince;
 };
 
 #endif  // TESSELZOSTREAM_BLOCKSTORE_BLOCKFILECORE_H_

@@ -113,6 +113,8 @@ static Status WriteBlockBytes(BlockFileCore& core, const BlockWrite& w) {
     core.status = ZoStreamE::StatusFailed;
     return core.status;
   }
+  core.ArmMark();
+  if (core.status != ZoStreamE::StatusOk) return core.status;
   core.blocksWritten = true;
   // A legitimate write targets a block of the file or one the map handed
   // out; any other number came from a damaged head.
@@ -150,8 +152,20 @@ Status BlockFileCore::WriteRawDataBlock(const DataBlock& block, const unsigned c
 Status BlockFileCore::WriteDirBlock(const DirBlock& block) {
   unsigned char raw[bf::kBlockSize];
   bf::EncodeDirBlock(block, raw);
+  auto it = dirBlockByNumber.find(block.blockNumber);
+  const bool known = it != dirBlockByNumber.end() && dirBlocks[it->second].get() == &block;
+  if (known) BeforeDirBlockWrite(it->second);
   const Status result = WriteBlockBytes(*this, {block.blockNumber, block.inUse, raw, nullptr});
-  if (result == ZoStreamE::StatusOk) DirBlockWritten(block);
+  if (result == ZoStreamE::StatusOk) {
+    DirBlockWritten(block);
+    if (known) AfterDirBlockWrite(it->second, raw);
+  }
+  return result;
+}
+
+Status BlockFileCore::WriteRawBlock(std::uint32_t n, std::uint8_t inUse, const unsigned char* raw) {
+  const Status result = WriteBlockBytes(*this, {n, inUse, raw, nullptr});
+  if (result == ZoStreamE::StatusOk) MarkIfDirBlock(n);
   return result;
 }
 
@@ -166,6 +180,7 @@ Status BlockFileCore::WriteDirBlock(const DirBlock& block) {
 std::uint32_t BlockFileCore::AllocBlockNumber() {
   for (;;) {
     const auto n = static_cast<std::uint32_t>(blockMap.AllocBlock());
+    BeforeHandingOut(n);
     if (!savedMapTaken || n > BlockCount() || (n < linkSource.size() && linkSource[n] != kNotAllocated)) {
       return n;
     }
@@ -203,6 +218,7 @@ DataBlock* BlockFileCore::AllocDataBlock(DataBlock* reuse, bool clearPayload) {
 // the saved list, and the gathered blocks are sent before any such check.
 std::uint32_t BlockFileCore::AppendWholeBlocks(DataBlock& current, const unsigned char* payloads,
                                                std::uint32_t count, std::uint32_t* taken) {
+  ArmMark();  // its runs go to the file without the steps of a single write
   constexpr std::size_t kHead = bf::kOffPayload;
   unsigned char heads[kMaxAppendRun * kHead];
   std::uint32_t runFirst = 0;  // number of the first gathered block

@@ -192,6 +192,7 @@ bool BlockFileCore::FreeChain(DirEntry* entry) {
   for (std::uint32_t walked = 1;; ++walked) {
     block->inUse = 0;
     if (WriteDataBlock(*block) != ZoStreamE::StatusOk) return false;
+    NoteFreed(block->blockNumber);
     if (block->nextBlock == 0 || !LinkIsSound(block->blockNumber, block->nextBlock)) break;
     if (walked >= limit) {  // longer than the file: the chain loops
       status = ZoStreamE::StatusFailed;
@@ -226,6 +227,8 @@ void BlockFileCore::WriteChangedDirBlocks() {
   for (std::uint32_t i : todo) dirBlockChanged[i] = false;
   todo.clear();
   spareDirBlockList = std::move(todo);
+  ClearMark();
+  if (status == ZoStreamE::StatusOk) DirectoryReachedFile();
 }
 
 void BlockFileCore::FlushDirectory(bool force) {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "blockstore/BlockFormat.h"
+#include "tesselzostream/CompoundFileCheck.h"
 #include "tests/TestUtil.h"
 
 namespace {
@@ -66,14 +67,24 @@ class DamageTest : public ::testing::Test {
   }
 
   // In both modes, reading `name` fails with `expected`, and neither the
-  // failed read nor the close after it changes a byte of the file.
-  void ExpectReadFails(const Bytes& damaged, const char* name, Status expected) {
+  // failed read nor the close after it changes a byte of the file. With
+  // `mended`, an open for writing (whose saved map no longer matches the
+  // directory) mends the chain instead: the stream reads `mended` and the
+  // file is sound after the close.
+  void ExpectReadFails(const Bytes& damaged, const char* name, Status expected,
+                       const std::string* mended = nullptr) {
     for (ZoStreamE::OpenMode mode : {OpenReadOnly, OpenReadWrite}) {
       SCOPED_TRACE(mode == OpenReadOnly ? "read-only" : "read-write");
       Install(damaged);
       OpenedFile f(path_, mode);
       bool ok = true;
-      GetStream(f, name, &ok);
+      const std::string got = GetStream(f, name, &ok);
+      if (mode == OpenReadWrite && mended != nullptr) {
+        EXPECT_TRUE(ok && got == *mended);
+        EXPECT_EQ(ZoStreamE::StatusOk, f.Close());
+        EXPECT_TRUE(CheckCompoundFile(path_.c_str()).Sound());
+        continue;
+      }
       EXPECT_FALSE(ok);
       EXPECT_EQ(expected, f.GetStatus());
       f.Close();
@@ -165,23 +176,28 @@ TEST_F(DamageTest, EveryTruncationIsRefusedOrReportsMissingBlocks) {
 TEST_F(DamageTest, DamagedDataChainFailsTheRead) {
   const std::vector<std::uint32_t> beta = Chain(good_, FirstBlockOf(good_, "beta"));
   const std::size_t entry = EntryAt(good_, "beta");
+  // Where the damage is in the entry, the directory no longer matches the
+  // saved map, and an open for writing cuts the size to what the chain
+  // holds (three blocks, one byte short of their payloads).
+  const std::string cut = Pattern(3000, 2) + std::string(3 * bf::kPayloadSize - 1 - 3000, '\0');
   const struct {
     const char* label;
     Status expected;
     Bytes bytes;
+    const std::string* mended;
   } cases[] = {
       {"link past the end", ZoStreamE::StatusPastEnd,
-       With([&](Bytes& b) { Put32(b, BlockAt(beta[0]) + bf::kOffNextBlock, BlockCount(b) + 9); })},
+       With([&](Bytes& b) { Put32(b, BlockAt(beta[0]) + bf::kOffNextBlock, BlockCount(b) + 9); }), nullptr},
       {"size beyond what the chain holds", ZoStreamE::StatusFailed,
-       With([&](Bytes& b) { Put32(b, entry + bf::kOffSize, 10 * bf::kPayloadSize); })},
+       With([&](Bytes& b) { Put32(b, entry + bf::kOffSize, 10 * bf::kPayloadSize); }), &cut},
       {"chain loops, size asks for more", ZoStreamE::StatusFailed, With([&](Bytes& b) {
          Put32(b, BlockAt(beta.back()) + bf::kOffNextBlock, beta[0]);
          Put32(b, entry + bf::kOffSize, 0x7FFFFFFF);
-       })},
+       }), &cut},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.label);
-    ExpectReadFails(c.bytes, "beta", c.expected);
+    ExpectReadFails(c.bytes, "beta", c.expected, c.mended);
   }
 
   // A first block past the end: the stream comes back already failed.
