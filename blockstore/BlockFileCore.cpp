@@ -147,6 +147,14 @@ bool BlockFileCore::FlushFile() {
 
 Status BlockFileCore::Close() {
   const Status result = status;
+  // A session whose writes failed (a full disk, an I/O error) writes no
+  // directory at its close; what it did write is mended as soon as the
+  // file is closed, by an open for writing of its own (see MendAfterFailure).
+  std::string mendPath;
+  if (status == ZoStreamE::StatusFailed && !readOnly && blocksWritten && fileName != nullptr &&
+      !mending) {
+    mendPath = fileName;
+  }
   if (status == ZoStreamE::StatusOk) {
     if (!readOnly && directoryDirty) {
       WriteChangedDirBlocks();
@@ -172,7 +180,23 @@ Status BlockFileCore::Close() {
   cleanAtOpen = false;
   markOnDisk = false;
   DirectoryReachedFile();
+  if (!mendPath.empty()) MendAfterFailure(mendPath);
   return result;
+}
+
+// The failed session left its mark (or a directory that no longer matches
+// the saved map), so an open for writing scans the heads and mends the
+// chains, and its close writes the directory and a saved map that match
+// again. On a full disk these writes land in place and need no new room.
+// If the file cannot be opened or written now, the next open for writing
+// does the same.
+void BlockFileCore::MendAfterFailure(const std::string& path) {
+  BlockFileCore mender;
+  mender.mending = true;
+  try {
+    if (mender.Open(path.c_str(), ZoStreamE::OpenReadWrite) == ZoStreamE::StatusOk) mender.Close();
+  } catch (...) {  // a directory that cannot be read: left for the next open
+  }
 }
 
 void BlockFileCore::Release(const char* streamName) {

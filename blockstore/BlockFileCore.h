@@ -227,6 +227,9 @@ class BlockFileCore {
   // Mends the chains after a scan of the heads (see the file); true when
   // anything changed.
   bool RepairChains();
+  // After the close of a session whose writes failed: opens the file for
+  // writing once more, which mends what the session left, and closes it.
+  static void MendAfterFailure(const std::string& path);
   // Block n was freed (its head written free) and may still be named by
   // the directory in the file, until the next directory write.
   void NoteFreed(std::uint32_t n);
@@ -334,6 +337,7 @@ class BlockFileCore {
   bool cleanAtOpen = false;  // the saved list matched the directory at open
   bool markOnDisk = false;   // block 1 on the disk carries the mark
   bool writingMark = false;
+  bool mending = false;      // this object mends after a failed session
   static constexpr std::uint8_t kHashUnknown = 0, kHashSame = 1, kHashDiffers = 2;
   std::vector<std::uint64_t> dirOpenHash;   // by chain index: the block's bytes at open
   std::vector<std::uint8_t> dirHashState;   // by chain index: as the disk holds it now

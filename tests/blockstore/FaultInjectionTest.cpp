@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "blockstore/BlockFormat.h"
+#include "tesselzostream/CompoundFileCheck.h"
 #include "tests/TestUtil.h"
 
 namespace {
@@ -244,6 +245,103 @@ TEST(FullDisk, StreamsClosedBeforeTheDiskFilledAllSurvive) {
     ASSERT_EQ(ZoStreamE::StatusOk, f.GetStatus());
     ExpectStreams(f, closed);
   }
+}
+
+// Appends `bytes` to stream `name` through "r+b", in its own session.
+void Append(const std::string& path, const char* name, const std::string& bytes) {
+  CompoundFile f;
+  if (f.Open(path.c_str(), OpenReadWrite) != ZoStreamE::StatusOk) return;
+  Patch(f, name, -1, bytes);
+}
+
+// Ordinary work after a failed or cut session: the damaged stream removed,
+// new streams put, the other stream grown. None of it may touch a stream
+// it does not name, and the file stays sound throughout.
+// A session cut short (killed) leaves the file to be mended by the first
+// open for writing (`cut`); one that failed mends it at its own close.
+void OrdinaryWorkAfterwards(const std::string& path, const char* damaged, const char* grown,
+                            const StreamList& untouched, bool cut) {
+  if (cut) OpenedFile(path, OpenReadWrite).Close();
+  ASSERT_TRUE(CheckCompoundFile(path.c_str()).Sound()) << "before the ordinary work";
+  const std::string x = Pattern(4000, 31), y = Pattern(5000, 32), more = Pattern(6000, 33);
+  {
+    OpenedFile f(path, OpenReadWrite);
+    ASSERT_TRUE(PutStream(f, "X", x));
+  }
+  {
+    OpenedFile f(path, OpenReadWrite);
+    f.DeleteCFFile(damaged);
+    ASSERT_TRUE(PutStream(f, "Y", y));
+  }
+  if (grown != nullptr) Append(path, grown, more);
+  EXPECT_TRUE(CheckCompoundFile(path.c_str()).Sound()) << "after the ordinary work";
+  OpenedFile f(path, OpenReadOnly);
+  ExpectStreams(f, untouched);
+  EXPECT_EQ(x, GetStream(f, "X"));
+  EXPECT_EQ(y, GetStream(f, "Y"));
+}
+
+// An append that runs out of disk part-way (some of its blocks landed, the
+// last link names a block that never did): the file is sound as soon as
+// the failed session has closed, and later work costs no other stream.
+TEST(FullDisk, AFailedAppendCostsNoOtherStream) {
+  ScratchDir dir;
+  const std::string path = dir.Path("append.cf");
+  const StreamList kept = {{"keep", Pattern(3000, 1)}};
+  const std::string big = Pattern(700 * 1024, 2);
+  for (std::uint64_t room = 16 * 1024; room <= 760 * 1024; room += 93 * 1024) {
+    SCOPED_TRACE("room for " + std::to_string(room) + " bytes more");
+    std::remove(path.c_str());
+    ASSERT_NO_FATAL_FAILURE(MakeFile(path, {{"keep", kept[0].second}, {"B", Pattern(2000, 3)}}));
+    {
+      FaultyEnv env;
+      env.SetDiskLimit(ReadAll(path).size() + room);
+      ScopedEnv scoped(&env);
+      Append(path, "B", big);
+    }
+    OrdinaryWorkAfterwards(path, "B", nullptr, kept, false);
+  }
+}
+
+// A session that deletes A and then appends to B, which takes A's freed
+// blocks, cut short after any of its writes (every later write fails, as
+// after a kill): A's blocks never end up shared, and a new stream put
+// afterwards survives a later append to B.
+TEST(CutSession, ADeletionThenAnAppendCostNoOtherStream) {
+  ScratchDir dir;
+  const std::string path = dir.Path("cut.cf");
+  const StreamList kept = {{"steady", Pattern(1000, 4)}};
+  for (int n = 1; n <= 60; ++n) {
+    SCOPED_TRACE("writes fail from the " + std::to_string(n) + "th on");
+    std::remove(path.c_str());
+    ASSERT_NO_FATAL_FAILURE(MakeFile(path, {{"A", Pattern(3000, 5)}, {"B", Pattern(2000, 6)},
+                                            {"steady", kept[0].second}}));
+    bool hit = false;
+    {
+      FaultyEnv env;
+      env.Reset(Fault::kWrite, n);
+      ScopedEnv scoped(&env);
+      {
+        CompoundFile f;
+        ASSERT_EQ(ZoStreamE::StatusOk, f.Open(path.c_str(), OpenReadWrite));
+        f.DeleteCFFile("A");
+        Patch(f, "B", -1, Pattern(3500, 7));
+      }
+      hit = env.hit();
+    }
+    {
+      // A is gone, or back whole: its freed blocks went to nobody before
+      // the directory that drops it was in the file.
+      OpenedFile f(path, OpenReadWrite);
+      if (f.Exists("A")) {
+        EXPECT_EQ(Pattern(3000, 5), GetStream(f, "A"));
+      }
+    }
+    OrdinaryWorkAfterwards(path, "A", "B", kept, true);
+    if (!hit) return;
+    if (::testing::Test::HasFailure()) return;
+  }
+  ADD_FAILURE() << "the session never ran clean";
 }
 
 }  // namespace
