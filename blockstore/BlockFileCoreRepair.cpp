@@ -14,6 +14,9 @@
 // is written, so that the file's bytes there are what they would be
 // without it.
 #include <algorithm>
+#include <cctype>
+#include <set>
+#include <string>
 #include <cstring>
 #include <vector>
 
@@ -142,7 +145,8 @@ void BlockFileCore::AfterDirBlockWrite(std::uint32_t index, const unsigned char*
 // they are nobody else's. A chain is cut where it goes wrong (a link past
 // the end, into the directory, to a block already taken, or, beyond its
 // size, to a block its head calls free), its size cut to what it keeps; a
-// stream whose first block is wrong is dropped. A block a chain keeps
+// stream whose first block is wrong is dropped, and so is the second entry
+// of a name. A block a chain keeps
 // whose head calls it free (freed by a run whose directory never reached
 // the file) is marked used again; a block whose head says used but that no
 // chain keeps is freed. Returns true when anything changed.
@@ -157,6 +161,23 @@ bool BlockFileCore::RepairChains() {
   std::vector<std::uint32_t> restore, cut;
   bool changed = false;
   const std::uint32_t slots = static_cast<std::uint32_t>(dirBlocks.size()) * bf::kEntriesPerBlock;
+  // One stream a name: a replaced stream whose new entry reached the file
+  // in one directory block while its old one was still in use in another
+  // stands twice. The first in directory order (what a look-up finds) is
+  // kept; its blocks were not handed out before the directory that drops
+  // it was written.
+  std::set<std::string> names;
+  for (std::uint32_t slot = 0; slot < slots; ++slot) {
+    DirEntry* entry = EntryAt(slot);
+    if (entry->firstBlock == 0) continue;
+    std::string folded(entry->name, strnlen(entry->name, DirEntry::kNameSize));
+    for (char& c : folded) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (names.insert(std::move(folded)).second) continue;
+    MarkEntryFree(entry);
+    entry->firstBlock = 0;
+    entry->size = 0;
+    changed = true;
+  }
   std::vector<std::uint32_t> lastKept(slots, 0);  // the last block a chain keeps
   auto usedInHead = [&](std::uint32_t n) { return blockMap.Get(static_cast<std::int32_t>(n)) != 0; };
 

@@ -160,7 +160,7 @@ std::string PasswordText(int number) { return "password-" + std::to_string(numbe
 
 void RunKills(Workload& workload, const char* name, const KillPlan& plan) {
   constexpr int kLevels = 4;
-  const int kills = KillPointsPerWorkload();
+  const int kills = plan.kills > 0 ? plan.kills : KillPointsPerWorkload();
   Tally tally;
   tztest::ScratchDir scratch;
   const std::string logPath = scratch.Path("progress.log");

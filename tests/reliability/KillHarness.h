@@ -99,6 +99,7 @@ struct KillPlan {
   std::uint64_t seed;
   int baseSteps;          // steps of a level-1 run; levels 1..4
   int killsPerLife = 25;  // a fresh file after this many
+  int kills = 0;          // kill points; 0: KillPointsPerWorkload()
 };
 
 // Runs KillPointsPerWorkload() kill points of `workload` and prints a

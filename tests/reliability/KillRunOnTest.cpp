@@ -1,0 +1,197 @@
+// Kills that run on: every round continues on the file the last kill left,
+// with nothing mended by the test. The first open for writing after a kill
+// is the library's own recovery; after it the file must check sound, and
+// every stream the killed session did not touch must read back exactly.
+// Touched streams hold whatever they came to hold (the model takes that
+// over), and ordinary writes follow each recovery, so that damage a repair
+// missed would spread into later rounds and show there.
+//
+// TZ_RUNON_KILLS sets the number of kills (40 when unset).
+#include <cstdlib>
+#include <random>
+
+#include <gtest/gtest.h>
+
+#include "tests/TestUtil.h"
+#include "tests/reliability/KillHarness.h"
+
+namespace killtest {
+namespace {
+
+constexpr std::uint32_t kNames = 14;
+
+class RunOnWorkload : public Workload {
+ public:
+  void StartLife(const std::string& dir) override {
+    path_ = dir + "/runon.cf";
+    streams_.clear();
+    CompoundFile file;
+    ASSERT_EQ(file.Open(path_.c_str(), ZoStreamE::OpenReadWrite), ZoStreamE::StatusOk);
+    for (std::uint32_t i = 0; i < kNames / 2; ++i) Put(file, i, streams_[i] = Content(i, version_++, 1100 * i + 5));
+  }
+
+  void RunChild(ProgressLog& log, std::uint64_t seed, int steps) override {
+    std::mt19937_64 rng(seed);
+    CompoundFile file;
+    log.Begin(Op::kOpen);
+    if (file.Open(path_.c_str(), ZoStreamE::OpenReadWrite) != ZoStreamE::StatusOk) return log.Fail(1);
+    log.Done(Op::kOpen);
+    for (int step = 0; step < steps; ++step) {
+      if (!Step(file, log, rng)) return;
+    }
+    log.Begin(Op::kClose);
+    file.Close();
+    log.Done(Op::kClose);
+  }
+
+  bool Check(const std::vector<Record>& log, bool killed, Tally& tally) override;
+
+ private:
+  bool Step(CompoundFile& file, ProgressLog& log, std::mt19937_64& rng);
+  void OrdinaryWrites(std::mt19937_64& rng, Tally& tally);
+
+  std::string path_;
+  Streams streams_;
+  std::uint32_t version_ = 1;
+};
+
+// New streams and rewrites ("wb"), writes through "r+b" from any offset
+// (appending past the end), deletions, directory flushes, closes and
+// reopens.
+bool RunOnWorkload::Step(CompoundFile& file, ProgressLog& log, std::mt19937_64& rng) {
+  const int roll = static_cast<int>(rng() % 100);
+  if (roll < 70 || streams_.empty()) {
+    const bool replace = roll < 40 || streams_.empty();
+    const std::uint32_t name = replace ? static_cast<std::uint32_t>(rng() % kNames)
+                                       : std::next(streams_.begin(), static_cast<long>(rng() % streams_.size()))->first;
+    const Record write = PlanWrite(rng, replace, name, version_++, streams_[name].size());
+    log.Begin(write);
+    if (!WriteRecord(file.GetIOStream(StreamName(name).c_str(), replace ? "wb" : "r+b"), write, rng)) {
+      return log.Fail(2), false;
+    }
+    ApplyWrite(streams_, write);
+    log.Done(write);
+    return true;
+  }
+  if (roll < 82) {
+    const std::uint32_t name = std::next(streams_.begin(), static_cast<long>(rng() % streams_.size()))->first;
+    log.Begin(Op::kDelete, name);
+    if (!file.DeleteCFFile(StreamName(name).c_str())) return log.Fail(4), false;
+    streams_.erase(name);
+    log.Done(Op::kDelete, name);
+    return true;
+  }
+  if (roll < 90) {
+    log.Begin(Op::kFlush);
+    file.Flush();
+    log.Done(Op::kFlush);
+    return true;
+  }
+  log.Begin(Op::kClose);
+  file.Close();
+  log.Done(Op::kClose);
+  log.Begin(Op::kOpen);
+  if (file.Open(path_.c_str(), ZoStreamE::OpenReadWrite) != ZoStreamE::StatusOk) return log.Fail(1), false;
+  log.Done(Op::kOpen);
+  return true;
+}
+
+bool RunOnWorkload::Check(const std::vector<Record>& log, bool killed, Tally& tally) {
+  // Replay: the model after every finished step, and the streams the
+  // killed session (the one open at the end) touched.
+  Streams settled = streams_;
+  std::set<std::uint32_t> touched;
+  for (const Record& record : log) {
+    const bool write = record.op == Op::kRewrite || record.op == Op::kOverwrite;
+    if (write) version_ = std::max(version_, record.version + 1);
+    if (record.done == 0) {
+      if (record.op == Op::kOpen) touched.clear();
+      if (write || record.op == Op::kDelete) touched.insert(record.name);
+      continue;
+    }
+    if (write) ApplyWrite(settled, record);
+    if (record.op == Op::kDelete) settled.erase(record.name);
+  }
+  std::set<std::string> touchedNames;
+  for (std::uint32_t t : touched) touchedNames.insert(StreamName(t));
+  if (killed && !touched.empty()) tally.Note("kills with streams touched in the killed session");
+
+  // The library's own recovery: one open for writing, then the close.
+  {
+    CompoundFile file;
+    const ZoStreamE::Status status = file.Open(path_.c_str(), ZoStreamE::OpenReadWrite);
+    if (status != ZoStreamE::StatusOk) {
+      ADD_FAILURE() << tally.where << ": the file does not open for writing (status " << status << ")";
+      return false;
+    }
+    Streams untouched = settled;
+    for (std::uint32_t t : touched) untouched.erase(t);
+    const int lost = ExpectSettled(file, untouched, touchedNames, tally.where);
+    if (lost != 0) tally.Note("untouched streams lost");
+    // Touched streams: whatever they hold now is the model from here on.
+    for (std::uint32_t t : touched) {
+      std::string content;
+      if (ReadStream(file, StreamName(t), &content)) {
+        settled[t] = content;
+      } else {
+        EXPECT_FALSE(file.Exists(StreamName(t).c_str())) << tally.where << ": " << StreamName(t) << " does not read";
+        settled.erase(t);
+      }
+    }
+    EXPECT_EQ(ZoStreamE::StatusOk, file.Close()) << tally.where;
+  }
+  const CheckReport report = CheckCompoundFile(path_.c_str());
+  EXPECT_TRUE(report.Sound()) << tally.where << ": not sound after the first open for writing"
+                              << (report.problems.empty() ? "" : ": " + report.problems[0].text);
+  streams_ = settled;
+  std::mt19937_64 rng(version_ * 7919u + static_cast<std::uint64_t>(tally.kills));
+  OrdinaryWrites(rng, tally);
+  return !::testing::Test::HasFailure();
+}
+
+// A few writes of an application that carries on: a new stream, an append,
+// a deletion; then everything reads back.
+void RunOnWorkload::OrdinaryWrites(std::mt19937_64& rng, Tally& tally) {
+  CompoundFile file;
+  ASSERT_EQ(file.Open(path_.c_str(), ZoStreamE::OpenReadWrite), ZoStreamE::StatusOk) << tally.where;
+  const auto name = static_cast<std::uint32_t>(rng() % kNames);
+  Put(file, name, streams_[name] = Content(name, version_++, PickLength(rng)));
+  if (!streams_.empty()) {
+    const std::uint32_t grown = std::next(streams_.begin(), static_cast<long>(rng() % streams_.size()))->first;
+    const std::string more = Content(grown, version_++, PickLength(rng));
+    std::unique_ptr<std::iostream> s(file.GetIOStream(StreamName(grown).c_str(), "r+b"));
+    ASSERT_TRUE(s != nullptr) << tally.where;
+    s->seekp(0, std::ios_base::end);
+    s->write(more.data(), static_cast<std::streamsize>(more.size()));
+    ASSERT_TRUE(s->good()) << tally.where;
+    streams_[grown] += more;
+  }
+  if (streams_.size() > kNames / 2) {
+    const std::uint32_t gone = std::next(streams_.begin(), static_cast<long>(rng() % streams_.size()))->first;
+    ASSERT_TRUE(file.DeleteCFFile(StreamName(gone).c_str())) << tally.where;
+    streams_.erase(gone);
+  }
+  ASSERT_EQ(file.Close(), ZoStreamE::StatusOk) << tally.where;
+  CompoundFile reader;
+  ASSERT_EQ(reader.Open(path_.c_str(), ZoStreamE::OpenReadOnly), ZoStreamE::StatusOk) << tally.where;
+  if (ExpectSettled(reader, streams_, {}, tally.where + " (after the ordinary writes)") != 0) {
+    tally.Note("streams lost by ordinary writes after a recovery");
+  }
+}
+
+int RunOnKills() {
+  const char* text = std::getenv("TZ_RUNON_KILLS");
+  const int kills = text != nullptr ? std::atoi(text) : 0;
+  return kills > 0 ? kills : 40;
+}
+
+TEST(KillAnyMoment, RunOnWithoutHelp) {
+  RunOnWorkload workload;
+  KillPlan plan{0x72756e6f6e, 16};
+  plan.killsPerLife = 1 << 30;  // one file for the whole run
+  plan.kills = RunOnKills();
+  RunKills(workload, "run-on", plan);
+}
+
+}  // namespace
+}  // namespace killtest
