@@ -7,6 +7,10 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <cstdio>
+#include <map>
+#include <random>
+#include <cstdlib>
 #include <memory>
 #include <set>
 #include <string>
@@ -342,6 +346,76 @@ TEST(CutSession, ADeletionThenAnAppendCostNoOtherStream) {
     if (::testing::Test::HasFailure()) return;
   }
   ADD_FAILURE() << "the session never ran clean";
+}
+
+// Rounds of a writing workload on a disk of 1 to 4 MiB already partly
+// filled: new streams, rewrites, appends and deletions until a write fails
+// for want of room; then ordinary work on the file. Every file opens, every
+// stream closed before the failure reads back, and the file is sound.
+// TZ_DISKFULL_ROUNDS sets the rounds (10 unless set). With TZ_DISKFULL_DIR
+// naming a folder on a small file system of its own (a tmpfs mount of a
+// few MiB) the rounds run there on the real platform, filler files and all;
+// otherwise the platform layer plays a disk of that size.
+TEST(FullDisk, RandomRoundsLoseNothingClosed) {
+  const char* rounds = std::getenv("TZ_DISKFULL_ROUNDS");
+  const char* realDir = std::getenv("TZ_DISKFULL_DIR");
+  const int count = rounds != nullptr && std::atoi(rounds) > 0 ? std::atoi(rounds) : 10;
+  ScratchDir scratch;
+  const std::string dir = realDir != nullptr ? std::string(realDir) : scratch.path();
+  const std::string path = dir + "/disk.cf", filler = dir + "/filler";
+  std::mt19937_64 rng(0x66756c6c);
+  int failedRounds = 0;
+  for (int round = 0; round < count && !::testing::Test::HasFailure(); ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    std::remove(path.c_str());
+    std::remove(filler.c_str());
+    const std::uint64_t disk = (1u << 20) + rng() % (3u << 20);
+    const std::uint64_t fill = rng() % (disk / 2);
+    std::map<std::string, std::string> closed;  // what every finished step left
+    {
+      FaultyEnv env;
+      if (realDir == nullptr) env.SetDiskLimit(disk - fill);  // the filler's share is gone
+      else WriteAll(filler, FileBytes(static_cast<std::size_t>(fill), 'f'));
+      ScopedEnv scoped(&env);
+      CompoundFile f;
+      ASSERT_EQ(ZoStreamE::StatusOk, f.Open(path.c_str(), OpenReadWrite));
+      for (int step = 0; step < 100000 && f.GetStatus() == ZoStreamE::StatusOk; ++step) {
+        const std::string name = "s" + std::to_string(rng() % 400);
+        const int roll = static_cast<int>(rng() % 10);
+        const std::string bytes = Pattern(rng() % 60000, static_cast<std::uint32_t>(step));
+        if (roll < 6 || closed.count(name) == 0) {
+          if (PutStream(f, name.c_str(), bytes) && f.GetStatus() == ZoStreamE::StatusOk) closed[name] = bytes;
+          else closed.erase(name);  // replaced: its old chain went first
+        } else if (roll < 9) {
+          Patch(f, name.c_str(), -1, bytes);
+          if (f.GetStatus() == ZoStreamE::StatusOk) closed[name] += bytes;
+          else closed.erase(name);
+        } else if (f.DeleteCFFile(name.c_str())) {
+          closed.erase(name);
+        }
+      }
+      if (f.GetStatus() != ZoStreamE::StatusOk) ++failedRounds;
+    }
+    std::remove(filler.c_str());
+    CompoundFile f;
+    ASSERT_EQ(ZoStreamE::StatusOk, f.Open(path.c_str(), OpenReadOnly)) << "the file does not open";
+    for (const auto& s : closed) {
+      bool ok = false;
+      EXPECT_TRUE(GetStream(f, s.first.c_str(), &ok) == s.second && ok) << s.first << " lost";
+    }
+    f.Close();
+    const CheckReport report = CheckCompoundFile(path.c_str());
+    EXPECT_TRUE(report.Sound()) << "not sound after the failed session: "
+                                << (report.problems.empty() ? report.openError : report.problems[0].text);
+    StreamList untouched(closed.begin(), closed.end());
+    if (!untouched.empty()) {
+      const std::string victim = untouched.back().first;
+      untouched.pop_back();
+      OrdinaryWorkAfterwards(path, victim.c_str(), nullptr, untouched, false);
+    }
+  }
+  EXPECT_EQ(count, failedRounds) << "rounds whose disk never filled";
+  std::printf("[full disk] %d rounds, %d filled the disk\n", count, failedRounds);
 }
 
 }  // namespace
