@@ -71,6 +71,7 @@ Status BlockFileCore::Open(const char* path, ZoStreamE::OpenMode mode) {
       recordLinks = !cleanEnd && !readOnly;
       if (LoadBlockMap() == ZoStreamE::StatusFailed) throw Error();
       recordLinks = false;
+      haveOpenDigest = false;
       if (!cleanEnd && !readOnly && !savedMapTaken) {
         DropMark();
         RepairChains();

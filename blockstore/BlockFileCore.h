@@ -338,6 +338,10 @@ class BlockFileCore {
   bool markOnDisk = false;   // block 1 on the disk carries the mark
   bool writingMark = false;
   bool mending = false;      // this object mends after a failed session
+  // The directory's digest as read at open, once ListMatchesDirectory has
+  // computed it (ReadFreeList needs the same one).
+  unsigned char openDigest[blockformat::kDigestSize] = {};
+  bool haveOpenDigest = false;
   static constexpr std::uint8_t kHashUnknown = 0, kHashSame = 1, kHashDiffers = 2;
   std::vector<std::uint64_t> dirOpenHash;   // by chain index: the block's bytes at open
   std::vector<std::uint8_t> dirHashState;   // by chain index: as the disk holds it now

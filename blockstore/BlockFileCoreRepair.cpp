@@ -26,10 +26,6 @@ namespace bf = blockformat;
 
 namespace {
 
-// The mark: the first bytes of the reserved field of block 1. A writer of
-// this format keeps that field as it read it, zero in a new block.
-constexpr unsigned char kMark[8] = {'t', 'z', 'o', 'p', 'e', 'n', 0x5a, 0xa5};
-
 std::uint64_t HashBlock(const unsigned char* raw) {
   std::uint64_t h = 14695981039346656037ull;
   for (std::size_t i = 0; i < bf::kBlockSize; ++i) {
@@ -54,11 +50,12 @@ bool BlockFileCore::ListMatchesDirectory() {
     if (!file->ReadBlock(entry->firstBlock, raw)) return false;
   }
   // The list's payloads are never enciphered, so this needs no password.
-  unsigned char saved[bf::kDigestSize], digest[bf::kDigestSize];
+  unsigned char saved[bf::kDigestSize];
   std::uint32_t h = 0;
   bf::DecodeFreeListHead(raw + bf::kOffPayload, saved, &h);
-  ComputeDirectoryDigest(digest);
-  return std::memcmp(saved, digest, bf::kDigestSize) == 0;
+  ComputeDirectoryDigest(openDigest);  // ReadFreeList takes it from here
+  haveOpenDigest = true;
+  return std::memcmp(saved, openDigest, bf::kDigestSize) == 0;
 }
 
 void BlockFileCore::StartSession(bool cleanEnd) {
@@ -93,7 +90,7 @@ void BlockFileCore::ArmMark() {
     writingMark = false;
     return;
   }
-  std::memcpy(raw + bf::kOffReserved, kMark, sizeof kMark);
+  std::memcpy(raw + bf::kOffReserved, bf::kUnfinishedMark, bf::kUnfinishedMarkSize);
   // On the disk before any write of the session that it covers.
   if (WriteRawBlock(1, dirBlocks[0]->inUse, raw) == ZoStreamE::StatusOk && FlushFile()) {
     markOnDisk = true;
@@ -254,13 +251,13 @@ bool BlockFileCore::RepairChains() {
 }
 
 bool BlockFileCore::HasMark() const {
-  return !dirBlocks.empty() &&
-         std::memcmp(dirBlocks[0]->reserved, kMark, sizeof kMark) == 0;
+  return !dirBlocks.empty() && bf::HasUnfinishedMark(*dirBlocks[0]);
 }
 
+// The bytes the mark covered were zero in every file this library wrote.
 void BlockFileCore::DropMark() {
   if (!HasMark()) return;
-  std::memset(dirBlocks[0]->reserved, 0, sizeof kMark);
+  std::memset(dirBlocks[0]->reserved, 0, bf::kUnfinishedMarkSize);
   MarkDirBlockChanged(0);
   directoryDirty = true;
 }

@@ -10,6 +10,11 @@ namespace blockformat {
 const char kSignature[kSignatureSize] = "BlockFile";
 const char kFileSignature[kFileSignatureSize] = "ZoCompoundFile";
 const char kFreeListName[] = "zorvanet_block_file_free_list";
+const unsigned char kUnfinishedMark[kUnfinishedMarkSize] = {'t', 'z', 'o', 'p', 'e', 'n', 0x5a, 0xa5};
+
+bool HasUnfinishedMark(const DirBlock& block) {
+  return std::memcmp(block.reserved, kUnfinishedMark, kUnfinishedMarkSize) == 0;
+}
 
 namespace {
 

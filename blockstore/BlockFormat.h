@@ -40,6 +40,11 @@
 //   first block payload 20  983  map bytes 0.. (byte i = inUse of block i)
 //   each further payload 0  1003 the following map bytes
 //
+// The mark of an unfinished session: the first 8 bytes of block 1's
+// reserved field hold kUnfinishedMark while a session that may leave the
+// file out of step with its saved map is writing (see BlockFileCoreRepair).
+// Every write of the directory takes it away again.
+//
 // Decoding never trusts a text to be terminated: each text field is cut at
 // its last byte, so an in-memory text always ends within its array.
 #ifndef TESSELZOSTREAM_BLOCKSTORE_BLOCKFORMAT_H_
@@ -93,6 +98,8 @@ constexpr std::uint32_t kMaxNameLength = DirEntry::kNameSize - 1;  // 256
 extern const char kSignature[kSignatureSize];          // "BlockFile"
 extern const char kFileSignature[kFileSignatureSize];  // "ZoCompoundFile"
 extern const char kFreeListName[];  // "zorvanet_block_file_free_list"
+constexpr std::uint32_t kUnfinishedMarkSize = 8;
+extern const unsigned char kUnfinishedMark[kUnfinishedMarkSize];
 
 // The head and the data block are packed: in memory they have the file's
 // layout, so on a little-endian host a data block goes to and from the file
@@ -152,6 +159,9 @@ const unsigned char* DataBlockBytes(const DataBlock& block, unsigned char* scrat
 
 void EncodeDirEntry(const DirEntry& entry, unsigned char* out);
 void DecodeDirEntry(const unsigned char* in, DirEntry* entry);
+
+// True when a directory block's reserved field begins with the mark.
+bool HasUnfinishedMark(const DirBlock& block);
 
 void EncodeDirBlock(const DirBlock& block, unsigned char* out);
 // False when the file signature is not "ZoCompoundFile"; the fields after

@@ -92,6 +92,7 @@ class Checker {
                 "block " + std::to_string(n) + " of the directory chain is not a directory block");
         break;
       }
+      if (n == 1) r_.unfinished = bf::HasUnfinishedMark(*block);
       held_[n] = true;
       isDir_[n] = true;
       ++r_.heldBlocks;

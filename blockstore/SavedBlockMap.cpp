@@ -75,7 +75,11 @@ bool BlockFileCore::ReadFreeList() {
   unsigned char digest[bf::kDigestSize], saved[bf::kDigestSize];
   std::uint32_t h = 0;
   bf::DecodeFreeListHead(block.payload, saved, &h);
-  ComputeDirectoryDigest(digest);
+  if (haveOpenDigest) {
+    std::memcpy(digest, openDigest, bf::kDigestSize);
+  } else {
+    ComputeDirectoryDigest(digest);
+  }
   if (std::memcmp(saved, digest, bf::kDigestSize) != 0) return false;
   // A writer's H never exceeds the blocks of the file it closed; anything
   // larger is damage, and no table is sized by it.

@@ -21,6 +21,8 @@
 ///     its digest matches the directory (only then does an open for writing
 ///     trust it), and, when it does, whether it calls any block free that a
 ///     chain holds, which would let that block be handed out twice;
+///   - the mark of a session that did not finish (`unfinished`), whose
+///     traces the next open for writing mends;
 ///   - the encrypted flag, and whether `password` (when given) matches the
 ///     digest the file keeps. The saved map of an encrypted file is read
 ///     only under the right password.
@@ -99,6 +101,11 @@ struct TZ_EXPORT CheckReport {
   /// the filler written when a write lands beyond the end.
   std::uint32_t skippedBlocks = 0;
   SavedMapState savedMap = kMapMissing;     ///< the saved block map's state
+  /// The file carries the mark of a session that wrote to it and did not
+  /// finish (killed before it wrote its directory): what that session left
+  /// out of step (blocks it freed or took, links it wrote) is listed among
+  /// the problems, and the next open for writing mends it.
+  bool unfinished = false;
   PasswordState password = kNotEncrypted;  ///< the encrypted flag and password
   std::vector<CheckProblem> problems;  ///< in the order found
   std::uint64_t problemCount = 0;      ///< listed and unlisted

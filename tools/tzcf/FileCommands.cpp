@@ -138,6 +138,10 @@ Exit Check(const std::string& file, const Options& options) {
             << " in the directory, " << report.heldBlocks << " held by " << report.streams
             << " streams, " << report.skippedBlocks << " skipped; saved map "
             << SavedMapText(report.savedMap) << "\n";
+  if (report.unfinished) {
+    std::cout << file << ": left by a session that did not finish; the next open for writing mends"
+              << (report.Sound() ? " it" : " the problems above") << "\n";
+  }
   if (report.Sound()) {
     std::cout << file << ": sound\n";
     return kOk;
