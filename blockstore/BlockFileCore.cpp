@@ -32,6 +32,7 @@ BlockFileCore::~BlockFileCore() {
 
 Status BlockFileCore::Open(const char* path, ZoStreamE::OpenMode mode) {
   status = ZoStreamE::StatusOk;
+  bool mended = false;
   readOnly = mode != ZoStreamE::OpenReadWrite;
   try {
     std::unique_ptr<tz::RandomAccessFile> raw;
@@ -74,7 +75,7 @@ Status BlockFileCore::Open(const char* path, ZoStreamE::OpenMode mode) {
       haveOpenDigest = false;
       if (!cleanEnd && !readOnly && !savedMapTaken) {
         DropMark();
-        RepairChains();
+        mended = RepairChains();
       }
       scannedLinks.clear();
       scannedLinks.shrink_to_fit();
@@ -83,7 +84,8 @@ Status BlockFileCore::Open(const char* path, ZoStreamE::OpenMode mode) {
       StartSession(cleanEnd && !readOnly);
     }
     ZoString::SetStr(fileName, ZoGetCanonicalPath(path).c_str());
-    blocksWritten = false;
+    // A repair's writes count: the close saves a map that matches again.
+    blocksWritten = mended;
     return status;
   } catch (const Error&) {
     Close();

@@ -269,6 +269,9 @@ void OrdinaryWorkAfterwards(const std::string& path, const char* damaged, const 
   const CheckReport mended = CheckCompoundFile(path.c_str());
   ASSERT_TRUE(mended.Sound()) << "before the ordinary work";
   EXPECT_FALSE(mended.unfinished);
+  if (cut) {
+    EXPECT_EQ(CheckReport::kMapCurrent, mended.savedMap) << "the mending open saved no map";
+  }
   const std::string x = Pattern(4000, 31), y = Pattern(5000, 32), more = Pattern(6000, 33);
   {
     OpenedFile f(path, OpenReadWrite);
