@@ -75,8 +75,9 @@ Status BlockFileCore::Open(const char* path, ZoStreamE::OpenMode mode) {
       haveOpenDigest = false;
       if (!cleanEnd && !readOnly && !savedMapTaken) {
         DropMark();
-        mended = RepairChains();
+        RepairChains();
       }
+      mended = !cleanEnd && !readOnly && !dirBlocks.empty();
       scannedLinks.clear();
       scannedLinks.shrink_to_fit();
       DropDanglingEntries();
@@ -84,7 +85,8 @@ Status BlockFileCore::Open(const char* path, ZoStreamE::OpenMode mode) {
       StartSession(cleanEnd && !readOnly);
     }
     ZoString::SetStr(fileName, ZoGetCanonicalPath(path).c_str());
-    // A repair's writes count: the close saves a map that matches again.
+    // After an unfinished session (the list out of step) the close saves a
+    // map that matches again, repaired or not: later opens trust it.
     blocksWritten = mended;
     return status;
   } catch (const Error&) {
