@@ -99,6 +99,16 @@ Status BlockFileCore::Open(const char* path, ZoStreamE::OpenMode mode) {
 void BlockFileCore::LoadDirectoryChain(DirBlock* first, bool exact) {
   AppendDirBlock(first, exact, 1);  // marks its number in isDirBlock, as each one after it
   for (std::uint32_t next = first->nextBlock; next != 0;) {
+    if (next > BlockCount()) {
+      // A link to a directory block that never reached the file (a run
+      // that failed or was killed as the directory grew): the chain ends
+      // here. The record no longer matches the file, so a writer writes it
+      // back cut, and the saved map, whose digest covers the link, is not
+      // trusted.
+      dirBlocks.back()->nextBlock = 0;
+      MarkDirBlockChanged(static_cast<std::uint32_t>(dirBlocks.size() - 1));
+      break;
+    }
     DirBlock* block = nullptr;
     const bool seen = next < isDirBlock.size() && isDirBlock[next];
     if (!seen) block = LoadDirBlock(next, &exact);
