@@ -105,6 +105,13 @@ std::uint32_t BlockFileCore::ChainNext(const bf::BlockHead& head) const {
 // new flag, and goes to disk at once. If the mark cannot be written, the
 // pass does not start.
 Status BlockFileCore::RunMarkedPass(bool encrypt) {
+  // A pass writes the first directory block: inside a batch, the flush
+  // points it waited for come first, so that the directory goes out whole.
+  if (batchFlushDue && batchDepth > 0) {
+    const std::int32_t depth = batchDepth;
+    FinishBatch();
+    batchDepth = depth;
+  }
   if (!ChainsAreSound()) return status = ZoStreamE::StatusFailed;
   directoryDirty = true;
   DirBlock marked = *dirBlocks[0];

@@ -170,6 +170,11 @@ Status BlockFileCore::Close() {
       !mending) {
     mendPath = fileName;
   }
+  // A batch still open ends with the file: its deferred flush point first,
+  // as the close of the last holder would have found it made.
+  if (batchDepth > 0 && status == ZoStreamE::StatusOk) FinishBatch();
+  batchDepth = 0;
+  batchFlushDue = false;
   if (status == ZoStreamE::StatusOk) {
     if (!readOnly && directoryDirty) {
       WriteChangedDirBlocks();

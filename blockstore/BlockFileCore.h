@@ -166,7 +166,16 @@ class BlockFileCore {
   // Releases the stream's blocks and frees the entry. False on a read-only
   // file (status unchanged) or when a block cannot be read or written.
   bool FreeChain(DirEntry* entry);
+  // Writes the changed directory blocks when the directory is dirty or
+  // `force` is set, and flushes the file: a flush point. Inside a batch the
+  // flush point is only noted, and made by the batch's end.
   void FlushDirectory(bool force);
+  // Batches (nested by count): flush points wait for the outermost end, or
+  // for the file's close. BeginBatch is refused (StatusFailed, the status
+  // unchanged) on a read-only file, EndBatch without a batch.
+  ZoStreamE::Status BeginBatch();
+  ZoStreamE::Status EndBatch();
+  void FinishBatch();
   DirEntry* NextDirEntry(std::uint32_t& cursor);
   bool HasEntries() const { return index.InUse() != 0; }
   std::int32_t CountDirEntries() const { return static_cast<std::int32_t>(index.InUse()); }
@@ -272,6 +281,8 @@ class BlockFileCore {
   std::recursive_mutex readLock;
   std::int32_t refCount;
   StreamTable openStreams;
+  std::int32_t batchDepth = 0;  // open batches
+  bool batchFlushDue = false;   // a flush point waits for the batch's end
 
  private:
   // Bookkeeping behind the directory (BlockFileCoreDirectory.cpp).

@@ -234,9 +234,36 @@ void BlockFileCore::WriteChangedDirBlocks() {
 void BlockFileCore::FlushDirectory(bool force) {
   if (readOnly) return;
   if (!directoryDirty && !force) return;
+  if (batchDepth > 0) {  // the flush point waits for the end of the batch
+    batchFlushDue = true;
+    return;
+  }
   WriteChangedDirBlocks();
   directoryDirty = false;
   if (status == ZoStreamE::StatusOk) FlushFile();
+}
+
+ZoStreamE::Status BlockFileCore::BeginBatch() {
+  if (readOnly) return ZoStreamE::StatusFailed;  // refused; the status stays
+  if (status != ZoStreamE::StatusOk) return status;
+  ++batchDepth;
+  return status;
+}
+
+ZoStreamE::Status BlockFileCore::EndBatch() {
+  if (batchDepth == 0) return ZoStreamE::StatusFailed;  // no batch to end; the status stays
+  if (--batchDepth == 0) FinishBatch();
+  return status;
+}
+
+// The last of the flush points the batch deferred: every change since its
+// start goes to the file as that flush point would have written it (the
+// changed directory blocks; nothing else is pending).
+void BlockFileCore::FinishBatch() {
+  batchDepth = 0;
+  if (!batchFlushDue) return;
+  batchFlushDue = false;
+  FlushDirectory(true);
 }
 
 DirEntry* BlockFileCore::NextDirEntry(std::uint32_t& cursor) {

@@ -109,6 +109,14 @@ void CompoundFile::Flush() {
   if (core_ != nullptr) core_->FlushDirectory(false);
 }
 
+Status CompoundFile::BeginBatch() {
+  return core_ != nullptr ? core_->BeginBatch() : ZoStreamE::StatusNotOpen;
+}
+
+Status CompoundFile::EndBatch() {
+  return core_ != nullptr ? core_->EndBatch() : ZoStreamE::StatusNotOpen;
+}
+
 bool CompoundFile::DeleteCFFile(const char* name) {
   if (core_ == nullptr) return false;
   DirEntry* entry = core_->FindDirEntry(name);

@@ -99,8 +99,32 @@ class TZ_EXPORT CompoundFile {
   /// find first, through the name index. Null when there is none.
   const DirEntry* FindDirEntry(const char* name) const;
 
-  /// Writes the directory if it changed since it was last written.
+  /// Writes the directory if it changed since it was last written. Inside a
+  /// batch, waits for its end.
   void Flush();
+
+  /// @name Batches
+  /// A batch defers the flush points of stream closes and of Flush: between
+  /// BeginBatch and the matching EndBatch nothing need reach the file, and
+  /// EndBatch (or the file's close) makes the last of them. The file's bytes
+  /// after EndBatch are those the same calls leave without a batch after
+  /// their last flush point. A batch belongs to the file: all handles on one
+  /// path share it, and calls nest by count. A process killed inside a
+  /// batch leaves a file that opens (the next open for writing mends it), in
+  /// which every stream finished before BeginBatch reads back as it was;
+  /// streams finished inside it may be missing or old.
+  /// @{
+
+  /// Begins a batch (or one more level of it) and returns the file's
+  /// status. StatusFailed, with the status unchanged, on a file opened
+  /// read-only; the status, and no batch, when it is not StatusOk;
+  /// StatusNotOpen without a file.
+  ZoStreamE::Status BeginBatch();
+  /// Ends one level; the outermost end makes the deferred flush point.
+  /// Returns the file's status; StatusFailed, with the status unchanged,
+  /// when no batch is open; StatusNotOpen without a file.
+  ZoStreamE::Status EndBatch();
+  /// @}
 
   /// Releases the stream's blocks and frees its entry. False when the name
   /// is missing, the file is read-only, or a block cannot be freed.

@@ -30,6 +30,8 @@ enum class Op : std::uint16_t {
   kEncrypt,  // version: the new password
   kDecrypt,
   kFail,     // the child met an unexpected result (offset: a code)
+  kBatchBegin,
+  kBatchEnd,
 };
 
 struct Record {

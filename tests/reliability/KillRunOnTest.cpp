@@ -22,6 +22,8 @@ constexpr std::uint32_t kNames = 14;
 
 class RunOnWorkload : public Workload {
  public:
+  explicit RunOnWorkload(bool batches) : batches_(batches) {}
+
   void StartLife(const std::string& dir) override {
     path_ = dir + "/runon.cf";
     streams_.clear();
@@ -50,6 +52,7 @@ class RunOnWorkload : public Workload {
   bool Step(CompoundFile& file, ProgressLog& log, std::mt19937_64& rng);
   void OrdinaryWrites(std::mt19937_64& rng, Tally& tally);
 
+  bool batches_;
   std::string path_;
   Streams streams_;
   std::uint32_t version_ = 1;
@@ -87,6 +90,15 @@ bool RunOnWorkload::Step(CompoundFile& file, ProgressLog& log, std::mt19937_64& 
     log.Done(Op::kFlush);
     return true;
   }
+  if (batches_ && roll < 96) {  // a batch begins, or one level ends
+    const bool begin = rng() % 2 == 0;
+    const Op op = begin ? Op::kBatchBegin : Op::kBatchEnd;
+    log.Begin(op);
+    const ZoStreamE::Status result = begin ? file.BeginBatch() : file.EndBatch();
+    if (begin && result != ZoStreamE::StatusOk) return log.Fail(7), false;
+    log.Done(op, 0, 0, result == ZoStreamE::StatusOk ? 1 : 0);
+    return true;
+  }
   log.Begin(Op::kClose);
   file.Close();
   log.Done(Op::kClose);
@@ -99,18 +111,27 @@ bool RunOnWorkload::Step(CompoundFile& file, ProgressLog& log, std::mt19937_64& 
 bool RunOnWorkload::Check(const std::vector<Record>& log, bool killed, Tally& tally) {
   // Replay: the model after every finished step, and the streams the
   // killed session (the one open at the end) touched.
+  // A stream counts as touched from its change until a flush point has
+  // written the directory: a finished write outside a batch (its release
+  // is one), a flush outside a batch, the end of the outermost batch.
   Streams settled = streams_;
   std::set<std::uint32_t> touched;
+  int batch = 0;
   for (const Record& record : log) {
     const bool write = record.op == Op::kRewrite || record.op == Op::kOverwrite;
     if (write) version_ = std::max(version_, record.version + 1);
     if (record.done == 0) {
-      if (record.op == Op::kOpen) touched.clear();
+      if (record.op == Op::kOpen) touched.clear(), batch = 0;
       if (write || record.op == Op::kDelete) touched.insert(record.name);
       continue;
     }
     if (write) ApplyWrite(settled, record);
     if (record.op == Op::kDelete) settled.erase(record.name);
+    if (record.op == Op::kBatchBegin) ++batch;
+    if (record.op == Op::kBatchEnd && record.offset == 1) --batch;
+    const bool ended = record.op == Op::kBatchEnd && record.offset == 1;
+    const bool flushed = write || record.op == Op::kFlush || ended;
+    if (flushed && batch == 0) touched.clear();
   }
   std::set<std::string> touchedNames;
   for (std::uint32_t t : touched) touchedNames.insert(StreamName(t));
@@ -186,11 +207,21 @@ int RunOnKills() {
 }
 
 TEST(KillAnyMoment, RunOnWithoutHelp) {
-  RunOnWorkload workload;
+  RunOnWorkload workload(false);
   KillPlan plan{0x72756e6f6e, 16};
   plan.killsPerLife = 1 << 30;  // one file for the whole run
   plan.kills = RunOnKills();
   RunKills(workload, "run-on", plan);
+}
+
+// The same with batches begun and ended at random: a stream finished
+// before a batch began reads back exactly after a kill inside it.
+TEST(KillAnyMoment, RunOnInBatches) {
+  RunOnWorkload workload(true);
+  KillPlan plan{0x6261746368, 16};
+  plan.killsPerLife = 1 << 30;
+  plan.kills = RunOnKills();
+  RunKills(workload, "run-on in batches", plan);
 }
 
 }  // namespace
