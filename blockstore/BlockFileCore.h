@@ -200,6 +200,14 @@ class BlockFileCore {
   }
   std::uint32_t SlotOf(const DirEntry* entry) const;
 
+  // --- Whole streams (WholeStream.cpp) ---
+  // What GetIOStream(name, "wb"), one write and the stream's release do;
+  // false where that would fail.
+  bool WriteWhole(const char* name, const char* data, std::size_t size);
+  // The whole stream into `out`; false when it is missing or a read fails.
+  // Reads only: may run beside other reads.
+  bool ReadWhole(const char* name, std::string& out);
+
   // --- Streams (BlockFileCoreStreams.cpp) ---
   ZoIOStream* OpenStream(const char* name, int modeBits);
   ZoIOStream* OpenExisting(const char* name, int modeBits);

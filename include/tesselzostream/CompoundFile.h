@@ -26,7 +26,9 @@
 #ifndef TESSELZOSTREAM_COMPOUNDFILE_H_
 #define TESSELZOSTREAM_COMPOUNDFILE_H_
 
+#include <cstddef>
 #include <istream>
+#include <string>
 
 #include "tesselzostream/DirEntry.h"
 #include "tesselzostream/Export.h"
@@ -102,6 +104,21 @@ class TZ_EXPORT CompoundFile {
   /// Writes the directory if it changed since it was last written. Inside a
   /// batch, waits for its end.
   void Flush();
+
+  /// @name Whole streams
+  /// @{
+
+  /// Writes `size` bytes from `data` as stream `name`: what
+  /// GetIOStream(name, "wb"), one write of the bytes and deleting the stream
+  /// do, with the same bytes on disk, and false where that would fail (no
+  /// file, read-only, a null or over-long name, a failed write, more bytes
+  /// than a stream holds).
+  bool WriteStream(const char* name, const void* data, std::size_t size);
+  /// The whole of stream `name` into `out`; false when it is missing or a
+  /// read fails (the file's status then says why). Several threads may read
+  /// streams of one file this way at once, as with block streams.
+  bool ReadStream(const char* name, std::string& out);
+  /// @}
 
   /// @name Batches
   /// A batch defers the flush points of stream closes and of Flush: between

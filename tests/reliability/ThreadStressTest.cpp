@@ -130,6 +130,30 @@ TEST_P(ThreadStress, ThreadsReadDifferentStreamsOfOneHandle) {
   EXPECT_TRUE(ReadAll(path_) == before) << "reading changed the file";
 }
 
+// One handle, every thread reading whole streams with ReadStream, each all
+// of them in its own order, beside block streams of this thread's.
+TEST_P(ThreadStress, ThreadsReadWholeStreamsOfOneHandle) {
+  CompoundFile file;
+  ASSERT_TRUE(OpenForReading(file));
+  const FileBytes before = ReadAll(path_);
+  std::atomic<int> good{0};
+  OnThreads(kThreads, [&](int t) {
+    bool all = true;
+    for (int round = 0; round < 4; ++round) {
+      for (int k = 0; k < kThreads; ++k) {
+        const int i = (t + k * (round + 1)) % kThreads;
+        std::string got;
+        all = all && file.ReadStream(StreamName(i).c_str(), got) && got == Content(i);
+      }
+    }
+    if (all) ++good;
+  });
+  EXPECT_EQ(good, kThreads);
+  EXPECT_EQ(file.GetStatus(), StatusOk);
+  EXPECT_EQ(file.Close(), StatusOk);
+  EXPECT_TRUE(ReadAll(path_) == before) << "reading changed the file";
+}
+
 // Every thread opens, reads through and closes a handle of its own; opens
 // and closes take the caller's lock, reads none. The shared engine is made
 // and destroyed as holders come and go.
