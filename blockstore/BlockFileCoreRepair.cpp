@@ -14,10 +14,9 @@
 // is written, so that the file's bytes there are what they would be
 // without it.
 #include <algorithm>
-#include <cctype>
+#include <cstring>
 #include <set>
 #include <string>
-#include <cstring>
 #include <vector>
 
 #include "blockstore/BlockFileCore.h"
@@ -67,11 +66,13 @@ void BlockFileCore::StartSession(bool cleanEnd) {
   dirDiffering = 0;
   if (cleanEnd && !dirBlocks.empty()) {
     // Block 1 is the one the mark goes to: its bytes at open are taken now,
-    // from the record that was read (and encodes to them when it is clean).
+    // from the file, before anything is written.
     unsigned char raw[bf::kBlockSize];
-    bf::EncodeDirBlock(*dirBlocks[0], raw);
-    dirOpenHash[0] = HashBlock(raw);
-    dirHashState[0] = kHashSame;
+    std::lock_guard<std::recursive_mutex> hold(readLock);
+    if (file->ReadBlock(1, raw)) {
+      dirOpenHash[0] = HashBlock(raw);
+      dirHashState[0] = kHashSame;
+    }
   }
 }
 
@@ -143,10 +144,10 @@ void BlockFileCore::AfterDirBlockWrite(std::uint32_t index, const unsigned char*
 // the end, into the directory, to a block already taken, or, beyond its
 // size, to a block its head calls free), its size cut to what it keeps; a
 // stream whose first block is wrong is dropped, and so is the second entry
-// of a name. A block a chain keeps
-// whose head calls it free (freed by a run whose directory never reached
-// the file) is marked used again; a block whose head says used but that no
-// chain keeps is freed. Returns true when anything changed.
+// of a name. A block a chain keeps whose head calls it free (freed by a run
+// whose directory never reached the file) is marked used again; a block
+// whose head says used but that no chain keeps is freed. Returns true when
+// anything changed.
 bool BlockFileCore::RepairChains() {
   const std::uint32_t count = BlockCount();
   if (scannedLinks.size() != static_cast<std::size_t>(count) + 1) return false;
@@ -168,7 +169,9 @@ bool BlockFileCore::RepairChains() {
     DirEntry* entry = EntryAt(slot);
     if (entry->firstBlock == 0) continue;
     std::string folded(entry->name, strnlen(entry->name, DirEntry::kNameSize));
-    for (char& c : folded) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    for (char& c : folded) {
+      if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');  // as the directory compares
+    }
     if (names.insert(std::move(folded)).second) continue;
     MarkEntryFree(entry);
     entry->firstBlock = 0;

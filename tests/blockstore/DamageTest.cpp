@@ -518,3 +518,21 @@ TEST_F(DamageTest, DirectoryLinkPastTheEndEndsTheDirectory) {
   ExpectTakesAStream();
 }
 
+// A name that stands twice in the directory (a replaced stream whose new
+// entry reached the file while the old one was still in use) keeps its
+// first entry at an open for writing; the second goes, with its blocks.
+TEST_F(DamageTest, ANameThatStandsTwiceKeepsItsFirstEntry) {
+  const Bytes twice = With([](Bytes& b) {
+    std::memcpy(&b[EntryAt(b, "delta") + bf::kOffName], "ALPHA", 6);  // after alpha in the directory
+  });
+  Install(twice);
+  {
+    OpenedFile f(path_, OpenReadWrite);
+    EXPECT_EQ(streams_[0].second, GetStream(f, "alpha"));
+    EXPECT_EQ(4, f.GetNumDirEntrys());  // alpha, beta, gamma, the saved map
+  }
+  EXPECT_TRUE(CheckCompoundFile(path_.c_str()).Sound());
+  streams_.pop_back();  // delta's entry is the one that went
+  ExpectTakesAStream();
+}
+
