@@ -13,36 +13,51 @@ namespace bf = blockformat;
 
 namespace {
 
-void FeedNumber(MD5& md5, std::uint32_t value) {
-  unsigned char raw[4];
-  tz::EncodeFixed32(raw, value);
-  md5.Update(raw, sizeof raw);
-}
+// The bytes one directory block feeds to the directory digest, gathered
+// into one buffer so that the digest takes them in one call: numbers as
+// their little-endian bytes, texts up to their zero.
+class DigestInput {
+ public:
+  void Number(std::uint32_t value) {
+    tz::EncodeFixed32(at_, value);
+    at_ += 4;
+  }
+  void Bytes(const void* data, std::size_t n) {
+    std::memcpy(at_, data, n);
+    at_ += n;
+  }
+  void Text(const char* text, std::uint32_t width) { Bytes(text, bf::FieldLength(text, width)); }
+  const unsigned char* data() const { return buffer_; }
+  unsigned size() const { return static_cast<unsigned>(at_ - buffer_); }
 
-void FeedText(MD5& md5, const char* text, std::uint32_t width) {
-  md5.Update(static_cast<const void*>(text), bf::FieldLength(text, width));
-}
+ private:
+  // Every field at its full width, which no block exceeds.
+  unsigned char buffer_[bf::kBlockSize + 64];
+  unsigned char* at_ = buffer_;
+};
 
 }  // namespace
 
 void BlockFileCore::FeedDirectoryDigest(MD5& md5, const DirBlock& block) {
-  FeedNumber(md5, block.blockNumber);
-  md5.Update(&block.inUse, 1);
-  FeedText(md5, block.signature, bf::kSignatureSize);
-  FeedNumber(md5, block.nextBlock);
+  DigestInput in;
+  in.Number(block.blockNumber);
+  in.Bytes(&block.inUse, 1);
+  in.Text(block.signature, bf::kSignatureSize);
+  in.Number(block.nextBlock);
   for (const DirEntry& entry : block.entries) {
-    FeedText(md5, entry.name, DirEntry::kNameSize);
-    FeedText(md5, entry.created, DirEntry::kTimeSize);
-    FeedText(md5, entry.modified, DirEntry::kTimeSize);
-    FeedNumber(md5, entry.firstBlock);
-    FeedNumber(md5, entry.size);
+    in.Text(entry.name, DirEntry::kNameSize);
+    in.Text(entry.created, DirEntry::kTimeSize);
+    in.Text(entry.modified, DirEntry::kTimeSize);
+    in.Number(entry.firstBlock);
+    in.Number(entry.size);
   }
-  FeedText(md5, block.fileSignature, bf::kFileSignatureSize);
-  md5.Update(block.reserved, bf::kReservedSize);
-  md5.Update(block.passwordDigest, bf::kDigestSize);
+  in.Text(block.fileSignature, bf::kFileSignatureSize);
+  in.Bytes(block.reserved, bf::kReservedSize);
+  in.Bytes(block.passwordDigest, bf::kDigestSize);
   unsigned char flags[2];
   tz::EncodeFixed16(flags, block.flags);
-  md5.Update(flags, sizeof flags);
+  in.Bytes(flags, sizeof flags);
+  md5.Update(in.data(), in.size());
 }
 
 namespace {
