@@ -162,7 +162,9 @@ class BlockFileCore {
   DirEntry* FindDirEntry(const char* name);
   // A new entry for `name` with its first data block written; null for a
   // null, empty or over-long name (nothing changes) or a failed write.
-  DirEntry* AddDirEntry(const char* name);
+  // With `firstOut`, the caller takes over that block's record (as the file
+  // holds it) on success.
+  DirEntry* AddDirEntry(const char* name, DataBlock** firstOut = nullptr);
   // Releases the stream's blocks and frees the entry. False on a read-only
   // file (status unchanged) or when a block cannot be read or written.
   bool FreeChain(DirEntry* entry);

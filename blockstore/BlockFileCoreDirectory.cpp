@@ -149,7 +149,7 @@ DirEntry* BlockFileCore::FindDirEntry(const char* name) {
   return index.Find(name, &slot) ? EntryAt(slot) : nullptr;
 }
 
-DirEntry* BlockFileCore::AddDirEntry(const char* name) {
+DirEntry* BlockFileCore::AddDirEntry(const char* name, DataBlock** firstOut) {
   if (!NameFits(name) || *name == '\0') return nullptr;
   directoryDirty = true;
   DirEntry* entry = nullptr;
@@ -181,6 +181,7 @@ DirEntry* BlockFileCore::AddDirEntry(const char* name) {
   entry->firstBlock = first->blockNumber;
   MarkEntryUsed(entry);
   if (WriteDataBlock(*first) != ZoStreamE::StatusOk) return nullptr;
+  if (firstOut != nullptr) *firstOut = first.release();  // what the file now holds
   return entry;
 }
 

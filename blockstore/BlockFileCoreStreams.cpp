@@ -22,6 +22,7 @@ ZoIOStream* BlockFileCore::OpenExisting(const char* name, int modeBits) {
 ZoIOStream* BlockFileCore::ReplaceStream(const char* name, int modeBits) {
   DirEntry* entry = FindDirEntry(name);
   if (entry != nullptr) FreeChain(entry);
-  entry = AddDirEntry(name);
-  return entry == nullptr ? nullptr : new ZoIOStream(this, entry, modeBits);
+  DataBlock* first = nullptr;
+  entry = AddDirEntry(name, &first);
+  return entry == nullptr ? nullptr : new ZoIOStream(this, entry, modeBits, first);
 }

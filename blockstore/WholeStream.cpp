@@ -19,12 +19,13 @@ bool BlockFileCore::WriteWhole(const char* name, const char* data, std::size_t s
   if (size > std::numeric_limits<std::uint32_t>::max()) return false;  // no stream holds more
   DirEntry* entry = FindDirEntry(name);
   if (entry != nullptr) FreeChain(entry);
-  entry = AddDirEntry(name);
+  DataBlock* first = nullptr;
+  entry = AddDirEntry(name, &first);
   if (entry == nullptr) return false;
   ++openStreams[entry->name];  // as OpenStream counts it; the device's release lowers it
   bool ok = status == ZoStreamE::StatusOk;
   {
-    ZoIOStreamDevice device(this, entry, kModeOut | kModeBinary);
+    ZoIOStreamDevice device(this, entry, kModeOut | kModeBinary, first);
     try {
       if (ok && size != 0) ok = device.write(data, static_cast<std::streamsize>(size)) == static_cast<std::streamsize>(size);
       if (ok) device.flush();

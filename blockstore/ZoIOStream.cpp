@@ -23,10 +23,10 @@ constexpr std::uint32_t kAppendRun = BlockFileCore::kMaxAppendRun;  // whole blo
 ZoIOStreamDevice::ZoIOException::ZoIOException(const std::string& message)
     : std::ios_base::failure(message, std::error_code(1, std::iostream_category())) {}
 
-ZoIOStreamDevice::Data::Data(BlockFileCore* c, DirEntry* e, int m)
+ZoIOStreamDevice::Data::Data(BlockFileCore* c, DirEntry* e, int m, bf::DataBlock* first)
     : core(c), entry(e), slot(c->SlotOf(e)), mode(m) {
   core->Retain();
-  current = core->LoadDataBlock(entry->firstBlock);
+  current = first != nullptr ? first : core->LoadDataBlock(entry->firstBlock);
   // Blocks are known by the links that reach them, not by their heads,
   // which a read does not check.
   if (current != nullptr) blockNumbers.push_back(entry->firstBlock);
@@ -49,8 +49,8 @@ ZoIOStreamDevice::Data::~Data() {
   core->Release(entry->name);  // the engine may be gone after this
 }
 
-ZoIOStreamDevice::ZoIOStreamDevice(BlockFileCore* core, DirEntry* entry, int mode)
-    : data_(boost::make_shared<Data>(core, entry, mode)) {}
+ZoIOStreamDevice::ZoIOStreamDevice(BlockFileCore* core, DirEntry* entry, int mode, bf::DataBlock* first)
+    : data_(boost::make_shared<Data>(core, entry, mode, first)) {}
 
 bool ZoIOStreamDevice::Failed() const {
   return data_->core->status != ZoStreamE::StatusOk;
@@ -423,9 +423,9 @@ std::basic_iostream<char>& FreshStreamModel() {
 }  // namespace
 
 // The model's state is bad (it has no buffer); rdbuf() below clears it.
-ZoIOStream::ZoIOStream(BlockFileCore* core, DirEntry* entry, int mode)
+ZoIOStream::ZoIOStream(BlockFileCore* core, DirEntry* entry, int mode, bf::DataBlock* first)
     : std::basic_iostream<char>(std::move(FreshStreamModel())), entry_(entry) {
-  buffer_.open(ZoIOStreamDevice(core, entry, mode), kBufferSize, kPutbackSize);
+  buffer_.open(ZoIOStreamDevice(core, entry, mode, first), kBufferSize, kPutbackSize);
   rdbuf(&buffer_);
   if ((mode & kModeBinary) == 0 || core->status != ZoStreamE::StatusOk) {
     setstate(std::ios_base::badbit);

@@ -71,7 +71,10 @@ class ZoIOStreamDevice {
   };
 
   struct Data {
-    Data(BlockFileCore* core, DirEntry* entry, int mode);
+    // `first`, when given, is the stream's first block as the file holds it
+    // (a new stream's, just written); the object takes it over instead of
+    // reading it.
+    Data(BlockFileCore* core, DirEntry* entry, int mode, blockformat::DataBlock* first = nullptr);
     ~Data();
     Data(const Data&) = delete;
     Data& operator=(const Data&) = delete;
@@ -104,7 +107,8 @@ class ZoIOStreamDevice {
     int mode;
   };
 
-  ZoIOStreamDevice(BlockFileCore* core, DirEntry* entry, int mode);
+  ZoIOStreamDevice(BlockFileCore* core, DirEntry* entry, int mode,
+                   blockformat::DataBlock* first = nullptr);
 
   std::streamsize read(char* s, std::streamsize n);
   std::streamsize write(const char* s, std::streamsize n);
@@ -154,7 +158,8 @@ class ZoIOStream : public std::basic_iostream<char> {
   static constexpr std::streamsize kBufferSize = 10240;
   static constexpr std::streamsize kPutbackSize = 4;
 
-  ZoIOStream(BlockFileCore* core, DirEntry* entry, int mode);
+  // `first`: as for ZoIOStreamDevice::Data.
+  ZoIOStream(BlockFileCore* core, DirEntry* entry, int mode, blockformat::DataBlock* first = nullptr);
   ~ZoIOStream() override;
 
   const char* GetStreamName() const;
