@@ -18,15 +18,19 @@ void DirectoryIndex::Clear() {
   byName_.clear();
   freeCount_.clear();
   hasFree_.clear();
+  blocksWithFree_ = 0;
   inUse_ = 0;
 }
 
 void DirectoryIndex::SetHasFree(std::uint32_t block, bool hasFree) {
   const std::uint64_t bit = std::uint64_t{1} << (block % 64);
+  std::uint64_t& word = hasFree_[block / 64];
+  if (((word & bit) != 0) == hasFree) return;
+  word ^= bit;
   if (hasFree) {
-    hasFree_[block / 64] |= bit;
+    ++blocksWithFree_;
   } else {
-    hasFree_[block / 64] &= ~bit;
+    --blocksWithFree_;
   }
 }
 
@@ -80,7 +84,10 @@ bool DirectoryIndex::Find(const char* name, std::uint32_t* slot) const {
 
 // The highest set bit, from the top word down: a word covers 64 blocks, so
 // even a directory of 100,000 streams takes at most some 500 word tests.
+// A directory without a free entry (a file that only grows) answers at
+// once, so that adding streams costs the same at any size.
 bool DirectoryIndex::LastBlockWithFree(std::uint32_t* block) const {
+  if (blocksWithFree_ == 0) return false;
   for (std::size_t w = hasFree_.size(); w-- > 0;) {
     if (hasFree_[w] != 0) {
       *block = static_cast<std::uint32_t>(w * 64 + 63 - static_cast<unsigned>(__builtin_clzll(hasFree_[w])));

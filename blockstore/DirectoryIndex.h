@@ -48,6 +48,7 @@ class DirectoryIndex {
   std::unordered_map<std::string, Slots> byName_;
   std::vector<std::uint8_t> freeCount_;  // per block
   std::vector<std::uint64_t> hasFree_;   // bit per block: a free entry left
+  std::uint32_t blocksWithFree_ = 0;     // bits set in hasFree_
   std::uint32_t inUse_ = 0;
 };
 
