@@ -222,7 +222,7 @@ TEST_F(StreamTest, ModelAgainstString) {
 
 // Two streams on one entry share its size but not their blocks in memory.
 // A reader whose copy of the last block is older than the chain another
-// stream has grown goes on as the device's steps do: it grows the chain
+// stream has grown goes on as a writer would: it grows the chain
 // from its own copy (losing the other's bytes past it), and the file's
 // status stays good.
 TEST_F(StreamTest, StaleCopyOfASharedChainGrowsIt) {
@@ -380,7 +380,7 @@ TEST_F(StreamTest, ReadOnlyFileRefusesWrites) {
   ASSERT_EQ(file_.Open(path_.c_str(), OpenReadOnly), StatusOk);
   {
     // A seek beyond the end grows the chain, whose first new block the
-    // engine refuses; the steps after that failure take no more numbers.
+    // engine refuses; no further block numbers are taken after that failure.
     auto in = Get("s", "rb");
     in->seekg(5 * 1003);
     EXPECT_TRUE(in->fail());
