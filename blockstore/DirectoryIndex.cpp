@@ -10,16 +10,40 @@ namespace {
 constexpr std::uint32_t kPerBlock = blockformat::kEntriesPerBlock;
 }
 
-std::string DirectoryIndex::Key(const char* name) {
-  return ZoString::FoldAscii(name, std::strlen(name));
+// FNV-1a over the ASCII-folded bytes.
+std::uint32_t DirectoryIndex::Hash(const char* name) {
+  std::uint64_t h = 14695981039346656037ull;
+  for (const char* p = name; *p != '\0'; ++p) {
+    unsigned char c = static_cast<unsigned char>(*p);
+    if (c >= 'A' && c <= 'Z') c = static_cast<unsigned char>(c - 'A' + 'a');
+    h = (h ^ c) * 1099511628211ull;
+  }
+  return static_cast<std::uint32_t>(h ^ (h >> 32));
 }
 
 void DirectoryIndex::Clear() {
-  byName_.clear();
+  cells_.clear();
+  names_.clear();
   freeCount_.clear();
   hasFree_.clear();
   blocksWithFree_ = 0;
   inUse_ = 0;
+}
+
+void DirectoryIndex::Insert(Cell cell) {
+  std::uint32_t i = cell.hash & Mask();
+  while (cells_[i].slotPlusOne != 0) i = (i + 1) & Mask();
+  cells_[i] = cell;
+}
+
+// Twice the room; every cell goes in again.
+void DirectoryIndex::Grow() {
+  std::vector<Cell> old;
+  old.swap(cells_);
+  cells_.assign(old.empty() ? 64 : old.size() * 2, Cell{0, 0});
+  for (const Cell& cell : old) {
+    if (cell.slotPlusOne != 0) Insert(cell);
+  }
 }
 
 void DirectoryIndex::SetHasFree(std::uint32_t block, bool hasFree) {
@@ -37,48 +61,55 @@ void DirectoryIndex::SetHasFree(std::uint32_t block, bool hasFree) {
 void DirectoryIndex::AddBlock() {
   const std::uint32_t block = static_cast<std::uint32_t>(freeCount_.size());
   freeCount_.push_back(kPerBlock);
+  names_.resize(names_.size() + kPerBlock, nullptr);
   if (block / 64 >= hasFree_.size()) hasFree_.push_back(0);
   SetHasFree(block, true);
 }
 
 void DirectoryIndex::EntryUsed(std::uint32_t slot, const char* name) {
-  auto inserted = byName_.emplace(Key(name), Slots{slot, {}});
-  if (!inserted.second) {
-    Slots& slots = inserted.first->second;
-    const std::uint32_t later = std::max(slot, slots.first);
-    slots.first = std::min(slot, slots.first);
-    slots.more.insert(std::lower_bound(slots.more.begin(), slots.more.end(), later), later);
-  }
+  if (2 * (static_cast<std::size_t>(inUse_) + 1) > cells_.size()) Grow();
+  names_[slot] = name;
+  Insert(Cell{slot + 1, Hash(name)});
   const std::uint32_t block = slot / kPerBlock;
   if (--freeCount_[block] == 0) SetHasFree(block, false);
   ++inUse_;
 }
 
+// The cell leaves its probe run, and the cells after it in the run move
+// back where their own probes would still find them.
 void DirectoryIndex::EntryFreed(std::uint32_t slot, const char* name) {
-  auto it = byName_.find(Key(name));
-  if (it == byName_.end()) return;
-  Slots& slots = it->second;
-  if (slots.first == slot) {
-    if (slots.more.empty()) {
-      byName_.erase(it);
-    } else {
-      slots.first = slots.more.front();
-      slots.more.erase(slots.more.begin());
-    }
-  } else {
-    auto pos = std::lower_bound(slots.more.begin(), slots.more.end(), slot);
-    if (pos == slots.more.end() || *pos != slot) return;
-    slots.more.erase(pos);
+  if (cells_.empty()) return;
+  std::uint32_t i = Hash(name) & Mask();
+  while (cells_[i].slotPlusOne != 0 && cells_[i].slotPlusOne != slot + 1) i = (i + 1) & Mask();
+  if (cells_[i].slotPlusOne == 0) return;  // not in use
+  for (std::uint32_t j = (i + 1) & Mask(); cells_[j].slotPlusOne != 0; j = (j + 1) & Mask()) {
+    const std::uint32_t home = cells_[j].hash & Mask();
+    // Cell j may move to i unless its home lies cyclically in (i, j].
+    const bool stays = i <= j ? (home > i && home <= j) : (home > i || home <= j);
+    if (stays) continue;
+    cells_[i] = cells_[j];
+    i = j;
   }
+  cells_[i] = Cell{0, 0};
+  names_[slot] = nullptr;
   const std::uint32_t block = slot / kPerBlock;
   if (freeCount_[block]++ == 0) SetHasFree(block, true);
   --inUse_;
 }
 
+// Every slot under the name lies in the probe run from its hash; the lowest
+// of them is the first in directory order.
 bool DirectoryIndex::Find(const char* name, std::uint32_t* slot) const {
-  auto it = byName_.find(Key(name));
-  if (it == byName_.end()) return false;
-  *slot = it->second.first;
+  if (cells_.empty()) return false;
+  const std::uint32_t hash = Hash(name);
+  std::uint32_t best = 0;
+  for (std::uint32_t i = hash & Mask(); cells_[i].slotPlusOne != 0; i = (i + 1) & Mask()) {
+    const Cell& cell = cells_[i];
+    if (cell.hash != hash || (best != 0 && cell.slotPlusOne > best)) continue;
+    if (ZoString::StrICmp(names_[cell.slotPlusOne - 1], name) == 0) best = cell.slotPlusOne;
+  }
+  if (best == 0) return false;
+  *slot = best - 1;
   return true;
 }
 

@@ -7,8 +7,15 @@
 //   - the block the next new entry goes to: the last block (in chain order)
 //     that still has a free entry;
 //   - how many entries are in use.
-// It knows nothing of the records themselves; the engine tells it every
+// It keeps no copy of a name: it holds the pointer it was given with each
+// slot in use, and hashes of the folded names in an open-addressed table
+// (linear probing, at most half full), so that a look-up allocates nothing
+// and a directory costs a few bytes a slot. The engine tells it every
 // change of an entry between free and in use.
+//
+// REQUIRES: the name given with EntryUsed stays valid, with the same
+// folded text, until EntryFreed of that slot (the directory's records never
+// move while the file is open).
 //
 // Thread safety: none; it changes only with the directory, under the
 // writer's exclusive use.
@@ -16,8 +23,6 @@
 #define TESSELZOSTREAM_BLOCKSTORE_DIRECTORYINDEX_H_
 
 #include <cstdint>
-#include <string>
-#include <unordered_map>
 #include <vector>
 
 class DirectoryIndex {
@@ -36,16 +41,20 @@ class DirectoryIndex {
   std::uint32_t InUse() const { return inUse_; }
 
  private:
-  // The slots of one key in directory order: the first inline (most keys
-  // have one), any others in `more`, ascending.
-  struct Slots {
-    std::uint32_t first;
-    std::vector<std::uint32_t> more;
+  // A slot in use (slot + 1; 0 marks an empty cell) and the low 32 bits of
+  // its folded name's hash, which also pick the cell a probe starts at.
+  struct Cell {
+    std::uint32_t slotPlusOne;
+    std::uint32_t hash;
   };
-  static std::string Key(const char* name);
+  static std::uint32_t Hash(const char* name);
+  std::uint32_t Mask() const { return static_cast<std::uint32_t>(cells_.size() - 1); }
+  void Insert(Cell cell);
+  void Grow();
   void SetHasFree(std::uint32_t block, bool hasFree);
 
-  std::unordered_map<std::string, Slots> byName_;
+  std::vector<Cell> cells_;              // a power of two, or empty
+  std::vector<const char*> names_;       // by slot: the name of a slot in use
   std::vector<std::uint8_t> freeCount_;  // per block
   std::vector<std::uint64_t> hasFree_;   // bit per block: a free entry left
   std::uint32_t blocksWithFree_ = 0;     // bits set in hasFree_

@@ -15,7 +15,10 @@ TEST(DirectoryIndex, ModelAgainstPlainVectors) {
   const char* names[] = {"a", "A", "b", "longer name than sixteen", "LONGER NAME THAN SIXTEEN", "c"};
   std::mt19937 rng(4242);
   DirectoryIndex index;
-  std::vector<std::string> used;  // by slot; empty: free
+  // By slot; empty: free. The index keeps the pointers it is given, so the
+  // names are the array's, which never move.
+  std::vector<std::string> used;
+  std::vector<const char*> given;
   auto fold = [](std::string s) {
     for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     return s;
@@ -24,13 +27,15 @@ TEST(DirectoryIndex, ModelAgainstPlainVectors) {
     if (used.empty() || rng() % 50 == 0) {
       index.AddBlock();
       used.resize(used.size() + 3);
+      given.resize(given.size() + 3, nullptr);
     }
     const std::uint32_t slot = rng() % used.size();
     if (used[slot].empty()) {
-      used[slot] = names[rng() % 6];
-      index.EntryUsed(slot, used[slot].c_str());
+      given[slot] = names[rng() % 6];
+      used[slot] = given[slot];
+      index.EntryUsed(slot, given[slot]);
     } else {
-      index.EntryFreed(slot, used[slot].c_str());
+      index.EntryFreed(slot, given[slot]);
       used[slot].clear();
     }
     if (step % 97 != 0) continue;
@@ -57,6 +62,50 @@ TEST(DirectoryIndex, ModelAgainstPlainVectors) {
     ASSERT_EQ(index.LastBlockWithFree(&got), last != ~0u) << "step " << step;
     if (last != ~0u) {
       ASSERT_EQ(got, last) << "step " << step;
+    }
+  }
+}
+
+// Many distinct names, in two letter cases, used and freed at random: long
+// probe runs, and cells moved back as others leave them.
+TEST(DirectoryIndex, ManyNamesComeAndGo) {
+  std::vector<std::string> pool;
+  for (int k = 0; k < 3000; ++k) {
+    pool.push_back("name-" + std::to_string(k));
+    pool.push_back("NAME-" + std::to_string(k));
+  }
+  std::mt19937 rng(777);
+  DirectoryIndex index;
+  std::vector<int> used;  // by slot: index into pool, -1 free
+  for (int b = 0; b < 1500; ++b) {
+    index.AddBlock();
+    used.insert(used.end(), 3, -1);
+  }
+  auto fold = [](std::string s) {
+    for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return s;
+  };
+  for (int step = 0; step < 60000; ++step) {
+    const std::uint32_t slot = rng() % used.size();
+    if (used[slot] < 0) {
+      used[slot] = static_cast<int>(rng() % pool.size());
+      index.EntryUsed(slot, pool[static_cast<std::size_t>(used[slot])].c_str());
+    } else {
+      index.EntryFreed(slot, pool[static_cast<std::size_t>(used[slot])].c_str());
+      used[slot] = -1;
+    }
+    if (step % 5000 != 4999) continue;
+    std::map<std::string, std::uint32_t> first;  // folded name -> lowest slot
+    for (std::uint32_t s = static_cast<std::uint32_t>(used.size()); s-- > 0;) {
+      if (used[s] >= 0) first[fold(pool[static_cast<std::size_t>(used[s])])] = s;
+    }
+    for (std::size_t k = 0; k < pool.size(); k += 7) {
+      std::uint32_t got = ~0u;
+      const auto want = first.find(fold(pool[k]));
+      ASSERT_EQ(want != first.end(), index.Find(pool[k].c_str(), &got)) << pool[k];
+      if (want != first.end()) {
+        ASSERT_EQ(want->second, got) << pool[k];
+      }
     }
   }
 }
