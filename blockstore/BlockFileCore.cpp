@@ -56,7 +56,9 @@ Status BlockFileCore::Open(const char* path, ZoStreamE::OpenMode mode) {
       if (!blockformat::HasSignature(head)) throw Error();
     }
     bool exact = false;
-    DirBlock* first = LoadDirBlock(1, &exact);
+    // Whether a block encodes back to the bytes read matters only to a
+    // writer (a block that does not counts as changed).
+    DirBlock* first = LoadDirBlock(1, readOnly ? nullptr : &exact);
     if (first == nullptr) {
       if (status != ZoStreamE::StatusPastEnd) return status;
       status = ZoStreamE::StatusOk;  // an empty file: no directory yet
@@ -111,7 +113,7 @@ void BlockFileCore::LoadDirectoryChain(DirBlock* first, bool exact) {
     }
     DirBlock* block = nullptr;
     const bool seen = next < isDirBlock.size() && isDirBlock[next];
-    if (!seen) block = LoadDirBlock(next, &exact);
+    if (!seen) block = LoadDirBlock(next, readOnly ? nullptr : &exact);
     if (block == nullptr) {
       // An unreadable or looping directory chain: nothing of this file may be
       // written back, and the failure leaves Open as a thrown status.

@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "blockstore/BlockFormat.h"
-#include "utility/ZoString.h"
 
 namespace {
 constexpr std::uint32_t kPerBlock = blockformat::kEntriesPerBlock;
@@ -20,6 +19,24 @@ std::uint32_t DirectoryIndex::Hash(const char* name) {
   }
   return static_cast<std::uint32_t>(h ^ (h >> 32));
 }
+
+namespace {
+// Equal without regard to ASCII case; bytes that are equal as they stand
+// (the common case: a name looked up as it was stored) cost no folding.
+bool FoldEqual(const char* a, const char* b) {
+  for (;; ++a, ++b) {
+    if (*a == *b) {
+      if (*a == '\0') return true;
+      continue;
+    }
+    auto fold = [](char c) {
+      const auto u = static_cast<unsigned char>(c);
+      return u >= 'A' && u <= 'Z' ? u - 'A' + 'a' : u;
+    };
+    if (fold(*a) != fold(*b)) return false;
+  }
+}
+}  // namespace
 
 void DirectoryIndex::Clear() {
   cells_.clear();
@@ -106,7 +123,7 @@ bool DirectoryIndex::Find(const char* name, std::uint32_t* slot) const {
   for (std::uint32_t i = hash & Mask(); cells_[i].slotPlusOne != 0; i = (i + 1) & Mask()) {
     const Cell& cell = cells_[i];
     if (cell.hash != hash || (best != 0 && cell.slotPlusOne > best)) continue;
-    if (ZoString::StrICmp(names_[cell.slotPlusOne - 1], name) == 0) best = cell.slotPlusOne;
+    if (FoldEqual(names_[cell.slotPlusOne - 1], name)) best = cell.slotPlusOne;
   }
   if (best == 0) return false;
   *slot = best - 1;
