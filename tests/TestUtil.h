@@ -130,6 +130,13 @@ class FaultyEnv : public tz::Env {
   std::uint64_t diskLimit_ = 0;
 };
 
+// The FaultyEnv with a clock that stands still, so that two runs of the
+// same calls stamp the same times and leave the same bytes.
+class FixedClockEnv : public FaultyEnv {
+ public:
+  std::int64_t Now() override { return 1700000000; }
+};
+
 // Puts an Env in place for its lifetime.
 class ScopedEnv {
  public:

@@ -18,11 +18,6 @@ using namespace tztest;
 using ZoStreamE::OpenReadOnly;
 using ZoStreamE::OpenReadWrite;
 
-class FixedClock : public FaultyEnv {
- public:
-  std::int64_t Now() override { return 1700000000; }
-};
-
 // Streams written, replaced, grown and deleted, with a flush between;
 // `afterPuts` runs once the first streams are written.
 void Edits(CompoundFile& f, const std::function<void()>& afterPuts = [] {}) {
@@ -58,7 +53,7 @@ class BatchTest : public ::testing::Test {
     *afterClose = ReadAll(plain_);
   }
 
-  FixedClock clock_;
+  FixedClockEnv clock_;
   ScopedEnv scoped_{&clock_};
   ScratchDir dir_;
   std::string plain_, batched_;

@@ -16,13 +16,8 @@ using namespace tztest;
 using ZoStreamE::OpenReadOnly;
 using ZoStreamE::OpenReadWrite;
 
-class FixedClock : public FaultyEnv {
- public:
-  std::int64_t Now() override { return 1700000000; }
-};
-
 TEST(WholeStream, WriteStreamLeavesTheBytesOfTheStreamPath) {
-  FixedClock clock;
+  FixedClockEnv clock;
   ScopedEnv scoped(&clock);
   ScratchDir dir;
   const std::string byStream = dir.Path("stream.cf"), byCall = dir.Path("call.cf");
