@@ -340,7 +340,18 @@ class BlockFileCore {
   std::vector<bool> dirBlockChanged;   // by chain index
   std::vector<std::uint32_t> changedDirBlocks;
   std::vector<std::uint32_t> spareDirBlockList;  // empty; its room is reused
-  std::unordered_map<std::uint32_t, std::uint32_t> dirBlockByNumber;  // number -> chain index
+  // By block number: the chain index of the directory block read from (or
+  // written to) it, kNoDirBlock for any other block.
+  static constexpr std::uint32_t kNoDirBlock = 0xFFFFFFFFu;
+  tz::PagedArray<std::uint32_t> dirIndexByNumber{kNoDirBlock};
+  std::vector<std::uint32_t> dirBlockNumberAt;  // by chain index: that number
+  // The chain index of directory block `number`, or kNoDirBlock.
+  std::uint32_t DirIndexOf(std::uint32_t number) const {
+    return number < dirIndexByNumber.size() ? dirIndexByNumber[number] : kNoDirBlock;
+  }
+  // The last entry SlotOf answered for (entries never move).
+  mutable const DirEntry* lastSlotEntry = nullptr;
+  mutable std::uint32_t lastSlot = 0;
   // Address of each directory block's first entry -> its chain index, so
   // that an entry's slot follows from its address (one node per block).
   std::map<std::uintptr_t, std::uint32_t> blockByEntries;

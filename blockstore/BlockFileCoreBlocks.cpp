@@ -152,13 +152,13 @@ Status BlockFileCore::WriteRawDataBlock(const DataBlock& block, const unsigned c
 Status BlockFileCore::WriteDirBlock(const DirBlock& block) {
   unsigned char raw[bf::kBlockSize];
   bf::EncodeDirBlock(block, raw);
-  auto it = dirBlockByNumber.find(block.blockNumber);
-  const bool known = it != dirBlockByNumber.end() && dirBlocks[it->second].get() == &block;
-  if (known) BeforeDirBlockWrite(it->second);
+  const std::uint32_t index = DirIndexOf(block.blockNumber);
+  const bool known = index != kNoDirBlock && dirBlocks[index].get() == &block;
+  if (known) BeforeDirBlockWrite(index);
   const Status result = WriteBlockBytes(*this, {block.blockNumber, block.inUse, raw, nullptr});
   if (result == ZoStreamE::StatusOk) {
     DirBlockWritten(block);
-    if (known) AfterDirBlockWrite(it->second, raw);
+    if (known) AfterDirBlockWrite(index, raw);
   }
   return result;
 }

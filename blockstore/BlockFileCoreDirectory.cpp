@@ -23,13 +23,16 @@ DirEntry* BlockFileCore::EntryAt(std::uint32_t slot) const {
 }
 
 std::uint32_t BlockFileCore::SlotOf(const DirEntry* entry) const {
+  if (entry == lastSlotEntry && entry != nullptr) return lastSlot;  // a new stream asks twice
   const auto at = reinterpret_cast<std::uintptr_t>(entry);
   auto it = blockByEntries.upper_bound(at);
   if (it == blockByEntries.begin()) return ~0u;
   --it;
   const std::uintptr_t offset = at - it->first;
   if (offset % sizeof(DirEntry) != 0 || offset / sizeof(DirEntry) >= kPerBlock) return ~0u;
-  return it->second * kPerBlock + static_cast<std::uint32_t>(offset / sizeof(DirEntry));
+  lastSlotEntry = entry;
+  lastSlot = it->second * kPerBlock + static_cast<std::uint32_t>(offset / sizeof(DirEntry));
+  return lastSlot;
 }
 
 void BlockFileCore::AppendDirBlock(DirBlock* block, bool matchesFile, std::uint32_t readFrom) {
@@ -47,7 +50,9 @@ void BlockFileCore::IndexBlock(std::uint32_t blockIndex, bool matchesFile, std::
   DirBlock& block = *dirBlocks[blockIndex];
   index.AddBlock();
   dirBlockChanged.push_back(false);
-  dirBlockByNumber[number] = blockIndex;
+  if (number >= dirIndexByNumber.size()) dirIndexByNumber.resize(static_cast<std::size_t>(number) + 1);
+  dirIndexByNumber[number] = blockIndex;
+  dirBlockNumberAt.push_back(number);
   if (number >= isDirBlock.size()) isDirBlock.resize(number + 1, false);
   isDirBlock[number] = true;
   blockByEntries[reinterpret_cast<std::uintptr_t>(&block.entries[0])] = blockIndex;
@@ -65,8 +70,8 @@ void BlockFileCore::MarkDirBlockChanged(std::uint32_t blockIndex) {
 }
 
 void BlockFileCore::MarkDirBlockNumberChanged(std::uint32_t blockNumber) {
-  auto it = dirBlockByNumber.find(blockNumber);
-  if (it != dirBlockByNumber.end()) MarkDirBlockChanged(it->second);
+  const std::uint32_t index = DirIndexOf(blockNumber);
+  if (index != kNoDirBlock) MarkDirBlockChanged(index);
 }
 
 void BlockFileCore::EntryChanged(const DirEntry* entry) {
@@ -86,11 +91,12 @@ void BlockFileCore::EntryChanged(const DirEntry* entry) {
 // the same, the head is set right here: a directory write goes to the
 // number its record names.
 void BlockFileCore::CheckDirBlocksAgainstMap() {
-  for (const auto& at : dirBlockByNumber) {
-    DirBlock& block = *dirBlocks[at.second];
-    if (block.blockNumber == at.first && bf::HasSignature(block)) continue;
-    RepairHeadForWriting(at.first, &block);
-    MarkDirBlockChanged(at.second);
+  for (std::uint32_t i = 0; i < dirBlocks.size(); ++i) {
+    DirBlock& block = *dirBlocks[i];
+    const std::uint32_t at = dirBlockNumberAt[i];
+    if (block.blockNumber == at && bf::HasSignature(block)) continue;
+    RepairHeadForWriting(at, &block);
+    MarkDirBlockChanged(i);
     directoryDirty = true;
   }
   for (std::uint32_t i = 0; i < dirBlocks.size(); ++i) {
@@ -283,8 +289,6 @@ DirEntry* BlockFileCore::NextDirEntry(std::uint32_t& cursor) {
 // A directory block that reached the file (or its queue) now matches it,
 // and the block map holds its inUse byte.
 void BlockFileCore::DirBlockWritten(const DirBlock& block) {
-  auto it = dirBlockByNumber.find(block.blockNumber);
-  if (it != dirBlockByNumber.end() && dirBlocks[it->second].get() == &block) {
-    dirBlockChanged[it->second] = false;
-  }
+  const std::uint32_t index = DirIndexOf(block.blockNumber);
+  if (index != kNoDirBlock && dirBlocks[index].get() == &block) dirBlockChanged[index] = false;
 }

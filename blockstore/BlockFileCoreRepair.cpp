@@ -153,8 +153,8 @@ bool BlockFileCore::RepairChains() {
   if (scannedLinks.size() != static_cast<std::size_t>(count) + 1) return false;
   constexpr std::uint32_t kNone = 0, kDirectory = ~0u;
   std::vector<std::uint32_t> owner(static_cast<std::size_t>(count) + 1, kNone);
-  for (const auto& at : dirBlockByNumber) {
-    if (at.first <= count) owner[at.first] = kDirectory;
+  for (const std::uint32_t at : dirBlockNumberAt) {
+    if (at <= count) owner[at] = kDirectory;
   }
   std::vector<std::uint32_t> restore, cut;
   bool changed = false;
