@@ -13,6 +13,9 @@ constexpr std::size_t kBlock = blockformat::kBlockSize;
 // file, and the buffer is only touched as far as it is used.
 constexpr std::size_t kMaxPending = 512u << 10;
 constexpr std::size_t kAheadBlocks = 256;     // one read-ahead run
+// Room reserved beyond a growing write, so that a file growing a stream at
+// a time reserves once in many writes rather than at each.
+constexpr std::uint64_t kReserveAhead = 64 * kBlock;
 }  // namespace
 
 BlockIO::BlockIO(std::unique_ptr<tz::RandomAccessFile> file)
@@ -20,6 +23,7 @@ BlockIO::BlockIO(std::unique_ptr<tz::RandomAccessFile> file)
       pending_(new unsigned char[kMaxPending]),
       ahead_(new unsigned char[kAheadBlocks * kBlock]) {
   if (!file_->Size(&diskSize_)) diskSize_ = 0;
+  reservedEnd_ = diskSize_;
 }
 
 std::uint64_t BlockIO::Offset(std::uint32_t n) {
@@ -171,6 +175,7 @@ void BlockIO::CutTornTail() {
   std::uint64_t size = 0;
   if (file_->Size(&size) && size % kBlock != 0) file_->Truncate(size - size % kBlock);
   if (file_->Size(&size)) diskSize_ = size;
+  reservedEnd_ = std::min(reservedEnd_, diskSize_);
 }
 
 // A run that grows the file first has its room reserved, so that a full
@@ -186,9 +191,17 @@ bool BlockIO::Flush() {
   if (pendingLength_ == 0) return true;
   const std::uint64_t end = pendingStart_ + pendingLength_;
   bool ok = true;
-  if (end > diskSize_) {
-    const std::uint64_t from = std::max(pendingStart_, diskSize_);
-    ok = file_->Reserve(from, end - from);
+  if (end > reservedEnd_) {
+    // Some room beyond what this write needs, or, on a disk too full for
+    // that, exactly what it needs.
+    const std::uint64_t from = std::max(pendingStart_, reservedEnd_);
+    if (file_->Reserve(from, end + kReserveAhead - from)) {
+      reservedEnd_ = end + kReserveAhead;
+    } else if (file_->Reserve(from, end - from)) {
+      reservedEnd_ = end;
+    } else {
+      ok = false;
+    }
   }
   if (ok) ok = file_->WriteAt(pendingStart_, pending_.get(), pendingLength_);
   pendingLength_ = 0;

@@ -82,6 +82,7 @@ class BlockIO {
   std::size_t aheadLength_ = 0;
   std::uint64_t lastRead_ = ~std::uint64_t{0};  // offset of the last block read
   std::uint64_t diskSize_ = 0;  // the file's length on disk, as this object wrote it
+  std::uint64_t reservedEnd_ = 0;  // room is reserved up to here (at least diskSize_)
   bool failed_ = false;         // a write has failed: nothing more is written
 };
 
