@@ -26,6 +26,13 @@ BlockIO::BlockIO(std::unique_ptr<tz::RandomAccessFile> file)
   reservedEnd_ = diskSize_;
 }
 
+// Cutting a file to the length it has keeps every byte and frees what was
+// reserved beyond it.
+BlockIO::~BlockIO() {
+  std::uint64_t size = 0;
+  if (reservedEnd_ > diskSize_ && file_->Size(&size)) file_->Truncate(size);
+}
+
 std::uint64_t BlockIO::Offset(std::uint32_t n) {
   return (static_cast<std::uint64_t>(n) - 1) * kBlock;
 }

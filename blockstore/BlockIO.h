@@ -26,6 +26,9 @@
 class BlockIO {
  public:
   explicit BlockIO(std::unique_ptr<tz::RandomAccessFile> file);
+  // Gives back the room reserved beyond the file's end (the file keeps its
+  // length and every byte).
+  ~BlockIO();
   BlockIO(const BlockIO&) = delete;
   BlockIO& operator=(const BlockIO&) = delete;
 
