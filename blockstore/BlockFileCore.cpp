@@ -34,6 +34,7 @@ Status BlockFileCore::Open(const char* path, ZoStreamE::OpenMode mode) {
   status = ZoStreamE::StatusOk;
   bool mended = false;
   readOnly = mode != ZoStreamE::OpenReadWrite;
+  indexSlots = mode != ZoStreamE::OpenReadOnly;
   try {
     std::unique_ptr<tz::RandomAccessFile> raw;
     if (path != nullptr && *path != '\0') raw = tz::CurrentEnv()->OpenLocked(path, !readOnly);
@@ -55,9 +56,10 @@ Status BlockFileCore::Open(const char* path, ZoStreamE::OpenMode mode) {
       blockformat::DecodeHead(raw1, &head);
       if (!blockformat::HasSignature(head)) throw Error();
     }
-    bool exact = false;
     // Whether a block encodes back to the bytes read matters only to a
-    // writer (a block that does not counts as changed).
+    // writer (a block that does not counts as changed); a reader takes
+    // every block as matching.
+    bool exact = readOnly;
     DirBlock* first = LoadDirBlock(1, readOnly ? nullptr : &exact);
     if (first == nullptr) {
       if (status != ZoStreamE::StatusPastEnd) return status;

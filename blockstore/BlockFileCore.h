@@ -355,6 +355,7 @@ class BlockFileCore {
   // Address of each directory block's first entry -> its chain index, so
   // that an entry's slot follows from its address (one node per block).
   std::map<std::uintptr_t, std::uint32_t> blockByEntries;
+  bool indexSlots = true;  // blockByEntries is kept (not in a plain read-only open)
   // By block number: kNotAllocated for blocks not allocated since open,
   // else the block whose link names it (0 while only a directory entry or
   // nothing names it). One number a block, like the block map's byte.

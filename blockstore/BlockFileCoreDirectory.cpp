@@ -55,7 +55,9 @@ void BlockFileCore::IndexBlock(std::uint32_t blockIndex, bool matchesFile, std::
   dirBlockNumberAt.push_back(number);
   if (number >= isDirBlock.size()) isDirBlock.resize(number + 1, false);
   isDirBlock[number] = true;
-  blockByEntries[reinterpret_cast<std::uintptr_t>(&block.entries[0])] = blockIndex;
+  // An entry's slot is asked for only where entries change (a file open
+  // for writing, or a read-only one whose open mends entries).
+  if (indexSlots) blockByEntries[reinterpret_cast<std::uintptr_t>(&block.entries[0])] = blockIndex;
   for (std::uint32_t e = 0; e < kPerBlock; ++e) {
     const std::uint32_t slot = blockIndex * kPerBlock + e;
     if (block.entries[e].firstBlock != 0) index.EntryUsed(slot, block.entries[e].name);
