@@ -126,6 +126,14 @@ class SourceFaultTest : public SourceFixture {
     return source;
   }
 
+  // Closes with SaveChanges, on a fresh handle if the file's status failed.
+  Source::Error SaveAgain(std::unique_ptr<Source>& source) {
+    Source::Error saved = source->Close(Source::SaveChanges, false);
+    if (saved != Source::CompoundFileNotAvailable) return saved;
+    source = Reopened(source);
+    return source->Close(Source::SaveChanges, false);
+  }
+
   std::string movedTo_;  // where a failed compaction says the data went
   bool failedCopy_ = false;  // it failed while writing the new file
 };
@@ -143,12 +151,7 @@ TEST_F(SourceFaultTest, CopyBackLosesNothing) {
                }
                ExpectSavedOrNew(StoredAt(file));
                // Saved again (on a fresh handle if need be), all arrives.
-               Source::Error again = source->Close(Source::SaveChanges, false);
-               if (again == Source::CompoundFileNotAvailable) {
-                 source = Reopened(source);
-                 again = source->Close(Source::SaveChanges, false);
-               }
-               ASSERT_EQ(Source::NoError, again);
+               ASSERT_EQ(Source::NoError, SaveAgain(source));
                EXPECT_STREAMS(kAfter, StoredAt(file));
              });
 }
@@ -195,12 +198,7 @@ TEST_F(SourceFaultTest, CompactionKeepsAWholeFile) {
           failedCopy_ = false;
           EXPECT_STREAMS(kBefore, StoredAt(file));
           EXPECT_TRUE(source->IsDirty());
-          Source::Error saved = source->Close(Source::SaveChanges, false);
-          if (saved == Source::CompoundFileNotAvailable) {
-            source = Reopened(source);
-            saved = source->Close(Source::SaveChanges, false);
-          }
-          ASSERT_EQ(Source::NoError, saved);
+          ASSERT_EQ(Source::NoError, SaveAgain(source));
           EXPECT_STREAMS(kAfter, StoredAt(file));
           for (char letter = 'A'; letter <= 'Y'; ++letter)
             fs::remove(dir.Path(std::string("kelvoptmp") + letter + ".zvp"));
