@@ -313,8 +313,9 @@ class BlockFileCore {
   DirEntry* EntryAt(std::uint32_t slot) const;
 
   // In a file open for writing, makes a block record read from block n
-  // name block n and carry the signature, so that a rewrite lands where the
-  // block was read (see ReadDataBlock).
+  // name block n, carry the signature and say it is in use, so that a
+  // rewrite lands where the block was read and keeps it held (see
+  // ReadDataBlock).
   void RepairHeadForWriting(std::uint32_t n, blockformat::BlockHead* head) const;
 
   // Block n's bytes; with a non-null `tail`, bytes from kOffPayload on go

@@ -35,11 +35,16 @@ bool BlockFileCore::ReadBlockBytes(std::uint32_t n, unsigned char* out, unsigned
 // goes back to the place its record names, and a torn head naming another
 // block would send the rewrite there, over some other stream's data. So in
 // a file open for writing the record names the block it was read from, with
-// the signature every block carries; a rewrite then heals the head. On a
-// sound file both already hold, and nothing changes.
+// the signature every block carries; a rewrite then heals the head. It is
+// marked in use as well: every block read this way belongs to a chain or to
+// the directory, and a rewrite that kept a torn "free" flag would record the
+// block as free in the map, to be handed to a second stream while the first
+// still holds it. On a sound file all three already hold, and nothing
+// changes.
 void BlockFileCore::RepairHeadForWriting(std::uint32_t n, bf::BlockHead* head) const {
   if (readOnly) return;
   head->blockNumber = n;
+  head->inUse = 1;
   if (!bf::HasSignature(*head)) std::memcpy(head->signature, bf::kSignature, bf::kSignatureSize);
 }
 
