@@ -60,7 +60,7 @@ Status BlockFileCore::Open(const char* path, ZoStreamE::OpenMode mode) {
     // writer (a block that does not counts as changed); a reader takes
     // every block as matching.
     bool exact = readOnly;
-    DirBlock* first = LoadDirBlock(1, readOnly ? nullptr : &exact);
+    const boost::shared_ptr<DirBlock> first = LoadDirBlock(1, readOnly ? nullptr : &exact);
     if (first == nullptr) {
       if (status != ZoStreamE::StatusPastEnd) return status;
       status = ZoStreamE::StatusOk;  // an empty file: no directory yet
@@ -100,7 +100,7 @@ Status BlockFileCore::Open(const char* path, ZoStreamE::OpenMode mode) {
   }
 }
 
-void BlockFileCore::LoadDirectoryChain(DirBlock* first, bool exact) {
+void BlockFileCore::LoadDirectoryChain(const boost::shared_ptr<DirBlock>& first, bool exact) {
   AppendDirBlock(first, exact, 1);  // marks its number in isDirBlock, as each one after it
   for (std::uint32_t next = first->nextBlock; next != 0;) {
     if (next > BlockCount()) {
@@ -113,7 +113,7 @@ void BlockFileCore::LoadDirectoryChain(DirBlock* first, bool exact) {
       MarkDirBlockChanged(static_cast<std::uint32_t>(dirBlocks.size() - 1));
       break;
     }
-    DirBlock* block = nullptr;
+    boost::shared_ptr<DirBlock> block;
     const bool seen = next < isDirBlock.size() && isDirBlock[next];
     if (!seen) block = LoadDirBlock(next, readOnly ? nullptr : &exact);
     if (block == nullptr) {

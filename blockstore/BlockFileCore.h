@@ -65,6 +65,7 @@
 #include "utility/PagedArray.h"
 #include "utility/RecyclingAllocator.h"
 #include "blockstore/BlockMap.h"
+#include "blockstore/DirBlockPool.h"
 #include "blockstore/DirectoryIndex.h"
 #include "tesselzostream/Status.h"
 
@@ -143,20 +144,20 @@ class BlockFileCore {
   // `exact`, when given, tells whether the block encodes back to the very
   // bytes read (false for a text without its zero, which decoding cuts).
   ZoStreamE::Status ReadDirBlock(std::uint32_t n, DirBlock& block, bool* exact = nullptr);
-  DirBlock* LoadDirBlock(std::uint32_t n, bool* exact = nullptr);  // caller owns; null on failure
+  boost::shared_ptr<DirBlock> LoadDirBlock(std::uint32_t n, bool* exact = nullptr);  // null on failure
   ZoStreamE::Status WriteDirBlock(const DirBlock& block);
-  DirBlock* AllocDirBlock();
+  boost::shared_ptr<DirBlock> AllocDirBlock();
   // Blocks the file holds, by the engine's count.
   std::uint32_t BlockCount() const {
     return static_cast<std::uint32_t>(fileSize / blockformat::kBlockSize);
   }
 
   // --- Directory (BlockFileCoreDirectory.cpp) ---
-  // Takes ownership. `matchesFile`: the block was just read and encodes to
+  // `matchesFile`: the block was just read and encodes to
   // exactly the bytes the file holds (else it counts as changed).
   // `readFrom`: the number of the block it was read from (0: a new block,
   // known by its own number).
-  void AppendDirBlock(DirBlock* block, bool matchesFile = false, std::uint32_t readFrom = 0);
+  void AppendDirBlock(boost::shared_ptr<DirBlock> block, bool matchesFile = false, std::uint32_t readFrom = 0);
   // First entry in use, in directory order, whose name equals `name` without
   // regard to ASCII case; null when none (also for null or over-long names).
   DirEntry* FindDirEntry(const char* name);
@@ -327,7 +328,7 @@ class BlockFileCore {
   std::uint32_t AllocBlockNumber();
 
   // Helpers of Open and the passes.
-  void LoadDirectoryChain(DirBlock* first, bool exact);
+  void LoadDirectoryChain(const boost::shared_ptr<DirBlock>& first, bool exact);
   ZoStreamE::Status ScanBlockHeads();
   bool FlushFile();
   bool ChainsAreSound();
@@ -337,6 +338,7 @@ class BlockFileCore {
   void FinishPass();
   void MarkUnusable();
 
+  DirBlockPool dirBlockPool;  // the memory of dirBlocks
   DirectoryIndex index;
   std::vector<bool> dirBlockChanged;   // by chain index
   std::vector<std::uint32_t> changedDirBlocks;

@@ -317,19 +317,17 @@ Status BlockFileCore::ReadDirBlock(std::uint32_t n, DirBlock& block, bool* exact
   return status;
 }
 
-DirBlock* BlockFileCore::LoadDirBlock(std::uint32_t n, bool* exact) {
-  DirBlock* block = new DirBlock;
-  bf::InitDirBlock(block);
+boost::shared_ptr<DirBlock> BlockFileCore::LoadDirBlock(std::uint32_t n, bool* exact) {
+  boost::shared_ptr<DirBlock> block = dirBlockPool.Take();
   if (ReadDirBlock(n, *block, exact) != ZoStreamE::StatusOk) {
-    delete block;
-    return nullptr;
+    block.reset();
+    dirBlockPool.GiveBackLast();
   }
   return block;
 }
 
-DirBlock* BlockFileCore::AllocDirBlock() {
-  DirBlock* block = new DirBlock;
-  bf::InitDirBlock(block);
+boost::shared_ptr<DirBlock> BlockFileCore::AllocDirBlock() {
+  boost::shared_ptr<DirBlock> block = dirBlockPool.Take();
   block->blockNumber = AllocBlockNumber();
   block->inUse = 1;
   return block;

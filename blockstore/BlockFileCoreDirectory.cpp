@@ -35,11 +35,11 @@ std::uint32_t BlockFileCore::SlotOf(const DirEntry* entry) const {
   return lastSlot;
 }
 
-void BlockFileCore::AppendDirBlock(DirBlock* block, bool matchesFile, std::uint32_t readFrom) {
+void BlockFileCore::AppendDirBlock(boost::shared_ptr<DirBlock> block, bool matchesFile, std::uint32_t readFrom) {
   directoryDirty = true;
-  dirBlocks.push_back(boost::shared_ptr<DirBlock>(block));
-  IndexBlock(static_cast<std::uint32_t>(dirBlocks.size() - 1), matchesFile,
-             readFrom != 0 ? readFrom : block->blockNumber);
+  const std::uint32_t number = readFrom != 0 ? readFrom : block->blockNumber;
+  dirBlocks.push_back(std::move(block));
+  IndexBlock(static_cast<std::uint32_t>(dirBlocks.size() - 1), matchesFile, number);
 }
 
 // Registers a block just appended to dirBlocks with every piece of
@@ -53,7 +53,12 @@ void BlockFileCore::IndexBlock(std::uint32_t blockIndex, bool matchesFile, std::
   if (number >= dirIndexByNumber.size()) dirIndexByNumber.resize(static_cast<std::size_t>(number) + 1);
   dirIndexByNumber[number] = blockIndex;
   dirBlockNumberAt.push_back(number);
-  if (number >= isDirBlock.size()) isDirBlock.resize(number + 1, false);
+  // Grown by at least the file's block count, so that loading a long chain
+  // resizes it a few times, not at every block.
+  if (number >= isDirBlock.size()) {
+    isDirBlock.resize(std::max<std::size_t>({number + std::size_t{1}, 2 * isDirBlock.size(), BlockCount() + std::size_t{1}}),
+                      false);
+  }
   isDirBlock[number] = true;
   // An entry's slot is asked for only where entries change (a file open
   // for writing, or a read-only one whose open mends entries).
@@ -171,7 +176,7 @@ DirEntry* BlockFileCore::AddDirEntry(const char* name, DataBlock** firstOut) {
     }
   }
   if (entry == nullptr) {  // no block has a free entry: the directory grows
-    DirBlock* block = AllocDirBlock();
+    const boost::shared_ptr<DirBlock> block = AllocDirBlock();
     if (!dirBlocks.empty()) {
       dirBlocks.back()->nextBlock = block->blockNumber;
       MarkDirBlockChanged(static_cast<std::uint32_t>(dirBlocks.size() - 1));
