@@ -138,8 +138,7 @@ class WorkingFolderWorkload : public Workload {
   }
   bool Step(Source& source, ProgressLog& log, std::mt19937_64& rng);
   std::uint32_t PickInView(std::mt19937_64& rng) const {
-    const Streams view = model_.View();
-    return std::next(view.begin(), static_cast<long>(rng() % view.size()))->first;
+    return PickIn(model_.View(), rng);
   }
   void CheckFolder(SourceModel& model, const Record* flight, Tally& tally);
   void CheckSavedAs(const SourceModel& model, const Record* flight, Tally& tally);
@@ -218,12 +217,7 @@ bool WorkingFolderWorkload::Check(const std::vector<Record>& log, bool killed, T
   const KillReport report = CheckKilled(path_, 0, touched, mapTouched, true, tally);
   {
     CompoundFile file;
-    const ZoStreamE::Status status = file.Open(path_.c_str(), ZoStreamE::OpenReadWrite);
-    if (status != ZoStreamE::StatusOk) {
-      ADD_FAILURE() << tally.where << ": the file does not open read-write (status " << status << ")";
-      return false;
-    }
-    if (ExpectSettled(file, model.stored, touched, tally.where) != 0) return false;
+    if (!OpensForWriting(file, path_, tally) || ExpectSettled(file, model.stored, touched, tally.where) != 0) return false;
   }
   if (!Recover(path_, 0, report, wholes, model.stored, tally)) return false;
   CheckSavedAs(model, flight, tally);
