@@ -11,7 +11,6 @@
 // write may not open at all; a cipher pass cut short leaves a file that
 // every open refuses.
 #include <algorithm>
-#include <memory>
 #include <random>
 
 #include <gtest/gtest.h>

@@ -133,11 +133,7 @@ void RunOnWorkload::OrdinaryWrites(std::mt19937_64& rng, Tally& tally) {
   if (!streams_.empty()) {
     const std::uint32_t grown = PickIn(streams_, rng);
     const std::string more = Content(grown, version_++, PickLength(rng));
-    std::unique_ptr<std::iostream> s(file.GetIOStream(StreamName(grown).c_str(), "r+b"));
-    ASSERT_TRUE(s != nullptr) << tally.where;
-    s->seekp(0, std::ios_base::end);
-    s->write(more.data(), static_cast<std::streamsize>(more.size()));
-    ASSERT_TRUE(s->good()) << tally.where;
+    ASSERT_TRUE(tztest::Patch(file, StreamName(grown).c_str(), -1, more)) << tally.where;
     streams_[grown] += more;
   }
   if (streams_.size() > kNames / 2) {
