@@ -63,6 +63,20 @@ std::string GetStream(CompoundFile& file, const char* name, bool* ok) {
   return text.str();
 }
 
+bool Patch(CompoundFile& file, const char* name, std::streamoff at, const std::string& bytes) {
+  std::unique_ptr<std::iostream> s(file.GetIOStream(name, "r+b"));
+  if (!s) return false;
+  try {  // a failing seek for writing throws through seekp (see GetIOStream)
+    if (at < 0) s->seekp(0, std::ios_base::end);
+    else s->seekp(at);
+  } catch (const std::ios_base::failure&) {
+    return false;
+  }
+  s->write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  s->flush();
+  return !s->fail();
+}
+
 void MakeFile(const std::string& path, const StreamList& streams) {
   CompoundFile file;
   ASSERT_EQ(ZoStreamE::StatusOk, file.Open(path.c_str(), ZoStreamE::OpenReadWrite));

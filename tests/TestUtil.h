@@ -11,9 +11,16 @@
 
 #include <tesselzostream/tesselzostream.h>
 
+#include "blockstore/BlockFormat.h"
 #include "utility/Env.h"
 
 namespace tztest {
+
+// Names nearly every test uses.
+namespace bf = blockformat;
+using ZoStreamE::OpenReadOnly;
+using ZoStreamE::OpenReadWrite;
+using ZoStreamE::StatusOk;
 
 // A fresh folder under the system's temporary folder, removed on
 // destruction unless kept (for a look after a failure).
@@ -43,6 +50,9 @@ bool PutStream(CompoundFile& file, const char* name, const std::string& content)
 // The whole content of stream `name` ("rb"); `ok` false when it could not be
 // opened or reading failed.
 std::string GetStream(CompoundFile& file, const char* name, bool* ok = nullptr);
+// Writes `bytes` at `at` of stream `name` ("r+b"; -1 appends); true when
+// the stream opened and reported no failure, the flush included.
+bool Patch(CompoundFile& file, const char* name, std::streamoff at, const std::string& bytes);
 // Opens (or creates) the compound file at `path` for writing, puts every
 // stream of `streams` in it and closes it; failures are test failures.
 void MakeFile(const std::string& path, const StreamList& streams);

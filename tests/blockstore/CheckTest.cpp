@@ -7,10 +7,8 @@
 
 #include <gtest/gtest.h>
 
-#include "blockstore/BlockFormat.h"
 #include "tests/TestUtil.h"
 
-namespace bf = blockformat;
 using namespace tztest;
 
 namespace {

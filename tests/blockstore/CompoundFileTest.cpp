@@ -11,18 +11,13 @@
 #include <sys/stat.h>
 
 #include "blockstore/BlockFileCore.h"
-#include "blockstore/BlockFormat.h"
 #include "blockstore/FileServer.h"
 #include "tests/TestUtil.h"
 #include "utility/Endian.h"
 #include "utility/MD5.h"
 
-namespace bf = blockformat;
 using namespace tztest;
-using ZoStreamE::OpenReadOnly;
-using ZoStreamE::OpenReadWrite;
 using ZoStreamE::StatusNotOpen;
-using ZoStreamE::StatusOk;
 
 namespace {
 

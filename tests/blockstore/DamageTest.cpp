@@ -10,17 +10,13 @@
 #include <string>
 #include <vector>
 
-#include "blockstore/BlockFormat.h"
 #include "tesselzostream/CompoundFileCheck.h"
 #include "tests/TestUtil.h"
 
 namespace {
 
-namespace bf = blockformat;
 using namespace tztest;
 using Bytes = FileBytes;
-using ZoStreamE::OpenReadOnly;
-using ZoStreamE::OpenReadWrite;
 using ZoStreamE::Status;
 
 // Where the saved block map's fields lie in the file.
@@ -39,7 +35,8 @@ class DamageTest : public ::testing::Test {
     ASSERT_NO_FATAL_FAILURE(MakeFile(path_, streams_));
     good_ = ReadAll(path_);
     ASSERT_EQ(2u, Chain(good_, 1).size());
-    ASSERT_EQ(3u, Chain(good_, FirstBlockOf(good_, "beta")).size());
+    beta_ = Chain(good_, FirstBlockOf(good_, "beta"));
+    ASSERT_EQ(3u, beta_.size());
   }
 
   // A copy of the good file with `damage` applied.
@@ -56,7 +53,7 @@ class DamageTest : public ::testing::Test {
     {
       OpenedFile f(path_, OpenReadWrite);
       ASSERT_TRUE(PutStream(f, "epsilon", Pattern(4000, 6)));
-      EXPECT_EQ(ZoStreamE::StatusOk, f.Close());
+      EXPECT_EQ(StatusOk, f.Close());
     }
     for (const CheckProblem& p : CheckCompoundFile(path_.c_str()).problems) {
       EXPECT_NE(CheckProblem::kClaimedTwice, p.kind) << p.text;
@@ -81,7 +78,7 @@ class DamageTest : public ::testing::Test {
       const std::string got = GetStream(f, name, &ok);
       if (mode == OpenReadWrite && mended != nullptr) {
         EXPECT_TRUE(ok && got == *mended);
-        EXPECT_EQ(ZoStreamE::StatusOk, f.Close());
+        EXPECT_EQ(StatusOk, f.Close());
         EXPECT_TRUE(CheckCompoundFile(path_.c_str()).Sound());
         continue;
       }
@@ -96,6 +93,7 @@ class DamageTest : public ::testing::Test {
   std::string path_;
   StreamList streams_;
   Bytes good_;
+  std::vector<std::uint32_t> beta_;  // the chain of "beta" in good_
 };
 
 }  // namespace
@@ -155,14 +153,14 @@ TEST_F(DamageTest, EveryTruncationIsRefusedOrReportsMissingBlocks) {
       } else if (cut % bf::kBlockSize != 0) {
         EXPECT_EQ(ZoStreamE::StatusNotOpen, r.status);
       }
-      if (r.threw || r.status != ZoStreamE::StatusOk) continue;
+      if (r.threw || r.status != StatusOk) continue;
       for (const auto& s : streams_) {
         bool ok = false;
         const std::string got = GetStream(f, s.first.c_str(), &ok);
         EXPECT_TRUE(!ok || got == s.second) << s.first;
       }
       const Status after = f.GetStatus();
-      EXPECT_TRUE(after == ZoStreamE::StatusOk || after == ZoStreamE::StatusPastEnd ||
+      EXPECT_TRUE(after == StatusOk || after == ZoStreamE::StatusPastEnd ||
                   after == ZoStreamE::StatusFailed);
     }
   }
@@ -173,7 +171,7 @@ TEST_F(DamageTest, EveryTruncationIsRefusedOrReportsMissingBlocks) {
 // Where the directory is untouched the read-write open takes the saved map
 // without a scan, so the check has to happen in the read itself.
 TEST_F(DamageTest, DamagedDataChainFailsTheRead) {
-  const std::vector<std::uint32_t> beta = Chain(good_, FirstBlockOf(good_, "beta"));
+  const std::vector<std::uint32_t>& beta = beta_;
   const std::size_t entry = EntryAt(good_, "beta");
   // Where the damage is in the entry, the directory no longer matches the
   // saved map, and an open for writing cuts the size to what the chain
@@ -214,7 +212,7 @@ TEST_F(DamageTest, DamagedDataChainFailsTheRead) {
 // lands where the block was read, never where its head points, and puts
 // the head right. A deletion of a chain that loops must end.
 TEST_F(DamageTest, TornDataHeadReadsAndRewritesInPlace) {
-  const std::vector<std::uint32_t> beta = Chain(good_, FirstBlockOf(good_, "beta"));
+  const std::vector<std::uint32_t>& beta = beta_;
   const std::size_t torn = BlockAt(beta[1]);
   const std::vector<std::pair<const char*, Bytes>> cases = {
       {"head names another block", With([&](Bytes& b) { Put32(b, torn + bf::kOffBlockNumber, beta[0]); })},
@@ -226,18 +224,14 @@ TEST_F(DamageTest, TornDataHeadReadsAndRewritesInPlace) {
       Install(c.second);
       OpenedFile f(path_, mode);
       ExpectStreams(f, streams_);
-      EXPECT_EQ(ZoStreamE::StatusOk, f.GetStatus());
+      EXPECT_EQ(StatusOk, f.GetStatus());
       f.Close();
       EXPECT_TRUE(ReadAll(path_) == c.second);  // reading wrote nothing
     }
     {
       OpenedFile f(path_, OpenReadWrite);
-      std::unique_ptr<std::iostream> s(f.GetIOStream("beta", "r+b"));
-      ASSERT_NE(nullptr, s);
-      s->seekp(bf::kPayloadSize + 10);
-      s->write("xyz", 3);
-      s.reset();
-      EXPECT_EQ(ZoStreamE::StatusOk, f.Close());
+      ASSERT_TRUE(Patch(f, "beta", bf::kPayloadSize + 10, "xyz"));
+      EXPECT_EQ(StatusOk, f.Close());
     }
     const Bytes after = ReadAll(path_);
     EXPECT_EQ(beta[1], Get32(after, torn + bf::kOffBlockNumber));
@@ -263,7 +257,7 @@ TEST_F(DamageTest, TornDataHeadReadsAndRewritesInPlace) {
     // The link back names a block this deletion has just freed: the walk
     // ends there, having freed each block of the stream once.
     EXPECT_TRUE(f.DeleteCFFile("beta"));
-    EXPECT_EQ(ZoStreamE::StatusOk, f.GetStatus());
+    EXPECT_EQ(StatusOk, f.GetStatus());
   }
   {
     OpenedFile f(path_, OpenReadWrite);  // the heads agree with the directory: a scan accepts it
@@ -360,7 +354,7 @@ TEST_F(DamageTest, FileCutAtBlockBoundaryStaysUsable) {
 // released it again) it goes to a new stream. Either way neither deleting
 // nor growing the old stream may then reach into the new one.
 TEST_F(DamageTest, LinkLeftByACrashedRunNeverReachesANewStream) {
-  const std::vector<std::uint32_t> beta = Chain(good_, FirstBlockOf(good_, "beta"));
+  const std::vector<std::uint32_t>& beta = beta_;
   const std::uint32_t lost = BlockCount(good_) + 1;
   Bytes crashed = good_;
   crashed.resize(crashed.size() + bf::kBlockSize, 0);  // the lost run's block
@@ -377,14 +371,11 @@ TEST_F(DamageTest, LinkLeftByACrashedRunNeverReachesANewStream) {
         OpenedFile f(path_, OpenReadWrite);
         ASSERT_TRUE(PutStream(f, "fresh", fresh));  // takes the lost block when its head says free
         if (grow) {
-          std::unique_ptr<std::iostream> s(f.GetIOStream("beta", "r+b"));
-          s->seekp(0, std::ios::end);
-          const std::string more = Pattern(3000, 5);
-          s->write(more.data(), static_cast<std::streamsize>(more.size()));
+          EXPECT_TRUE(Patch(f, "beta", -1, Pattern(3000, 5)));
         } else {
           EXPECT_TRUE(f.DeleteCFFile("beta"));
         }
-        EXPECT_EQ(ZoStreamE::StatusOk, f.GetStatus());
+        EXPECT_EQ(StatusOk, f.GetStatus());
         EXPECT_EQ(fresh, GetStream(f, "fresh"));
       }
       OpenedFile f(path_, OpenReadWrite);  // heads agree: scan passes
@@ -399,17 +390,12 @@ TEST_F(DamageTest, LinkLeftByACrashedRunNeverReachesANewStream) {
 // leaves a link beyond the end of the file. Appending to the stream ends
 // its chain there with a fresh block, and the file stays sound.
 TEST_F(DamageTest, LinkBeyondTheFileEndsTheChainForAWriter) {
-  const std::vector<std::uint32_t> beta = Chain(good_, FirstBlockOf(good_, "beta"));
-  Install(With([&](Bytes& b) { Put32(b, BlockAt(beta.back()) + bf::kOffNextBlock, BlockCount(b) + 5); }));
+  Install(With([&](Bytes& b) { Put32(b, BlockAt(beta_.back()) + bf::kOffNextBlock, BlockCount(b) + 5); }));
   const std::string more = Pattern(3000, 5);
   {
     OpenedFile f(path_, OpenReadWrite);
-    std::unique_ptr<std::iostream> s(f.GetIOStream("beta", "r+b"));
-    s->seekp(0, std::ios::end);
-    s->write(more.data(), static_cast<std::streamsize>(more.size()));
-    EXPECT_TRUE(s->flush());
-    s.reset();
-    EXPECT_EQ(ZoStreamE::StatusOk, f.Close());
+    EXPECT_TRUE(Patch(f, "beta", -1, more));
+    EXPECT_EQ(StatusOk, f.Close());
   }
   EXPECT_TRUE(CheckCompoundFile(path_.c_str()).Sound());
   OpenedFile f(path_, OpenReadOnly);
@@ -424,10 +410,9 @@ TEST_F(DamageTest, LinkBeyondTheFileEndsTheChainForAWriter) {
 // says free. Either way a new stream takes no block of another.
 TEST_F(DamageTest, SavedMapCallingHeldBlocksFreeHandsNoneOut) {
   const std::size_t map = ListPayload(good_) + bf::kOffListMap;
-  const std::vector<std::uint32_t> beta = Chain(good_, FirstBlockOf(good_, "beta"));
   const std::vector<std::pair<const char*, Bytes>> cases = {
-      {"first block free", With([&](Bytes& b) { b[map + beta[0]] = 0; })},
-      {"later blocks free", With([&](Bytes& b) { b[map + beta[1]] = b[map + beta[2]] = 0; })},
+      {"first block free", With([&](Bytes& b) { b[map + beta_[0]] = 0; })},
+      {"later blocks free", With([&](Bytes& b) { b[map + beta_[1]] = b[map + beta_[2]] = 0; })},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.first);
@@ -451,7 +436,7 @@ TEST_F(DamageTest, EntriesNamingBlocksNotTheirOwnAreDropped) {
     EXPECT_FALSE(f.Exists("delta"));
     EXPECT_TRUE(f.DeleteCFFile("alpha"));
     ASSERT_TRUE(PutStream(f, "epsilon", Pattern(4000, 8)));
-    EXPECT_EQ(ZoStreamE::StatusOk, f.Close());
+    EXPECT_EQ(StatusOk, f.Close());
   }
   OpenedFile f(path_, OpenReadWrite);
   EXPECT_EQ(Pattern(3000, 2), GetStream(f, "beta"));
@@ -482,7 +467,7 @@ TEST_F(DamageTest, DirectoryBlockCalledFreeIsSetRight) {
     ASSERT_TRUE(PutStream(f, "e", "1"));
     EXPECT_EQ(1u, f.FindDirEntry("e")->size);
     EXPECT_NE(1u, f.FindDirEntry("e")->firstBlock);
-    EXPECT_EQ(ZoStreamE::StatusOk, f.Close());
+    EXPECT_EQ(StatusOk, f.Close());
   }
   EXPECT_EQ(1, ReadAll(path_)[bf::kOffInUse]);
   OpenedFile f(path_, OpenReadOnly);

@@ -5,17 +5,12 @@
 #include <gtest/gtest.h>
 
 #include "blockstore/BlockFileCore.h"
-#include "blockstore/BlockFormat.h"
 #include "tests/TestUtil.h"
 #include "utility/BlowFish.h"
 #include "utility/Endian.h"
 #include "utility/MD5.h"
 
-namespace bf = blockformat;
 using namespace tztest;
-using ZoStreamE::OpenReadOnly;
-using ZoStreamE::OpenReadWrite;
-using ZoStreamE::StatusOk;
 using ZoStreamE::StatusPasswordNeeded;
 
 namespace {

@@ -9,15 +9,10 @@
 #include <gtest/gtest.h>
 
 #include "blockstore/BlockFileCore.h"
-#include "blockstore/BlockFormat.h"
 #include "blockstore/FileServer.h"
 #include "tests/TestUtil.h"
 
-namespace bf = blockformat;
 using namespace tztest;
-using ZoStreamE::OpenReadOnly;
-using ZoStreamE::OpenReadWrite;
-using ZoStreamE::StatusOk;
 
 namespace {
 

@@ -11,7 +11,6 @@
 // write may not open at all; a cipher pass cut short leaves a file that
 // every open refuses.
 #include <algorithm>
-#include <memory>
 #include <random>
 
 #include <gtest/gtest.h>
@@ -25,40 +24,6 @@ namespace {
 constexpr std::uint32_t kNames = 12;
 
 enum class Backend { kBlockStreams, kPureSource, kEncrypted };
-
-// The child's handle on the file, through the chosen interface.
-class Session {
- public:
-  Session(Backend backend, const std::string& path) : pure_(backend == Backend::kPureSource), path_(path) {}
-
-  bool Open(int password) {
-    if (pure_) return source_.Open(path_.c_str(), false);
-    if (file_.Open(path_.c_str(), ZoStreamE::OpenReadWrite) != ZoStreamE::StatusOk &&
-        file_.GetStatus() != ZoStreamE::StatusPasswordNeeded)
-      return false;
-    return password == 0 || file_.SetPassword(PasswordText(password).c_str());
-  }
-  void Close() { pure_ ? source_.Close() : static_cast<void>(file_.Close()); }
-  std::ostream* Stream(std::uint32_t index, bool replace) {
-    const std::string name = StreamName(index);
-    if (!pure_) return file_.GetIOStream(name.c_str(), replace ? "wb" : "r+b");
-    return replace ? source_.GetOStream(name.c_str()) : source_.GetIOStream(name.c_str());
-  }
-  bool Delete(std::uint32_t index) {
-    const std::string name = StreamName(index);
-    if (!pure_) return file_.DeleteCFFile(name.c_str());
-    source_.DeleteSource(name.c_str());
-    return !source_.StreamExists(name.c_str());
-  }
-  bool CanFlush() const { return !pure_; }
-  CompoundFile& file() { return file_; }
-
- private:
-  bool pure_;
-  std::string path_;
-  CompoundFile file_;
-  PureCompoundFileStreamSource source_;
-};
 
 // What the log says about the streams at the moment of the kill.
 struct Replay {
@@ -93,39 +58,23 @@ class DirectWorkload : public Workload {
     }
   }
 
+  // Writes, deletions, flushes (not on the direct source), cipher passes
+  // (encrypted lives), closes and reopens.
   void RunChild(ProgressLog& log, std::uint64_t seed, int steps) override {
     std::mt19937_64 rng(seed);
-    Session session(backend_, path_);
-    if (!Reopen(session, log, false)) return;
-    for (int step = 0; step < steps; ++step) {
-      if (!Step(session, log, rng)) return;
-    }
-    log.Begin(Op::kClose);
-    session.Close();
-    log.Done(Op::kClose);
+    FileEditor editor(path_, backend_ == Backend::kPureSource, password_,
+                      [this](FileEditor& e, int roll, ProgressLog& l, std::mt19937_64& r) {
+                        return roll < 93 && backend_ == Backend::kEncrypted ? PassStep(e.file(), l, r) : -1;
+                      });
+    RunEdits(editor, log, rng, steps, {70, 45, 80, 88}, kNames, streams_, nextVersion_);
   }
 
   bool Check(const std::vector<Record>& log, bool killed, Tally& tally) override;
 
  private:
-  bool Reopen(Session& session, ProgressLog& log, bool close) {
-    if (close) {
-      log.Begin(Op::kClose);
-      session.Close();
-      log.Done(Op::kClose);
-    }
-    log.Begin(Op::kOpen);
-    if (!session.Open(password_)) return log.Fail(1), false;
-    log.Done(Op::kOpen);
-    return true;
-  }
-  bool Step(Session& session, ProgressLog& log, std::mt19937_64& rng);
-  bool PassStep(Session& session, ProgressLog& log, std::mt19937_64& rng);
+  int PassStep(CompoundFile& file, ProgressLog& log, std::mt19937_64& rng);
   Replay ReplayLog(const std::vector<Record>& log) const;
   bool OpenChecked(CompoundFile& file, const Replay& replay, int* password, Tally& tally);
-  std::uint32_t PickExisting(std::mt19937_64& rng) const {
-    return std::next(streams_.begin(), static_cast<long>(rng() % streams_.size()))->first;
-  }
 
   Backend backend_;
   std::string path_;
@@ -136,53 +85,23 @@ class DirectWorkload : public Workload {
   std::uint32_t nextVersion_ = 1;
 };
 
-bool DirectWorkload::Step(Session& session, ProgressLog& log, std::mt19937_64& rng) {
-  const int roll = static_cast<int>(rng() % 100);
-  if (roll < 70 || streams_.empty()) {
-    const bool replace = roll < 45 || streams_.empty();
-    const std::uint32_t name = replace ? static_cast<std::uint32_t>(rng() % kNames) : PickExisting(rng);
-    const Record write = PlanWrite(rng, replace, name, nextVersion_++, streams_[name].size());
-    log.Begin(write);
-    if (!WriteRecord(session.Stream(name, replace), write, rng)) return log.Fail(2), false;
-    ApplyWrite(streams_, write);  // the stream was released before the step counts as done
-    log.Done(write);
-    return true;
-  }
-  if (roll < 80) {
-    const std::uint32_t name = PickExisting(rng);
-    log.Begin(Op::kDelete, name);
-    if (!session.Delete(name)) return log.Fail(4), false;
-    streams_.erase(name);
-    log.Done(Op::kDelete, name);
-    return true;
-  }
-  if (roll < 88 && session.CanFlush()) {
-    log.Begin(Op::kFlush);
-    session.file().Flush();
-    log.Done(Op::kFlush);
-    return true;
-  }
-  if (roll < 93 && backend_ == Backend::kEncrypted) return PassStep(session, log, rng);
-  return Reopen(session, log, true);
-}
-
 // Encrypt under a new password (from a clear file, or a password change,
 // which is a decrypt pass and an encrypt pass), or decrypt.
-bool DirectWorkload::PassStep(Session& session, ProgressLog& log, std::mt19937_64& rng) {
+int DirectWorkload::PassStep(CompoundFile& file, ProgressLog& log, std::mt19937_64& rng) {
   const auto old = static_cast<std::uint32_t>(password_);
   if (password_ != 0 && rng() % 3 == 0) {
     log.Begin(Op::kDecrypt, 0, 0, old);
-    if (session.file().Decrypt() != ZoStreamE::StatusOk) return log.Fail(5), false;
+    if (file.Decrypt() != ZoStreamE::StatusOk) return log.Fail(5), 0;
     log.Done(Op::kDecrypt, 0, 0, old);
     password_ = 0;
-    return true;
+    return 1;
   }
   const int next = nextPassword_++;
   log.Begin(Op::kEncrypt, 0, static_cast<std::uint32_t>(next), old);
-  if (session.file().Encrypt(PasswordText(next).c_str()) != ZoStreamE::StatusOk) return log.Fail(6), false;
+  if (file.Encrypt(PasswordText(next).c_str()) != ZoStreamE::StatusOk) return log.Fail(6), 0;
   log.Done(Op::kEncrypt, 0, static_cast<std::uint32_t>(next), old);
   password_ = next;
-  return true;
+  return 1;
 }
 
 Replay DirectWorkload::ReplayLog(const std::vector<Record>& log) const {

@@ -255,6 +255,96 @@ bool WriteRecord(std::ostream* out, const Record& record, std::mt19937_64& rng) 
          WriteInPieces(*out, Content(record.name, record.version, record.length), rng);
 }
 
+std::uint32_t PickIn(const Streams& streams, std::mt19937_64& rng) {
+  return std::next(streams.begin(), static_cast<long>(rng() % streams.size()))->first;
+}
+
+namespace {
+bool Reopen(Editor& editor, ProgressLog& log, bool close) {
+  if (close) {
+    log.Begin(Op::kClose);
+    editor.Close();
+    log.Done(Op::kClose);
+  }
+  log.Begin(Op::kOpen);
+  if (!editor.Open()) return log.Fail(1), false;
+  log.Done(Op::kOpen);
+  return true;
+}
+
+bool EditStep(Editor& editor, ProgressLog& log, std::mt19937_64& rng, const Odds& odds, std::uint32_t names,
+              Streams& streams, std::uint32_t& version) {
+  const int roll = static_cast<int>(rng() % 100);
+  if (roll < odds.write || streams.empty()) {
+    const bool replace = roll < odds.replace || streams.empty();
+    const std::uint32_t name = replace ? static_cast<std::uint32_t>(rng() % names) : PickIn(streams, rng);
+    const Record write = PlanWrite(rng, replace, name, version++, streams[name].size());
+    log.Begin(write);
+    if (!WriteRecord(editor.Stream(name, replace), write, rng)) return log.Fail(2), false;
+    ApplyWrite(streams, write);  // the stream was released before the step counts as done
+    log.Done(write);
+    return true;
+  }
+  if (roll < odds.remove) {
+    const std::uint32_t name = PickIn(streams, rng);
+    log.Begin(Op::kDelete, name);
+    if (!editor.Delete(name)) return log.Fail(4), false;
+    streams.erase(name);
+    log.Done(Op::kDelete, name);
+    return true;
+  }
+  if (roll < odds.flush && editor.CanFlush()) {
+    log.Begin(Op::kFlush);
+    editor.Flush();
+    log.Done(Op::kFlush);
+    return true;
+  }
+  const int other = editor.Other(roll, log, rng);
+  return other < 0 ? Reopen(editor, log, true) : other > 0;
+}
+}  // namespace
+
+void RunEdits(Editor& editor, ProgressLog& log, std::mt19937_64& rng, int steps, const Odds& odds,
+              std::uint32_t names, Streams& streams, std::uint32_t& version) {
+  if (!Reopen(editor, log, false)) return;
+  for (int step = 0; step < steps; ++step) {
+    if (!EditStep(editor, log, rng, odds, names, streams, version)) return;
+  }
+  log.Begin(Op::kClose);
+  editor.Close();
+  log.Done(Op::kClose);
+}
+
+bool FileEditor::Open() {
+  if (pure_) return source_.Open(path_.c_str(), false);
+  if (file_.Open(path_.c_str(), ZoStreamE::OpenReadWrite) != ZoStreamE::StatusOk &&
+      file_.GetStatus() != ZoStreamE::StatusPasswordNeeded)
+    return false;
+  return password_ == 0 || file_.SetPassword(PasswordText(password_).c_str());
+}
+
+void FileEditor::Close() { pure_ ? source_.Close() : static_cast<void>(file_.Close()); }
+
+std::ostream* FileEditor::Stream(std::uint32_t index, bool replace) {
+  const std::string name = StreamName(index);
+  if (!pure_) return file_.GetIOStream(name.c_str(), replace ? "wb" : "r+b");
+  return replace ? source_.GetOStream(name.c_str()) : source_.GetIOStream(name.c_str());
+}
+
+bool FileEditor::Delete(std::uint32_t index) {
+  const std::string name = StreamName(index);
+  if (!pure_) return file_.DeleteCFFile(name.c_str());
+  source_.DeleteSource(name.c_str());
+  return !source_.StreamExists(name.c_str());
+}
+
+bool OpensForWriting(CompoundFile& file, const std::string& path, const Tally& tally) {
+  const ZoStreamE::Status status = file.Open(path.c_str(), ZoStreamE::OpenReadWrite);
+  if (status == ZoStreamE::StatusOk) return true;
+  ADD_FAILURE() << tally.where << ": the file does not open for writing (status " << status << ")";
+  return false;
+}
+
 bool ReadStream(CompoundFile& file, const std::string& name, std::string* out) {
   bool ok = false;
   *out = tztest::GetStream(file, name.c_str(), &ok);

@@ -11,6 +11,7 @@
 #define TESSELZOSTREAM_TESTS_RELIABILITY_KILLHARNESS_H_
 
 #include <cstdint>
+#include <functional>
 #include <iosfwd>
 #include <map>
 #include <random>
@@ -121,7 +122,67 @@ Record PlanWrite(std::mt19937_64& rng, bool replace, std::uint32_t name, std::ui
 // releases the stream; false when anything failed.
 bool WriteRecord(std::ostream* out, const Record& record, std::mt19937_64& rng);
 
-// Parent helpers. The whole stream; false when missing or the read failed.
+// The child's editing loop for workloads that write through an interface
+// of compound-file streams. An Editor is that interface; Other may take a
+// step of the workload's own for a roll the shared steps leave.
+class Editor {
+ public:
+  virtual ~Editor() = default;
+  virtual bool Open() = 0;
+  virtual void Close() = 0;
+  virtual std::ostream* Stream(std::uint32_t index, bool replace) = 0;  // "wb", or "r+b"
+  virtual bool Delete(std::uint32_t index) = 0;
+  virtual bool CanFlush() const = 0;
+  virtual void Flush() = 0;
+  // 1 taken, 0 failed (logged), -1 not taken: the step closes and reopens.
+  virtual int Other(int roll, ProgressLog& log, std::mt19937_64& rng) = 0;
+};
+// Bounds of a step's roll of 0..99: below `write` a write (a whole
+// replacement below `replace`), then a deletion below `remove`, a flush
+// below `flush` (where the interface has one); Other or a reopen for the
+// rest.
+struct Odds {
+  int write, replace, remove, flush;
+};
+// Opens, takes `steps` steps and closes, logging each; `streams` and
+// `version` follow every finished step. Stops at the first failure.
+void RunEdits(Editor& editor, ProgressLog& log, std::mt19937_64& rng, int steps, const Odds& odds,
+              std::uint32_t names, Streams& streams, std::uint32_t& version);
+// An Editor on the compound file at `path`: through CompoundFile's block
+// streams, opened with `password` (0: none) as it stands at each open, or
+// through the direct stream source, which has no flush. `other` takes the
+// workload's own steps (null: none).
+class FileEditor : public Editor {
+ public:
+  using OtherStep = std::function<int(FileEditor&, int roll, ProgressLog&, std::mt19937_64&)>;
+  FileEditor(const std::string& path, bool pure, const int& password, OtherStep other = nullptr)
+      : pure_(pure), path_(path), password_(password), other_(std::move(other)) {}
+  bool Open() override;
+  void Close() override;
+  std::ostream* Stream(std::uint32_t index, bool replace) override;
+  bool Delete(std::uint32_t index) override;
+  bool CanFlush() const override { return !pure_; }
+  void Flush() override { file_.Flush(); }
+  int Other(int roll, ProgressLog& log, std::mt19937_64& rng) override {
+    return other_ ? other_(*this, roll, log, rng) : -1;
+  }
+  CompoundFile& file() { return file_; }
+
+ private:
+  bool pure_;
+  std::string path_;
+  const int& password_;
+  OtherStep other_;
+  CompoundFile file_;
+  PureCompoundFileStreamSource source_;
+};
+// A stream of `streams` at random; there must be one.
+std::uint32_t PickIn(const Streams& streams, std::mt19937_64& rng);
+
+// Parent helpers. Opens `file` at `path` for writing; a failure to do so
+// is a test failure.
+bool OpensForWriting(CompoundFile& file, const std::string& path, const Tally& tally);
+// The whole stream; false when missing or the read failed.
 bool ReadStream(CompoundFile& file, const std::string& name, std::string* out);
 // The names in the directory, the saved block map's left out.
 std::set<std::string> NamesIn(const CompoundFile& file);

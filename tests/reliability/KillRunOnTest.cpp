@@ -32,81 +32,38 @@ class RunOnWorkload : public Workload {
     for (std::uint32_t i = 0; i < kNames / 2; ++i) Put(file, i, streams_[i] = Content(i, version_++, 1100 * i + 5));
   }
 
+  // New streams and rewrites ("wb"), writes through "r+b" from any offset
+  // (appending past the end), deletions, directory flushes, batches begun
+  // and ended (when asked for), closes and reopens.
   void RunChild(ProgressLog& log, std::uint64_t seed, int steps) override {
     std::mt19937_64 rng(seed);
-    CompoundFile file;
-    log.Begin(Op::kOpen);
-    if (file.Open(path_.c_str(), ZoStreamE::OpenReadWrite) != ZoStreamE::StatusOk) return log.Fail(1);
-    log.Done(Op::kOpen);
-    for (int step = 0; step < steps; ++step) {
-      if (!Step(file, log, rng)) return;
-    }
-    log.Begin(Op::kClose);
-    file.Close();
-    log.Done(Op::kClose);
+    FileEditor editor(path_, false, kNoPassword, [this](FileEditor& e, int roll, ProgressLog& l, std::mt19937_64& r) {
+      return batches_ && roll < 96 ? BatchStep(e.file(), l, r) : -1;
+    });
+    RunEdits(editor, log, rng, steps, {70, 40, 82, 90}, kNames, streams_, version_);
   }
 
   bool Check(const std::vector<Record>& log, bool killed, Tally& tally) override;
 
  private:
-  bool Step(CompoundFile& file, ProgressLog& log, std::mt19937_64& rng);
+  // A batch begins, or one level ends.
+  static int BatchStep(CompoundFile& file, ProgressLog& log, std::mt19937_64& rng) {
+    const bool begin = rng() % 2 == 0;
+    const Op op = begin ? Op::kBatchBegin : Op::kBatchEnd;
+    log.Begin(op);
+    const ZoStreamE::Status result = begin ? file.BeginBatch() : file.EndBatch();
+    if (begin && result != ZoStreamE::StatusOk) return log.Fail(7), 0;
+    log.Done(op, 0, 0, result == ZoStreamE::StatusOk ? 1 : 0);
+    return 1;
+  }
   void OrdinaryWrites(std::mt19937_64& rng, Tally& tally);
 
   bool batches_;
   std::string path_;
   Streams streams_;
   std::uint32_t version_ = 1;
+  static constexpr int kNoPassword = 0;
 };
-
-// New streams and rewrites ("wb"), writes through "r+b" from any offset
-// (appending past the end), deletions, directory flushes, closes and
-// reopens.
-bool RunOnWorkload::Step(CompoundFile& file, ProgressLog& log, std::mt19937_64& rng) {
-  const int roll = static_cast<int>(rng() % 100);
-  if (roll < 70 || streams_.empty()) {
-    const bool replace = roll < 40 || streams_.empty();
-    const std::uint32_t name = replace ? static_cast<std::uint32_t>(rng() % kNames)
-                                       : std::next(streams_.begin(), static_cast<long>(rng() % streams_.size()))->first;
-    const Record write = PlanWrite(rng, replace, name, version_++, streams_[name].size());
-    log.Begin(write);
-    if (!WriteRecord(file.GetIOStream(StreamName(name).c_str(), replace ? "wb" : "r+b"), write, rng)) {
-      return log.Fail(2), false;
-    }
-    ApplyWrite(streams_, write);
-    log.Done(write);
-    return true;
-  }
-  if (roll < 82) {
-    const std::uint32_t name = std::next(streams_.begin(), static_cast<long>(rng() % streams_.size()))->first;
-    log.Begin(Op::kDelete, name);
-    if (!file.DeleteCFFile(StreamName(name).c_str())) return log.Fail(4), false;
-    streams_.erase(name);
-    log.Done(Op::kDelete, name);
-    return true;
-  }
-  if (roll < 90) {
-    log.Begin(Op::kFlush);
-    file.Flush();
-    log.Done(Op::kFlush);
-    return true;
-  }
-  if (batches_ && roll < 96) {  // a batch begins, or one level ends
-    const bool begin = rng() % 2 == 0;
-    const Op op = begin ? Op::kBatchBegin : Op::kBatchEnd;
-    log.Begin(op);
-    const ZoStreamE::Status result = begin ? file.BeginBatch() : file.EndBatch();
-    if (begin && result != ZoStreamE::StatusOk) return log.Fail(7), false;
-    log.Done(op, 0, 0, result == ZoStreamE::StatusOk ? 1 : 0);
-    return true;
-  }
-  log.Begin(Op::kClose);
-  file.Close();
-  log.Done(Op::kClose);
-  log.Begin(Op::kOpen);
-  if (file.Open(path_.c_str(), ZoStreamE::OpenReadWrite) != ZoStreamE::StatusOk) return log.Fail(1), false;
-  log.Done(Op::kOpen);
-  return true;
-}
 
 bool RunOnWorkload::Check(const std::vector<Record>& log, bool killed, Tally& tally) {
   // Replay: the model after every finished step, and the streams the
@@ -140,11 +97,7 @@ bool RunOnWorkload::Check(const std::vector<Record>& log, bool killed, Tally& ta
   // The library's own recovery: one open for writing, then the close.
   {
     CompoundFile file;
-    const ZoStreamE::Status status = file.Open(path_.c_str(), ZoStreamE::OpenReadWrite);
-    if (status != ZoStreamE::StatusOk) {
-      ADD_FAILURE() << tally.where << ": the file does not open for writing (status " << status << ")";
-      return false;
-    }
+    if (!OpensForWriting(file, path_, tally)) return false;
     Streams untouched = settled;
     for (std::uint32_t t : touched) untouched.erase(t);
     const int lost = ExpectSettled(file, untouched, touchedNames, tally.where);
@@ -178,17 +131,13 @@ void RunOnWorkload::OrdinaryWrites(std::mt19937_64& rng, Tally& tally) {
   const auto name = static_cast<std::uint32_t>(rng() % kNames);
   Put(file, name, streams_[name] = Content(name, version_++, PickLength(rng)));
   if (!streams_.empty()) {
-    const std::uint32_t grown = std::next(streams_.begin(), static_cast<long>(rng() % streams_.size()))->first;
+    const std::uint32_t grown = PickIn(streams_, rng);
     const std::string more = Content(grown, version_++, PickLength(rng));
-    std::unique_ptr<std::iostream> s(file.GetIOStream(StreamName(grown).c_str(), "r+b"));
-    ASSERT_TRUE(s != nullptr) << tally.where;
-    s->seekp(0, std::ios_base::end);
-    s->write(more.data(), static_cast<std::streamsize>(more.size()));
-    ASSERT_TRUE(s->good()) << tally.where;
+    ASSERT_TRUE(tztest::Patch(file, StreamName(grown).c_str(), -1, more)) << tally.where;
     streams_[grown] += more;
   }
   if (streams_.size() > kNames / 2) {
-    const std::uint32_t gone = std::next(streams_.begin(), static_cast<long>(rng() % streams_.size()))->first;
+    const std::uint32_t gone = PickIn(streams_, rng);
     ASSERT_TRUE(file.DeleteCFFile(StreamName(gone).c_str())) << tally.where;
     streams_.erase(gone);
   }

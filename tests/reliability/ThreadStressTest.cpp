@@ -23,9 +23,6 @@
 #include "tests/sources/SourceFixture.h"
 
 using namespace tztest;
-using ZoStreamE::OpenReadOnly;
-using ZoStreamE::OpenReadWrite;
-using ZoStreamE::StatusOk;
 
 namespace {
 

@@ -29,7 +29,7 @@ TEST_F(CopyBackTest, EditingRunEndToEnd) {
       EXPECT_EQ(before, tztest::ReadAll(file));
     }
   }
-  const std::map<std::string, std::string> expected = {
+  const Streams expected = {
       {"keep", "k"}, {"edit", "e1"}, {"big", big}, {"added", tztest::Pattern(10241, 3)},
       {"exact", tztest::Pattern(10240, 4)}, {"empty", ""}};
   EXPECT_EQ(expected, Stored());

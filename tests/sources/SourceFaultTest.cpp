@@ -200,8 +200,7 @@ TEST_F(SourceFaultTest, CompactionKeepsAWholeFile) {
           EXPECT_TRUE(source->IsDirty());
           ASSERT_EQ(Source::NoError, SaveAgain(source));
           EXPECT_STREAMS(kAfter, StoredAt(file));
-          for (char letter = 'A'; letter <= 'Y'; ++letter)
-            fs::remove(dir.Path(std::string("kelvoptmp") + letter + ".zvp"));
+          RemoveCompactionLeftovers();
           return;
         }
         source->Close(Source::DiscardChanges, false);
@@ -218,8 +217,7 @@ TEST_F(SourceFaultTest, CompactionKeepsAWholeFile) {
         // The old file, or the new one once it took its place.
         const Streams stored = StoredAt(file);
         EXPECT_TRUE(stored == kBefore || stored == kAfter) << "neither the old file nor the new one";
-        for (char letter = 'A'; letter <= 'Y'; ++letter)
-          fs::remove(dir.Path(std::string("kelvoptmp") + letter + ".zvp"));
+        RemoveCompactionLeftovers();
       });
 }
 

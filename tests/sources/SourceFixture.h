@@ -20,13 +20,14 @@ using Source = CompoundFileStreamSource;
 
 class SourceFixture : public ::testing::Test {
  protected:
+  using Streams = std::map<std::string, std::string>;
   tztest::ScratchDir dir;
   const std::string file = dir.Path("doc.tzcf");
   const std::string work =
       Source::GetTempFolderName(dir.path().c_str(), "doc.tzcf");
 
   // Makes the compound file with these streams.
-  void Store(const std::map<std::string, std::string>& streams) {
+  void Store(const Streams& streams) {
     tztest::MakeFile(file, tztest::StreamList(streams.begin(), streams.end()));
   }
   // The streams of a compound file (ours by default) in directory order,
@@ -39,8 +40,8 @@ class SourceFixture : public ::testing::Test {
     return names;
   }
   // The same streams with their content.
-  std::map<std::string, std::string> Stored(const std::string& path = "") {
-    std::map<std::string, std::string> result;
+  Streams Stored(const std::string& path = "") {
+    Streams result;
     tztest::OpenedFile cf(path.empty() ? file : path, ZoStreamE::OpenReadOnly);
     for (const std::string& n : StoredNames(path)) result[n] = tztest::GetStream(cf, n.c_str());
     return result;
@@ -66,6 +67,10 @@ class SourceFixture : public ::testing::Test {
     const bool ok = out->good();
     delete out;
     return ok;
+  }
+  // Removes the temporary files a compaction may leave beside the file.
+  void RemoveCompactionLeftovers() const {
+    for (char letter = 'A'; letter <= 'Y'; ++letter) fs::remove(dir.Path(std::string("kelvoptmp") + letter + ".zvp"));
   }
   bool InWork(const std::string& name) const {
     return fs::exists(work + "/" + name);

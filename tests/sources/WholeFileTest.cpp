@@ -29,14 +29,13 @@ TEST_F(WholeFileTest, SaveAsWritesTheCurrentStreams) {
   ASSERT_EQ(Source::NoError, source->SaveAs(copy.c_str()));
   EXPECT_FALSE(source->IsDirty());
   EXPECT_EQ(original, tztest::ReadAll(file));  // the old file gets nothing
-  const std::map<std::string, std::string> expected = {{"a", "1"}, {"b", "22"}, {"tmp", "t"}};
-  EXPECT_EQ(expected, Stored(copy));
+  EXPECT_EQ((Streams{{"a", "1"}, {"b", "22"}, {"tmp", "t"}}), Stored(copy));
   EXPECT_FALSE(tztest::OpenedFile(copy, ZoStreamE::OpenReadOnly).IsEncrypted());
   source->Close(Source::DiscardChanges, false);
 }
 
 TEST_F(WholeFileTest, CompactionShrinksAndKeepsPendingChanges) {
-  std::map<std::string, std::string> streams;
+  Streams streams;
   for (int i = 0; i < 40; ++i) streams["s" + std::to_string(i)] = tztest::Pattern(3000, i);
   Store(streams);
   auto source = Opened();
@@ -69,7 +68,7 @@ TEST_F(WholeFileTest, CompactionShrinksAndKeepsPendingChanges) {
 TEST_F(WholeFileTest, CompactionRefusalsAndFailures) {
   Store({{"a", "1"}});
   const auto original = tztest::ReadAll(file);
-  for (char c = 'A'; c <= 'Y'; ++c) tztest::WriteAll(dir.Path(std::string("kelvoptmp") + c + ".zvp"), {});
+  for (char c = 'A'; c <= 'Y'; ++c) tztest::WriteAll(dir.Path(std::string("kelvoptmp") + c + ".zvp"), {});  // all taken
   auto source = Opened();
   auto expectThrows = [&](const char* what) {
     try {
@@ -107,8 +106,7 @@ TEST_F(WholeFileTest, LongWorkingPathsLoseNothing) {
   EXPECT_TRUE(Fill(source->GetOStream(changed.c_str()), "NEW CONTENT"));
   EXPECT_TRUE(Fill(source->GetOStream(added.c_str()), "added"));
   EXPECT_EQ("NEW CONTENT", Drain(source->GetIStream(changed.c_str())));
-  const std::map<std::string, std::string> expected = {
-      {changed, "NEW CONTENT"}, {added, "added"}, {kept, "stored"}};
+  const Streams expected = {{changed, "NEW CONTENT"}, {added, "added"}, {kept, "stored"}};
 
   const std::string copy = dir.Path("b.tzcf");
   ASSERT_EQ(Source::NoError, source->SaveAs(copy.c_str()));
@@ -133,8 +131,7 @@ TEST_F(WholeFileTest, CompactionTakesNamesThatDifferInCase) {
   EXPECT_FALSE(source->IsDirty());
   EXPECT_EQ("123456789", Drain(source->GetIStream("FOO")));
   source->Close(Source::DiscardChanges, false);
-  const std::map<std::string, std::string> expected = {{"foo", "123456789"}};
-  EXPECT_EQ(expected, Stored());
+  EXPECT_EQ((Streams{{"foo", "123456789"}}), Stored());
 }
 
 // SaveAs refuses only the open file's own name. A name set for the next
