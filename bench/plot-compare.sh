@@ -2,6 +2,7 @@
 # Draws the figures of a tz_compare_bench run as one SVG picture.
 # Usage: bench/plot-compare.sh [FIGURES.csv [PICTURE.svg]]
 #   defaults: bench/compare-latest.csv and docs/compare.svg
+# Every system and workload the csv holds is drawn, in a fixed order.
 # Needs gnuplot (Debian: gnuplot-nox) and awk.
 set -e
 here=$(cd "$(dirname "$0")" && pwd)
@@ -10,8 +11,15 @@ svg=${2:-$here/../docs/compare.svg}
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-others="sqlite ole2 zip tz-cf tz-pure tz-enc"
-workloads="W1 W2 W3 W4"
+others=""
+for s in sqlite lmdb ole2 zip tz-cf tz-batch tz-whole tz-pure tz-enc; do
+  grep -q "^[^#][^,]*,$s,write," "$csv" && others="$others $s"
+done
+workloads=""
+for w in W1 W2 W3 W4; do
+  grep -q "^$w,plain,write," "$csv" && workloads="$workloads $w"
+done
+n=$(echo $others | wc -w)
 
 # One table per figure: a row per workload, a column per system.
 #   $1 phase, $2 column name in the csv, $3 output file, $4 systems
@@ -38,6 +46,18 @@ table read speed_x_plain "$work/read.dat" "$others"
 table write disk_per_payload "$work/disk.dat" "plain $others"
 table write peak_mib "$work/peak.dat" "plain $others"
 
+# Each system keeps its colour from picture to picture; plain is line type 10.
+i=1
+for s in $others; do
+  case $s in
+    sqlite) c="#7e57c2" ;; lmdb) c="#8d6e63" ;; ole2) c="#d9a441" ;; zip) c="#6a9fd4" ;;
+    tz-cf) c="#1b5e20" ;; tz-batch) c="#00897b" ;; tz-whole) c="#9ccc65" ;; tz-pure) c="#43a047" ;;
+    *) c="#a5d6a7" ;;
+  esac
+  echo "set linetype $i lc rgb \"$c\"" >> "$work/colors.gp"
+  i=$((i + 1))
+done
+
 # The date line of the csv names the run.
 title=$(sed -n '1s/^# //p' "$csv")
 
@@ -52,31 +72,25 @@ set boxwidth 0.9
 set key outside below horizontal font ",10" samplen 1
 set grid ytics
 set xtics nomirror
-# sqlite, ole2, zip, tz-cf, tz-pure, tz-enc; then plain first where it is drawn
-set linetype 1 lc rgb "#7e57c2"
-set linetype 2 lc rgb "#d9a441"
-set linetype 3 lc rgb "#6a9fd4"
-set linetype 4 lc rgb "#1b5e20"
-set linetype 5 lc rgb "#43a047"
-set linetype 6 lc rgb "#a5d6a7"
-set linetype 7 lc rgb "#8c8c8c"
+load "$work/colors.gp"
+set linetype 10 lc rgb "#8c8c8c"
 set logscale y 2
 set ylabel "plain time / system time"
 set title "write speed relative to plain files (higher is faster)"
-plot for [c=2:7] "$work/write.dat" using c:xtic(1) title columnhead, 1 with lines lc rgb "black" dt 2 notitle
+plot for [c=2:$((n + 1))] "$work/write.dat" using c:xtic(1) title columnhead, 1 with lines lc rgb "black" dt 2 notitle
 set title "read speed relative to plain files (higher is faster)"
-plot for [c=2:7] "$work/read.dat" using c:xtic(1) title columnhead, 1 with lines lc rgb "black" dt 2 notitle
+plot for [c=2:$((n + 1))] "$work/read.dat" using c:xtic(1) title columnhead, 1 with lines lc rgb "black" dt 2 notitle
 unset logscale y
 set yrange [0:*]
 set ylabel "bytes on disk / payload bytes"
 set title "bytes on disk over payload bytes (lower is better)"
-plot "$work/disk.dat" using 2:xtic(1) title columnhead lt 7, for [c=3:8] "" using c title columnhead lt c-2, \
+plot "$work/disk.dat" using 2:xtic(1) title columnhead lt 10, for [c=3:$((n + 2))] "" using c title columnhead lt c-2, \
      1 with lines lc rgb "black" dt 2 notitle
 set logscale y 2
 set yrange [*:*]
 set ylabel "MiB"
 set title "peak resident memory of the write phase"
-plot "$work/peak.dat" using 2:xtic(1) title columnhead lt 7, for [c=3:8] "" using c title columnhead lt c-2
+plot "$work/peak.dat" using 2:xtic(1) title columnhead lt 10, for [c=3:$((n + 2))] "" using c title columnhead lt c-2
 unset multiplot
 EOF
 echo "wrote $svg"
