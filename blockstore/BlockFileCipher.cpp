@@ -112,7 +112,7 @@ Status BlockFileCore::RunMarkedPass(bool encrypt) {
     FinishBatch();
     batchDepth = depth;
   }
-  if (!ChainsAreSound()) return status = ZoStreamE::StatusFailed;
+  if (!ChainsAreSound()) return Fail(ZoStreamE::StatusFailed);
   directoryDirty = true;
   DirBlock marked = *dirBlocks[0];
   marked.signature[0] = '\0';
@@ -135,7 +135,7 @@ void BlockFileCore::FinishPass() {
 // signature in memory too, and is written again; this one write goes out
 // although the status is set.
 void BlockFileCore::MarkUnusable() {
-  status = ZoStreamE::StatusFailed;
+  Fail();
   DirBlock& first = *dirBlocks[0];
   first.signature[0] = '\0';
   unsigned char raw[bf::kBlockSize];
@@ -146,8 +146,8 @@ void BlockFileCore::MarkUnusable() {
 
 Status BlockFileCore::Decrypt() {
   if (status != ZoStreamE::StatusOk || !IsEncrypted()) return status;
-  if (readOnly) return status = ZoStreamE::StatusFailed;
-  if (!cipher) return status = ZoStreamE::StatusPasswordNeeded;
+  if (readOnly) return Fail(ZoStreamE::StatusFailed);
+  if (!cipher) return Fail(ZoStreamE::StatusPasswordNeeded);
   if (RunMarkedPass(false) != ZoStreamE::StatusOk) return status;
   cipher.reset();
   DirBlock& first = *dirBlocks[0];
@@ -164,7 +164,7 @@ Status BlockFileCore::Encrypt(const char* password) {
     if (result != ZoStreamE::StatusOk) return result;
   }
   if (status != ZoStreamE::StatusOk) return status;
-  if (readOnly) return status = ZoStreamE::StatusFailed;
+  if (readOnly) return Fail(ZoStreamE::StatusFailed);
   // A file without a directory block has no place for the flag: refused,
   // without making the refusal sticky.
   if (dirBlocks.empty()) return ZoStreamE::StatusFailed;

@@ -95,7 +95,7 @@ Status BlockFileCore::Open(const char* path, ZoStreamE::OpenMode mode) {
     return status;
   } catch (const Error&) {
     Close();
-    status = ZoStreamE::StatusFailed;
+    Fail();
     return status;
   }
 }
@@ -119,7 +119,7 @@ void BlockFileCore::LoadDirectoryChain(const boost::shared_ptr<DirBlock>& first,
     if (block == nullptr) {
       // An unreadable or looping directory chain: nothing of this file may be
       // written back, and the failure leaves Open as a thrown status.
-      status = ZoStreamE::StatusFailed;
+      Fail();
       throw ZoStreamE::StatusFailed;  // NOLINT(misc-throw-by-value-catch-by-reference): an enumerator is a value; Open is documented to throw this Status
     }
     AppendDirBlock(block, exact, next);
@@ -142,12 +142,12 @@ Status BlockFileCore::ScanBlockHeads() {
   for (std::uint32_t k = 1; k <= count; ++k) {
     blockformat::BlockHead head;
     if (!file->ReadBlock(k, raw)) {
-      status = ZoStreamE::StatusFailed;
+      Fail();
       return status;
     }
     blockformat::DecodeHead(raw, &head);
     if (head.blockNumber != k || !blockformat::HasSignature(head)) {
-      status = ZoStreamE::StatusFailed;
+      Fail();
       return status;
     }
     blockMap.SetBlock(static_cast<std::int32_t>(k), head.inUse);
@@ -158,7 +158,7 @@ Status BlockFileCore::ScanBlockHeads() {
 
 bool BlockFileCore::FlushFile() {
   if (file && !file->Flush()) {
-    status = ZoStreamE::StatusFailed;
+    Fail();
     return false;
   }
   return true;

@@ -147,6 +147,13 @@ class BlockFileCore {
   boost::shared_ptr<DirBlock> LoadDirBlock(std::uint32_t n, bool* exact = nullptr);  // null on failure
   ZoStreamE::Status WriteDirBlock(const DirBlock& block);
   boost::shared_ptr<DirBlock> AllocDirBlock();
+  // Every failure of the file goes through here: `status` takes `why` and
+  // keeps it (block traffic stops at a non-zero status) until SetPassword,
+  // a new scan of the heads or the close. Returns the new status.
+  ZoStreamE::Status Fail(ZoStreamE::Status why = ZoStreamE::StatusFailed) {
+    status = why;
+    return status;
+  }
   // Blocks the file holds, by the engine's count.
   std::uint32_t BlockCount() const {
     return static_cast<std::uint32_t>(fileSize / blockformat::kBlockSize);

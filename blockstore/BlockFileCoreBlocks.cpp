@@ -19,12 +19,12 @@ const unsigned char* SkippedBlockBytes(std::uint32_t n, unsigned char* buffer) {
 // block 0 or an I/O failure sets StatusFailed.
 bool BlockFileCore::ReadBlockBytes(std::uint32_t n, unsigned char* out, unsigned char* tail) {
   if (static_cast<std::int64_t>(n) * bf::kBlockSize > fileSize) {
-    status = ZoStreamE::StatusPastEnd;
+    Fail(ZoStreamE::StatusPastEnd);
     return false;
   }
   if (n == 0 || !(tail == nullptr ? file->ReadBlock(n, out)
                                    : file->ReadBlockSplit(n, out, bf::kOffPayload, tail))) {
-    status = ZoStreamE::StatusFailed;
+    Fail();
     return false;
   }
   return true;
@@ -70,7 +70,7 @@ Status BlockFileCore::ReadDataBlockHeld(std::uint32_t n, DataBlock& block, unsig
       cipher->Decrypt(payload != nullptr ? payload : block.payload,
                       static_cast<unsigned>(CipherLength(block.usedLength)));
     } else {
-      status = ZoStreamE::StatusPasswordNeeded;
+      Fail(ZoStreamE::StatusPasswordNeeded);
     }
   }
   return status;
@@ -89,7 +89,7 @@ DataBlock* BlockFileCore::LoadDataBlock(std::uint32_t n) {
 Status BlockFileCore::WriteDataBlock(const DataBlock& block, const unsigned char* payload) {
   if (status == ZoStreamE::StatusOk && IsEncrypted()) {
     if (!cipher) {
-      status = ZoStreamE::StatusPasswordNeeded;
+      Fail(ZoStreamE::StatusPasswordNeeded);
       return status;
     }
     DataBlock copy = block;
@@ -115,7 +115,7 @@ struct BlockWrite {
 static Status WriteBlockBytes(BlockFileCore& core, const BlockWrite& w) {
   if (core.status != ZoStreamE::StatusOk) return core.status;
   if (core.readOnly) {
-    core.status = ZoStreamE::StatusFailed;
+    core.Fail();
     return core.status;
   }
   core.ArmMark();
@@ -126,7 +126,7 @@ static Status WriteBlockBytes(BlockFileCore& core, const BlockWrite& w) {
   const std::uint32_t n = w.number;
   const std::int64_t limit = std::max<std::int64_t>(core.blockMap.highest(), core.BlockCount());
   if (n == 0 || static_cast<std::int64_t>(n) > limit) {
-    core.status = ZoStreamE::StatusFailed;
+    core.Fail();
     return core.status;
   }
   bool ok = true;
@@ -135,14 +135,14 @@ static Status WriteBlockBytes(BlockFileCore& core, const BlockWrite& w) {
     ok = core.file->WriteBlock(k, SkippedBlockBytes(k, skipped));
   }
   if (!ok) {
-    core.status = ZoStreamE::StatusFailed;
+    core.Fail();
     return core.status;
   }
   core.blockMap.SetBlock(static_cast<std::int32_t>(n), w.inUse);
   ok = w.payload == nullptr ? core.file->WriteBlock(n, w.encoded)
                             : core.file->WriteBlockSplit(n, w.encoded, bf::kOffPayload, w.payload);
   core.fileSize = std::max<std::int64_t>(core.fileSize, static_cast<std::int64_t>(n) * bf::kBlockSize);
-  if (!ok) core.status = ZoStreamE::StatusFailed;
+  if (!ok) core.Fail();
   return core.status;
 }
 
@@ -248,7 +248,7 @@ std::uint32_t BlockFileCore::AppendWholeBlocks(DataBlock& current, const unsigne
     for (std::uint32_t j = 0; j < sent; ++j) MarkIfDirBlock(runFirst + j);
     const bool all = sent == runCount;
     if (!all) {
-      status = ZoStreamE::StatusFailed;
+      Fail();
       k = runStep + sent + 1;
     }
     runCount = 0;
@@ -306,7 +306,7 @@ Status BlockFileCore::ReadDirBlock(std::uint32_t n, DirBlock& block, bool* exact
   unsigned char raw[bf::kBlockSize];
   if (!ReadBlockBytes(n, raw)) return status;
   if (!bf::DecodeDirBlock(raw, &block)) {
-    status = ZoStreamE::StatusFailed;
+    Fail();
     return status;
   }
   if (exact != nullptr) {

@@ -209,7 +209,7 @@ bool BlockFileCore::FreeChain(DirEntry* entry) {
     NoteFreed(block->blockNumber);
     if (block->nextBlock == 0 || !LinkIsSound(block->blockNumber, block->nextBlock)) break;
     if (walked >= limit) {  // longer than the file: the chain loops
-      status = ZoStreamE::StatusFailed;
+      Fail();
       return false;
     }
     ReadDataBlock(block->nextBlock, *block);

@@ -59,7 +59,7 @@ bool BlockFileCore::ReadWhole(const char* name, std::string& out) {
     if (done == size) return true;
     const std::uint32_t next = block.nextBlock;
     if (next == 0 || !LinkIsSound(n, next) || walked + 1 >= limit) {
-      status = ZoStreamE::StatusFailed;  // the chain ends short of its size: damage
+      Fail();  // the chain ends short of its size: damage
       return false;
     }
     n = next;

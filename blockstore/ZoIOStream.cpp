@@ -103,7 +103,7 @@ void ZoIOStreamDevice::NextBlock(bool mayGrow, unsigned char* payloadTo) {
     // chain: damage, which a read reports rather than mends.
     if (!mayGrow && !(next == 0 && d.core->LinksOnInFile(d.blockNumbers[d.blockIndex - 1]))) {
       SaveCurrentBlock();
-      d.core->status = ZoStreamE::StatusFailed;
+      d.core->Fail();
       return;
     }
     // The fresh block's payload is cleared only if it is not written whole.
@@ -127,7 +127,7 @@ void ZoIOStreamDevice::NextBlock(bool mayGrow, unsigned char* payloadTo) {
   } else {
     SaveCurrentBlock();
     if (d.blockIndex >= d.core->BlockCount()) {
-      d.core->status = ZoStreamE::StatusFailed;
+      d.core->Fail();
       return;
     }
     d.core->ReadDataBlock(next, *d.current, payloadTo);
