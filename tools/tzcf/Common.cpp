@@ -68,7 +68,7 @@ std::string SpaceText(const std::string& path, int error, std::uint64_t wanted) 
     if (::statvfs(parent.empty() ? "." : parent.c_str(), &info) != 0) return std::string();
   }
   const std::uint64_t room = static_cast<std::uint64_t>(info.f_bavail) * info.f_frsize;
-  return room < std::max<std::uint64_t>(wanted, 256 * 1024) ? ": " + SystemText(ENOSPC) : std::string();
+  return room < std::max<std::uint64_t>(wanted, std::uint64_t{256} * 1024) ? ": " + SystemText(ENOSPC) : std::string();
 }
 
 namespace {

@@ -1,6 +1,7 @@
 #include "NewFile.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -8,6 +9,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -96,15 +98,27 @@ void NewFile::Abandon() {
 
 bool NewFile::Begin(const std::string& target, bool copy, std::string* error) {
   target_ = target;
-  const std::string folder = FolderOf(target);
-  std::string name = folder + "/." + LeafOf(target) + ".tzcf-XXXXXX";
+  // A link to the file stays a link: the file it leads to is replaced.
+  struct stat link;
+  if (copy && ::lstat(target.c_str(), &link) == 0 && S_ISLNK(link.st_mode)) {
+    char* real = ::realpath(target.c_str(), nullptr);
+    if (real != nullptr) {
+      target_ = real;
+      std::free(real);  // realpath gives a malloc'd name
+    }
+  }
+  const std::string& path = target_;
+  const std::string folder = FolderOf(path);
+  std::string name = folder + "/." + LeafOf(path) + ".tzcf-XXXXXX";
   if (name.size() >= sizeof gPending) {
     *error = target + ": name too long";
     return false;
   }
   mode_t mode = 0;
+  uid_t owner = 0;
+  gid_t group = 0;
   if (copy) {
-    lockFd_ = ::open(target.c_str(), O_RDONLY | O_CLOEXEC);
+    lockFd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (lockFd_ < 0) {
       *error = target + ": " + SystemText(errno);
       return false;
@@ -114,7 +128,12 @@ bool NewFile::Begin(const std::string& target, bool copy, std::string* error) {
       return false;
     }
     struct stat info;
-    mode = ::fstat(lockFd_, &info) == 0 ? info.st_mode & 07777 : 0644;
+    mode = 0644;
+    if (::fstat(lockFd_, &info) == 0) {
+      mode = info.st_mode & 07777;
+      owner = info.st_uid;
+      group = info.st_gid;
+    }
   } else {
     const mode_t mask = ::umask(0);
     ::umask(mask);
@@ -128,15 +147,18 @@ bool NewFile::Begin(const std::string& target, bool copy, std::string* error) {
   sigset_t block, old;
   sigemptyset(&block);
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&block, signal);
-  (void)sigprocmask(SIG_BLOCK, &block, &old);
+  (void)pthread_sigmask(SIG_BLOCK, &block, &old);
   const int fd = ::mkstemp(buffer.data());
   if (fd >= 0) std::memcpy(gPending, buffer.data(), std::strlen(buffer.data()) + 1);
-  (void)sigprocmask(SIG_SETMASK, &old, nullptr);
+  (void)pthread_sigmask(SIG_SETMASK, &old, nullptr);
   if (fd < 0) {
     *error = "cannot make a temporary file in " + folder + ": " + SystemText(errno);
     return false;
   }
   path_ = buffer.data();
+  // The copy keeps the old file's owner where it may (root editing another
+  // user's file), and its mode.
+  if (copy && (owner != ::geteuid() || group != ::getegid())) (void)::fchown(fd, owner, group);
   bool ok = ::fchmod(fd, mode) == 0;
   if (ok && copy) ok = CopyAll(lockFd_, fd);
   const int cause = errno;

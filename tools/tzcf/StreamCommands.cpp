@@ -84,7 +84,10 @@ std::vector<Listed> Select(const std::vector<Listed>& streams, const std::vector
   for (const Listed& s : streams) {
     bool any = false;
     for (std::size_t i = 0; i < patterns.size(); ++i) {
-      if (Matches(patterns[i], s.name)) any = used[i] = true;
+      if (Matches(patterns[i], s.name)) {
+        any = true;
+        used[i] = true;
+      }
     }
     if (any) chosen.push_back(s);
   }
@@ -313,9 +316,11 @@ Exit Pack(const std::string& folder, const std::string& file, bool force, const 
     Report(folder + ": cannot pack: " + SystemText(::stat(folder.c_str(), &info) != 0 ? errno : ENOTDIR));
     return kError;
   }
-  if (!force && ::lstat(file.c_str(), &info) == 0) {
-    Report(file + ": exists (--force replaces it)");
-    return kError;
+  if (::lstat(file.c_str(), &info) == 0) {
+    if (!force || S_ISDIR(info.st_mode)) {
+      Report(file + (S_ISDIR(info.st_mode) ? ": " + SystemText(EISDIR) : ": exists (--force replaces it)"));
+      return kError;
+    }
   }
   // The walk ends before the compound file exists, so it never packs itself.
   std::vector<Found> found;
@@ -488,8 +493,7 @@ Exit List(const std::string& file, const std::vector<std::string>& patterns, con
   } else {
     const bool terminal = ::isatty(STDOUT_FILENO) == 1;
     if (options.details && terminal) {
-      std::cout << (options.human ? "      SIZE" : "      SIZE") << "  BLOCKS  CREATED                   "
-                << "MODIFIED                  NAME\n";
+      std::cout << "      SIZE  BLOCKS  CREATED                   MODIFIED                  NAME\n";
     }
     for (const Listed& s : streams) {
       if (options.details) {

@@ -179,6 +179,7 @@ int Main(int argc, char** argv) {
     if (e.get_exit_code() == 0) return app.exit(e);  // --help, --version
     std::string text = e.what();
     if (text.rfind("The following argument", 0) == 0) text = "unknown option or extra argument: " + text;
+    if (text.rfind("A subcommand is required", 0) == 0) text = "a command is required";
     tzcf::Report(text + " (see tzcf --help)");
     return tzcf::kError;
   }
