@@ -284,7 +284,7 @@ Exit Compact(const std::string& file, const Options& options) {
     } else {
       MakeWorkingFolders(source);
       const std::set<std::string> leftBefore = TemporaryFiles(file);
-      BusyLine busy("compacting", before, options.quiet);
+      BusyLine busy("compacting", before, options.quiet, before);
       try {
         source.CompactCompoundFile();
       } catch (const Exception& e) {
@@ -336,7 +336,7 @@ Exit Encrypt(const std::string& file, const Options& options) {
   }
   ZoStreamE::Status result;
   {
-    BusyLine busy("encrypting", FileSize(file), options.quiet);
+    BusyLine busy("encrypting", FileSize(file), options.quiet, FileSize(file));
     result = archive.Encrypt(password.c_str());
   }
   if (result != ZoStreamE::StatusOk) {
@@ -357,7 +357,7 @@ Exit Decrypt(const std::string& file, const Options& options) {
   if (!Unlock(archive, file, options)) return kError;
   ZoStreamE::Status result;
   {
-    BusyLine busy("decrypting", FileSize(file), options.quiet);
+    BusyLine busy("decrypting", FileSize(file), options.quiet, FileSize(file));
     result = archive.Decrypt();
   }
   if (result != ZoStreamE::StatusOk) {
@@ -384,7 +384,8 @@ Exit ChangePassword(const std::string& file, const Options& options) {
   }
   ZoStreamE::Status result;
   {
-    BusyLine busy("changing the password of", FileSize(file), options.quiet);
+    // Deciphering and enciphering again: two passes over the file.
+    BusyLine busy("changing the password", FileSize(file), options.quiet, 2 * FileSize(file));
     result = archive.Encrypt(password.c_str());
   }
   if (result != ZoStreamE::StatusOk) {
