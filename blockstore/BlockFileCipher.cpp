@@ -72,23 +72,21 @@ bool BlockFileCore::ChainsAreSound() {
   return true;
 }
 
-// One pass over every block of every chain in use. Deciphering reads a
-// block clear (the read path deciphers while the flag is set), applies the
-// cipher's inverse once more, and the write path enciphers that back to the
-// clear bytes. Enciphering runs with the flag clear, so neither path acts.
+// One pass over every block of every chain in use, with one cipher call per
+// block. Deciphering reads a block clear (the read path deciphers while the
+// flag is set) and writes it raw, past the write path's encipherment.
+// Enciphering runs with the flag clear, so neither path acts and the pass
+// enciphers itself.
 void BlockFileCore::RunCipherPass(bool encrypt) {
   DataBlock block;
   for (const auto& dirBlock : dirBlocks) {
     for (const DirEntry& entry : dirBlock->entries) {
       for (std::uint32_t n = entry.firstBlock; n != 0; n = ChainNext(block)) {
         if (ReadDataBlock(n, block) != ZoStreamE::StatusOk) throw status;
-        const auto length = static_cast<unsigned>(CipherLength(block.usedLength));
         if (encrypt) {
-          cipher->Encrypt(block.payload, length);
-        } else {
-          cipher->Decrypt(block.payload, length);
+          cipher->Encrypt(block.payload, static_cast<unsigned>(CipherLength(block.usedLength)));
         }
-        if (WriteDataBlock(block) != ZoStreamE::StatusOk) throw status;
+        if (WriteRawDataBlock(block) != ZoStreamE::StatusOk) throw status;
       }
     }
   }

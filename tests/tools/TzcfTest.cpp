@@ -3,11 +3,14 @@
 // names no honest folder gives are made with the library.
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/file.h>
+#include <sys/mount.h>
 #include <signal.h>
 #include <pty.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -21,6 +24,7 @@
 
 #include <tesselzostream/tesselzostream.h>
 
+#include "blockstore/BlockFormat.h"
 #include "tests/TestUtil.h"
 
 namespace fs = boost::filesystem;
@@ -72,7 +76,7 @@ class TzcfTest : public ::testing::Test {
   Result Run(const std::vector<std::string>& args, const std::string& input = "", const std::string& env = "") {
     WriteFile(Path(".stdin"), input);
     std::string command = "cd " + Quote(dir_.string()) + " && env -u TZCF_PASSWORD -u TZCF_NEW_PASSWORD " +
-                          env + " " + Quote(TZCF_BINARY);
+                          env + " " + runAs_ + Quote(TZCF_BINARY);
     for (const std::string& arg : args) command += " " + Quote(arg);
     command += " <.stdin >.stdout 2>.stderr";
     const int status = std::system(command.c_str());
@@ -84,9 +88,42 @@ class TzcfTest : public ::testing::Test {
     tztest::MakeFile(Path(name).string(), streams);
   }
 
+  // Makes Run's commands run as a user whom permissions bind (nobody, when
+  // the tests run as root); false when that cannot be had.
+  bool RunAsUnprivileged() {
+    if (geteuid() != 0) return true;
+    if (std::system("command -v setpriv >/dev/null") != 0) return false;
+    fs::permissions(dir_, fs::perms::all_all);
+    runAs_ = "setpriv --reuid=65534 --regid=65534 --clear-groups ";
+    return true;
+  }
+
+  // A tmpfs of `kib` KiB mounted at `name` in the scratch folder, unmounted
+  // at the test's end; false when it cannot be mounted (not root).
+  bool MountSmallDisk(const std::string& name, unsigned kib) {
+    fs::create_directories(Path(name));
+    const std::string options = "size=" + std::to_string(kib) + "k";
+    if (mount("tzcf-test", Path(name).c_str(), "tmpfs", 0, options.c_str()) != 0) return false;
+    mounted_.push_back(Path(name).string());
+    return true;
+  }
+  ~TzcfTest() override {
+    for (const std::string& path : mounted_) umount2(path.c_str(), MNT_DETACH);
+  }
+
   tztest::ScratchDir scratch_;
   const fs::path dir_ = scratch_.path();
+  std::string runAs_;
+  std::vector<std::string> mounted_;
 };
+
+// Names of what a directory holds.
+std::vector<std::string> Entries(const fs::path& dir) {
+  std::vector<std::string> names;
+  for (fs::directory_iterator it(dir), end; it != end; ++it) names.push_back(it->path().filename().string());
+  std::sort(names.begin(), names.end());
+  return names;
+}
 
 TEST_F(TzcfTest, PackAndUnpackGiveBackEveryFileByteForByte) {
   const std::map<std::string, std::string> files = {
@@ -143,8 +180,12 @@ TEST_F(TzcfTest, PackSkipsAndReportsWhatItCannotStoreFaithfully) {
   EXPECT_EQ(pack.code, 1);
   EXPECT_NE(pack.err.find("longer than 256"), std::string::npos) << pack.err;
   EXPECT_NE(pack.err.find("'readme': same name as 'README' apart from case"), std::string::npos) << pack.err;
-  EXPECT_NE(pack.err.find("'link': not a regular file"), std::string::npos) << pack.err;
+  EXPECT_NE(pack.err.find("'link': a symbolic link (--dereference follows it)"), std::string::npos) << pack.err;
   EXPECT_EQ(Run({"ls", "a.tzcf"}).out, "README\nkept.txt\n");
+  WriteFile(Path("target"), "through the link");
+  fs::create_symlink(Path("target"), Path("in") / "link2");
+  EXPECT_EQ(Run({"pack", "--force", "--dereference", "in", "a.tzcf"}).code, 1);
+  EXPECT_EQ(Run({"cat", "a.tzcf", "link2"}).out, "through the link");
 
   // A name of exactly 256 characters is no problem.
   fs::remove_all(Path("in"));
@@ -163,7 +204,8 @@ TEST_F(TzcfTest, UsageErrorsAndMissingFilesExitWithTwo) {
 
   const Result missing = Run({"ls", "missing.tzcf"});
   EXPECT_EQ(missing.code, 2);
-  EXPECT_NE(missing.err.find("missing.tzcf: no such file"), std::string::npos) << missing.err;
+  EXPECT_NE(missing.err.find("missing.tzcf: cannot open: No such file or directory"), std::string::npos)
+      << missing.err;
   EXPECT_FALSE(fs::exists(Path("missing.tzcf")));  // not created by the open
   for (const char* command : {"unpack", "cat", "rm", "check", "info", "compact", "encrypt", "decrypt", "passwd"}) {
     EXPECT_EQ(Run({command, "missing.tzcf", "x"}).code, 2) << command;
@@ -377,6 +419,195 @@ TEST_F(TzcfTest, CompactGivesBackTheSpaceOfRemovedStreams) {
   for (fs::directory_iterator it(dir_), end; it != end; ++it) {
     EXPECT_EQ(it->path().filename().string().find("kelvoptmp"), std::string::npos);
   }
+}
+
+TEST_F(TzcfTest, UnpackWritesEveryIntactStreamAroundADamagedOne) {
+  tztest::StreamList streams;
+  for (int i = 0; i < 30; ++i) streams.push_back({"s" + std::to_string(100 + i), Pattern(2500, i)});
+  MakeFile("a.tzcf", streams);
+  tztest::FileBytes bytes = tztest::ReadAll(Path("a.tzcf").string());
+  const std::uint32_t first = tztest::FirstBlockOf(bytes, "s105");
+  tztest::Put32(bytes, tztest::BlockAt(first) + blockformat::kOffNextBlock, 0x7FFFFFF0);  // a link past the end
+  tztest::WriteAll(Path("a.tzcf").string(), bytes);
+  const Result unpack = Run({"unpack", "a.tzcf", "out"});
+  EXPECT_EQ(unpack.code, 1) << unpack.err;
+  EXPECT_EQ(unpack.err, "tzcf: a.tzcf: stream 's105' is damaged; not unpacked\n");
+  EXPECT_EQ(Snapshot(Path("out")).size(), 29u);
+  EXPECT_TRUE(ReadFile(Path("out/s129")) == streams.back().second);
+}
+
+TEST_F(TzcfTest, AFailedPutKeepsTheOldContentAndTheFileSound) {
+  MakeFile("a.tzcf", {{"s", "old"}});
+  fs::create_directories(Path("folder"));
+  for (const char* source : {"folder", "missing"}) {
+    const Result put = Run({"put", "a.tzcf", "s", source});
+    EXPECT_EQ(put.code, 2) << source;
+    EXPECT_NE(put.err.find(source == std::string("folder") ? "Is a directory" : "No such file"), std::string::npos)
+        << put.err;
+    EXPECT_EQ(Run({"cat", "a.tzcf", "s"}).out, "old") << source;
+  }
+  if (!MountSmallDisk("disk", 256)) GTEST_SKIP() << "no tmpfs to fill (not root)";
+  MakeFile("disk/a.tzcf", {{"s", "old"}});
+  WriteFile(Path("big"), Pattern(300 * 1024, 1));
+  const Result full = Run({"put", "disk/a.tzcf", "s", "big"});
+  EXPECT_EQ(full.code, 2);
+  EXPECT_NE(full.err.find("No space left on device"), std::string::npos) << full.err;
+  EXPECT_EQ(Run({"cat", "disk/a.tzcf", "s"}).out, "old");
+  EXPECT_EQ(Run({"check", "disk/a.tzcf"}).code, 0);
+  EXPECT_EQ(Entries(Path("disk")), std::vector<std::string>{"a.tzcf"});
+}
+
+TEST_F(TzcfTest, AnInterruptedOrFailedPackLeavesNothingBehind) {
+  const std::string bytes = Pattern(4 << 20, 1);
+  for (int i = 0; i < 40; ++i) WriteFile(Path("in") / ("f" + std::to_string(i)), bytes);
+  for (const int sent : {SIGINT, SIGTERM}) {
+    // The signal comes once the new file has been made.
+    // The signal comes once the new file has been made.
+    const pid_t child = fork();
+    if (child == 0) {
+      ::signal(SIGINT, SIG_DFL);
+      execl(TZCF_BINARY, TZCF_BINARY, "pack", "-q", Path("in").c_str(), Path("a.tzcf").c_str(), nullptr);
+      _exit(127);
+    }
+    int status = 0;
+    pid_t ended = 0;
+    while ((ended = waitpid(child, &status, WNOHANG)) == 0 && Entries(dir_).size() < 2) usleep(100);
+    if (ended == 0) {
+      kill(child, sent);
+      waitpid(child, &status, 0);
+    }
+    EXPECT_TRUE(WIFSIGNALED(status)) << status;
+    EXPECT_EQ(Entries(dir_), std::vector<std::string>{"in"}) << sent;
+  }
+  if (!MountSmallDisk("disk", 4096)) GTEST_SKIP() << "no tmpfs to fill (not root)";
+  MakeFile("disk/a.tzcf", {{"s", "old"}});
+  const Result full = Run({"pack", "--force", "in", "disk/a.tzcf"});
+  EXPECT_EQ(full.code, 2);
+  EXPECT_NE(full.err.find("No space left on device"), std::string::npos) << full.err;
+  EXPECT_EQ(Entries(Path("disk")), std::vector<std::string>{"a.tzcf"});
+  EXPECT_EQ(Run({"cat", "disk/a.tzcf", "s"}).out, "old");  // --force replaces only once the new file is whole
+}
+
+TEST_F(TzcfTest, AFullDiskStopsUnpackWithOneLineAndRepeatsAreCapped) {
+  fs::create_directories(Path("in"));
+  for (int i = 0; i < 30; ++i) fs::create_symlink("nowhere", Path("in") / ("link" + std::to_string(i)));
+  WriteFile(Path("in/big"), Pattern(600 * 1024, 1));
+  for (int i = 0; i < 30; ++i) WriteFile(Path("in") / ("small" + std::to_string(i)), Pattern(30 * 1024, i));
+  const Result pack = Run({"pack", "in", "a.tzcf"});
+  EXPECT_EQ(pack.code, 1);
+  EXPECT_EQ(std::count(pack.err.begin(), pack.err.end(), '\n'), 21) << pack.err;
+  EXPECT_NE(pack.err.find("tzcf: 10 more problems like the above not shown (30 in all)\n"), std::string::npos)
+      << pack.err;
+  if (!MountSmallDisk("disk", 512)) GTEST_SKIP() << "no tmpfs to fill (not root)";
+  const Result unpack = Run({"unpack", "a.tzcf", "disk/out"});
+  EXPECT_EQ(unpack.code, 2);
+  EXPECT_EQ(unpack.err, "tzcf: disk/out/big: No space left on device; unpack stopped\n");
+}
+
+TEST_F(TzcfTest, EveryWritingCommandTakesThePassword) {
+  MakeFile("a.tzcf", {{"one", "1"}, {"two", "2"}, {"three", "3"}});
+  ASSERT_EQ(Run({"encrypt", "a.tzcf"}, "", "TZCF_PASSWORD=pw").code, 0);
+  const Result none = Run({"rm", "a.tzcf", "one"});
+  EXPECT_EQ(none.code, 2);
+  EXPECT_NE(none.err.find("is encrypted"), std::string::npos) << none.err;
+  const Result rm = Run({"rm", "a.tzcf", "one"}, "", "TZCF_PASSWORD=pw");
+  EXPECT_EQ(rm.code, 0) << rm.err;
+  EXPECT_EQ(Run({"put", "a.tzcf", "four"}, "4", "TZCF_PASSWORD=pw").code, 0);
+  WriteFile(Path("five"), "5");
+  EXPECT_EQ(Run({"add", "a.tzcf", "five"}, "", "TZCF_PASSWORD=pw").code, 0);
+  EXPECT_EQ(Run({"ls", "a.tzcf"}).out, "two\nthree\nfour\nfive\n");
+  EXPECT_EQ(Run({"cat", "a.tzcf", "two", "five"}, "", "TZCF_PASSWORD=pw").out, "25");
+  EXPECT_EQ(Run({"check", "a.tzcf"}, "", "TZCF_PASSWORD=pw").code, 0);
+}
+
+TEST_F(TzcfTest, EachFailureToOpenSaysWhy) {
+  WriteFile(Path("text"), "root:x:0:0:root:/root:/bin/bash\n");
+  WriteFile(Path("random"), Pattern(4096, 7));
+  fs::create_directories(Path("folder"));
+  MakeFile("a.tzcf", {{"s", "x"}});
+  const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+      {{"ls", "text"}, "text: cannot open: not a compound file"},
+      {{"ls", "random"}, "random: cannot open: not a compound file"},
+      {{"ls", "nofolder/a.tzcf"}, "nofolder/a.tzcf: cannot open: No such file or directory"},
+      {{"put", "nofolder/a.tzcf", "s", "text"}, "No such file or directory"},
+      {{"ls", "folder"}, "folder: cannot open: Is a directory"},
+      {{"check", "nosuch"}, "nosuch: cannot open: No such file or directory"},
+      {{"pack", "nosuchdir", "b.tzcf"}, "nosuchdir: cannot pack: No such file or directory"},
+      {{"encrypt", "--password-file", "folder", "a.tzcf"}, "password file folder: Is a directory"},
+      {{"frobnicate", "a.tzcf"}, "unknown command 'frobnicate'"},
+      {{"ls", "--bogus", "a.tzcf"}, "--bogus"},
+  };
+  for (const auto& c : cases) {
+    const Result r = Run(c.first);
+    EXPECT_EQ(r.code, 2) << c.second;
+    EXPECT_NE(r.err.find(c.second), std::string::npos) << r.err;
+  }
+  EXPECT_EQ(Run({"-V"}).out, Run({"--version"}).out);
+  EXPECT_NE(Run({"help"}).out.find("Usage: tzcf"), std::string::npos);
+  EXPECT_NE(Run({"help", "ls"}).out.find("Usage: tzcf ls"), std::string::npos);
+
+  // Another process holds the file.
+  const int held = open(Path("a.tzcf").c_str(), O_RDONLY);
+  ASSERT_EQ(flock(held, LOCK_EX), 0);
+  const Result busy = Run({"ls", "a.tzcf"});
+  close(held);
+  EXPECT_NE(busy.err.find("a.tzcf: cannot open: in use by another process"), std::string::npos) << busy.err;
+
+  if (!RunAsUnprivileged()) GTEST_SKIP() << "no unprivileged user";
+  fs::permissions(Path("a.tzcf"), fs::perms::owner_read | fs::perms::group_read | fs::perms::others_read);
+  const Result readOnly = Run({"rm", "a.tzcf", "s"});
+  EXPECT_NE(readOnly.err.find("a.tzcf: cannot open: Permission denied"), std::string::npos) << readOnly.err;
+  // info and check only read.
+  EXPECT_NE(Run({"info", "a.tzcf"}).out.find("blocks in use: 3\n"), std::string::npos);
+  EXPECT_EQ(Run({"check", "a.tzcf"}).code, 0);
+  fs::permissions(Path("folder"), fs::perms::owner_all | fs::perms::group_read | fs::perms::others_read |
+                                      fs::perms::group_exe | fs::perms::others_exe);
+  const Result unwritable = Run({"pack", "folder", "folder/b.tzcf"});
+  EXPECT_NE(unwritable.err.find("Permission denied"), std::string::npos) << unwritable.err;
+}
+
+TEST_F(TzcfTest, EmptyNewPasswordsAreRefused) {
+  MakeFile("a.tzcf", {{"s", "x"}});
+  EXPECT_EQ(Run({"encrypt", "a.tzcf"}, "", "TZCF_PASSWORD=").err, "tzcf: an empty password is refused\n");
+  ASSERT_EQ(Run({"encrypt", "a.tzcf"}, "", "TZCF_PASSWORD=pw").code, 0);
+  EXPECT_EQ(Run({"passwd", "a.tzcf"}, "", "TZCF_PASSWORD=pw TZCF_NEW_PASSWORD=").code, 2);
+  EXPECT_EQ(Run({"cat", "a.tzcf", "s"}, "", "TZCF_PASSWORD=pw").out, "x");
+}
+
+TEST_F(TzcfTest, JsonIsValidForAnyNameAndGivesIsoTimes) {
+  MakeFile("a.tzcf", {{"bad\xFFname", "x"}, {"caf\xC3\xA9", "y"}, {"line\nend", "z"}});
+  EXPECT_NE(Run({"ls", "-l", "--human", "a.tzcf"}).out.find("       1 B       1  "), std::string::npos);
+  EXPECT_NE(Run({"ls", "-l", "a.tzcf"}).out.find("  \"line\\nend\"\n"), std::string::npos);
+  const Result json = Run({"ls", "--json", "a.tzcf"});
+  ASSERT_EQ(json.code, 0) << json.err;
+  EXPECT_NE(json.out.find("\"name\": \"bad\\ufffdname\", \"name_hex\": \"626164ff6e616d65\""), std::string::npos)
+      << json.out;
+  EXPECT_NE(json.out.find("\"name\": \"caf\xC3\xA9\", \"size\""), std::string::npos) << json.out;
+  EXPECT_NE(json.out.find("\"created_iso\": \"20"), std::string::npos) << json.out;
+  EXPECT_EQ(json.out.find('\xFF'), std::string::npos);
+  const Result info = Run({"info", "--json", "a.tzcf"});
+  EXPECT_NE(info.out.find("\"blocks_in_use\": "), std::string::npos) << info.out;
+  EXPECT_NE(Run({"check", "--json", "a.tzcf"}).out.find("\"sound\": true"), std::string::npos);
+}
+
+TEST_F(TzcfTest, NamesAndPatternsSelectStreams) {
+  MakeFile("a.tzcf", {{"doc/a.txt", "a"}, {"doc/b.md", "b"}, {"src/c.txt", "c"}, {"top", "t"}});
+  EXPECT_EQ(Run({"ls", "a.tzcf", "*.txt"}).out, "doc/a.txt\nsrc/c.txt\n");
+  EXPECT_EQ(Run({"ls", "a.tzcf", "DOC"}).out, "doc/a.txt\ndoc/b.md\n");
+  const Result unpack = Run({"unpack", "a.tzcf", "out", "top", "src", "none*"});
+  EXPECT_EQ(unpack.code, 1);
+  EXPECT_NE(unpack.err.find("no stream matches 'none*'"), std::string::npos) << unpack.err;
+  EXPECT_EQ(Entries(Path("out")), (std::vector<std::string>{"src", "top"}));
+  EXPECT_EQ(Run({"rm", "a.tzcf", "doc/*"}).code, 0);
+  EXPECT_EQ(Run({"ls", "a.tzcf"}).out, "src/c.txt\ntop\n");
+  fs::create_directories(Path("add/d"));
+  WriteFile(Path("add/d/TOP"), "new");
+  const Result add = Run({"add", "a.tzcf", "add/d/TOP"});
+  EXPECT_EQ(add.code, 0) << add.err;
+  const Result addFolder = Run({"add", "a.tzcf", "add"});
+  EXPECT_EQ(addFolder.code, 0) << addFolder.err;
+  EXPECT_NE(addFolder.err.find("replacing 'add/d/TOP'"), std::string::npos) << addFolder.err;
+  EXPECT_EQ(Run({"ls", "a.tzcf"}).out, "src/c.txt\ntop\nadd/d/TOP\n");
 }
 
 }  // namespace

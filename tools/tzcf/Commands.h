@@ -12,12 +12,21 @@
 namespace tzcf {
 
 // Streams (StreamCommands.cpp).
+// A pattern list selects the streams whose name it matches as a shell
+// pattern (fnmatch, '*' also matching '/', without regard to ASCII case)
+// or that lie below it as a folder; an empty list selects every stream.
 Exit Pack(const std::string& folder, const std::string& file, bool force, const Options& options);
-Exit Unpack(const std::string& file, const std::string& folder, const Options& options);
-Exit List(const std::string& file, bool details, bool json);
-Exit Cat(const std::string& file, const std::string& name, const Options& options);
+Exit Add(const std::string& file, const std::vector<std::string>& paths, const Options& options);
+Exit Unpack(const std::string& file, const std::string& folder, const std::vector<std::string>& patterns,
+            const Options& options);
+// Every stream (what the fuzz target of unpack calls).
+inline Exit Unpack(const std::string& file, const std::string& folder, const Options& options) {
+  return Unpack(file, folder, {}, options);
+}
+Exit List(const std::string& file, const std::vector<std::string>& patterns, const Options& options);
+Exit Cat(const std::string& file, const std::vector<std::string>& names, const Options& options);
 Exit Put(const std::string& file, const std::string& name, const std::string& source, const Options& options);
-Exit Remove(const std::string& file, const std::vector<std::string>& names);
+Exit Remove(const std::string& file, const std::vector<std::string>& patterns, const Options& options);
 
 // The file as a whole (FileCommands.cpp).
 Exit Check(const std::string& file, const Options& options);

@@ -35,12 +35,37 @@ bool IsFreeListName(const std::string& name);
 // Options that several commands take.
 struct Options {
   bool quiet = false;
+  bool json = false;            // ls, check, info: JSON for scripts
+  bool details = false;         // ls -l
+  bool human = false;           // ls -l --human: sizes as 1.5 MiB
+  bool dereference = false;     // pack, add: follow symbolic links
   std::string passwordFile;     // the password, or the old one for passwd
   std::string newPasswordFile;  // the new password for passwd
 };
 
 // Writes "tzcf: " and `text` as one line on stderr.
 void Report(const std::string& text);
+// As Report, for the problems of one item among many (a file skipped, a
+// stream refused or damaged): the first kMaxItemReports are written, the
+// rest only counted, and FinishReports says how many went unwritten.
+constexpr unsigned kMaxItemReports = 20;
+void ReportItem(const std::string& text);
+// Writes the count of the item reports left out, if any; main calls it
+// once the command has ended.
+void FinishReports();
+
+// The system's own text for an errno value ("No such file or directory").
+std::string SystemText(int error);
+// ": No space left on device" (or the quota's text) when a write to the
+// file system holding `path` (a file or a folder) failed for want of room,
+// else empty. The library gives no errno: `error` is errno as the failure
+// left it (the system call's, when nothing reset it), and the room left is
+// compared with `wanted` bytes (at least 256 KiB).
+std::string SpaceText(const std::string& path, int error, std::uint64_t wanted = 0);
+// Why the compound file at `path` cannot be opened (for writing when
+// `writable`), in a few words with the system's text; tried after the
+// library's open failed.
+std::string WhyNotOpen(const std::string& path, bool writable);
 
 // A text quoted for a message, so that spaces and empty names show.
 std::string Quote(const std::string& text);
@@ -54,7 +79,10 @@ bool OpenFile(CompoundFile& file, const std::string& path, ZoStreamE::OpenMode m
 // Gives an encrypted file its password, read as Password.h describes; true
 // at once for a clear file. False after a report when no password can be
 // had or it is wrong.
-bool Unlock(CompoundFile& file, const std::string& path, const Options& options);
+// `password`, when not null, receives the password given (for a later
+// reopen); empty for a clear file.
+bool Unlock(CompoundFile& file, const std::string& path, const Options& options,
+            std::string* password = nullptr);
 
 // Blocks a stream of `size` bytes occupies: its chain always holds one
 // block more than the whole payloads it fills.

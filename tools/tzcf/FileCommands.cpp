@@ -1,10 +1,12 @@
 // check, info, compact, encrypt, decrypt, passwd: the commands on a
 // compound file as a whole.
 //
-// check never writes. info only reads, though it opens the file for
-// writing: the library measures reclaimable space only on a writable open,
-// and an open that changes nothing writes nothing back. compact refuses an
-// encrypted file, since the library's rewrite produces a clear one.
+// check and info never write: info takes the blocks in use from the
+// read-only check. compact refuses an encrypted file, since the library's
+// rewrite produces a clear one.
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
@@ -20,6 +22,7 @@
 #include "ConfinedFolder.h"
 #include "Password.h"
 #include "Progress.h"
+#include "Text.h"
 
 namespace fs = boost::filesystem;
 
@@ -113,21 +116,86 @@ void MakeWorkingFolders(const CompoundFileStreamSource& source) {
 // Closes a file the command wrote; false after a report when the library
 // could not write everything.
 bool CloseWritten(CompoundFile& file, const std::string& path) {
-  if (file.Close() == ZoStreamE::StatusOk) return true;
-  Report(path + ": could not be written completely");
+  errno = 0;
+  file.Flush();
+  const int error = errno;
+  const bool ok = file.GetStatus() == ZoStreamE::StatusOk;
+  if (file.Close() == ZoStreamE::StatusOk && ok) return true;
+  Report(path + ": could not be written completely" + SpaceText(path, error));
   return false;
+}
+
+std::uint64_t FileSize(const std::string& path) {
+  boost::system::error_code ec;
+  const std::uint64_t size = fs::file_size(path, ec);
+  return ec ? 0 : size;
+}
+
+}  // namespace
+
+namespace {
+
+// The check's report, or false after a report of why the file cannot be
+// checked (in the open's words, with the system's text).
+bool CheckedReport(const std::string& file, const Options& options, CheckReport* report) {
+  std::string password;
+  bool given = false;
+  if (!CheckPassword(options, &password, &given)) return false;
+  struct stat info;
+  if (::stat(file.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) {
+    Report(file + ": cannot open: " + WhyNotOpen(file, false));
+    return false;
+  }
+  *report = RunCheck(file, given ? &password : nullptr, options.quiet);
+  if (!report->opened) {
+    const std::string why = WhyNotOpen(file, false);
+    Report(file + ": cannot check: " + (why.rfind("damaged", 0) == 0 ? report->openError : why));
+    return false;
+  }
+  return true;
+}
+
+const char* SavedMapWord(CheckReport::SavedMapState state) {
+  switch (state) {
+    case CheckReport::kMapMissing: return "missing";
+    case CheckReport::kMapStale: return "stale";
+    case CheckReport::kMapCurrent: return "current";
+    case CheckReport::kMapUnread: return "unread";
+  }
+  return "unknown";
+}
+
+const char* PasswordWord(CheckReport::PasswordState state) {
+  switch (state) {
+    case CheckReport::kNotEncrypted: return "not encrypted";
+    case CheckReport::kNoPassword: return "not given";
+    case CheckReport::kPasswordWrong: return "wrong";
+    case CheckReport::kPasswordRight: return "right";
+  }
+  return "unknown";
 }
 
 }  // namespace
 
 Exit Check(const std::string& file, const Options& options) {
-  std::string password;
-  bool given = false;
-  if (!CheckPassword(options, &password, &given)) return kError;
-  const CheckReport report = RunCheck(file, given ? &password : nullptr, options.quiet);
-  if (!report.opened) {
-    Report(file + ": cannot check: " + report.openError);
-    return kError;
+  CheckReport report;
+  if (!CheckedReport(file, options, &report)) return kError;
+  if (options.json) {
+    std::cout << "{" << JsonName("file", file) << ", \"sound\": " << (report.Sound() ? "true" : "false")
+              << ", \"blocks\": " << report.blocks << ", \"directory_blocks\": " << report.directoryBlocks
+              << ", \"held_blocks\": " << report.heldBlocks << ", \"streams\": " << report.streams
+              << ", \"skipped_blocks\": " << report.skippedBlocks << ", \"saved_map\": \""
+              << SavedMapWord(report.savedMap) << "\", \"unfinished\": " << (report.unfinished ? "true" : "false")
+              << ", \"password\": \"" << PasswordWord(report.password) << "\", \"problem_count\": "
+              << report.problemCount << ", \"problems\": [";
+    const char* separator = "\n";
+    for (const CheckProblem& p : report.problems) {
+      std::cout << separator << "  {\"block\": " << p.block << ", " << JsonName("stream", p.stream) << ", "
+                << JsonName("text", p.text) << "}";
+      separator = ",\n";
+    }
+    std::cout << (report.problems.empty() ? "]}\n" : "\n]}\n");
+    return report.Sound() ? kOk : kProblem;
   }
   // The checker's texts name the block and the stream themselves.
   for (const CheckProblem& p : report.problems) std::cout << p.text << "\n";
@@ -151,63 +219,43 @@ Exit Check(const std::string& file, const Options& options) {
 }
 
 Exit Info(const std::string& file, const Options& options) {
-  std::string password;
-  bool given = false;
-  if (!CheckPassword(options, &password, &given)) return kError;
-  // The check runs first: it needs the file's lock, which the opens below
-  // hold.
-  const CheckReport report = RunCheck(file, given ? &password : nullptr, options.quiet);
-
-  CompoundFile reader;
-  if (!OpenFile(reader, file, ZoStreamE::OpenReadOnly, true)) return kError;
+  // One read-only pass gives it all: the check counts the blocks the
+  // chains hold (the directory's among them), and every other block of the
+  // file is what a compaction gives back.
+  CheckReport report;
+  if (!CheckedReport(file, options, &report)) return kError;
   std::uint64_t streams = 0;
-  unsigned long cursor = 0;
-  for (const DirEntry* e = reader.GetFirstDirEntry(&cursor); e != nullptr; e = reader.GetNextDirEntry(&cursor)) {
-    if (!IsFreeListName(e->name)) ++streams;
-  }
-  const bool encrypted = reader.IsEncrypted();
-  reader.Close();
-
-  // Blocks in use and reclaimable space come from a writable open through a
-  // working-folder source; a file that cannot be opened so leaves them
-  // unknown.
-  std::string used = "unknown (the file cannot be opened for writing)";
-  std::string reclaimable = used;
-  ScratchFolder scratch;
-  if (!scratch.path().empty()) {
-    const std::string work = CompoundFileStreamSource::GetTempFolderName(scratch.path().c_str(), file.c_str());
-    CompoundFileStreamSource source(file.c_str(), work.c_str());
-    try {
-      if (source.Open(CompoundFileStreamSource::NewDirectory, false) == CompoundFileStreamSource::NoError) {
-        CompoundFile joined;  // shares the source's open file
-        if (joined.Open(file.c_str(), ZoStreamE::OpenReadWrite) == ZoStreamE::StatusOk) {
-          used = std::to_string(joined.GetNumUsedBlocks());
-        }
-        joined.Close();
-        const unsigned long gain = source.GetUnUsedFileSpace();
-        reclaimable = std::to_string(gain) + " bytes (" + HumanBytes(gain) + ")";
-      }
-    } catch (const ZoStreamE::Status&) {
-    } catch (const fs::filesystem_error&) {
-    }
-    try {
-      source.Close(CompoundFileStreamSource::DiscardChanges, false);
-    } catch (const fs::filesystem_error&) {
+  {
+    CompoundFile reader;
+    if (!OpenFile(reader, file, ZoStreamE::OpenReadOnly, true)) return kError;
+    unsigned long cursor = 0;
+    for (const DirEntry* e = reader.GetFirstDirEntry(&cursor); e != nullptr; e = reader.GetNextDirEntry(&cursor)) {
+      if (!IsFreeListName(e->name)) ++streams;
     }
   }
-
-  boost::system::error_code ec;
-  const std::uint64_t length = fs::file_size(file, ec);
+  const bool encrypted = report.password != CheckReport::kNotEncrypted;
+  const std::uint64_t length = report.fileLength;
+  const std::uint64_t used = report.heldBlocks;
+  const std::uint64_t reclaimable = length > used * 1024 ? length - used * 1024 : 0;
+  if (options.json) {
+    std::cout << "{" << JsonName("file", file) << ", \"length\": " << length << ", \"blocks\": " << length / 1024
+              << ", \"blocks_in_use\": " << used << ", \"streams\": " << streams << ", \"saved_map\": \""
+              << SavedMapWord(report.savedMap) << "\", \"reclaimable\": " << reclaimable
+              << ", \"encrypted\": " << (encrypted ? "true" : "false") << ", \"sound\": "
+              << (report.Sound() ? "true" : "false") << "}\n";
+    return kOk;
+  }
   std::cout << "file:          " << file << "\n"
             << "length:        " << length << " bytes (" << HumanBytes(length) << ")\n"
             << "blocks:        " << length / 1024 << "\n"
             << "blocks in use: " << used << "\n"
             << "streams:       " << streams << "\n"
-            << "saved map:     "
-            << (report.opened ? std::string(SavedMapText(report.savedMap)) : "unknown (" + report.openError + ")")
-            << "\n"
-            << "reclaimable:   " << reclaimable << "\n"
+            << "saved map:     " << SavedMapText(report.savedMap) << "\n"
+            << "reclaimable:   " << reclaimable << " bytes (" << HumanBytes(reclaimable) << ")\n"
             << "encrypted:     " << (encrypted ? "yes" : "no") << "\n";
+  if (!report.Sound()) {
+    std::cout << "problems:      " << report.problemCount << " (tzcf check lists them)\n";
+  }
   return kOk;
 }
 
@@ -236,7 +284,7 @@ Exit Compact(const std::string& file, const Options& options) {
     } else {
       MakeWorkingFolders(source);
       const std::set<std::string> leftBefore = TemporaryFiles(file);
-      BusyLine busy("compacting", before, options.quiet);
+      BusyLine busy("compacting", before, options.quiet, before);
       try {
         source.CompactCompoundFile();
       } catch (const Exception& e) {
@@ -286,7 +334,12 @@ Exit Encrypt(const std::string& file, const Options& options) {
     Report(error);
     return kError;
   }
-  if (archive.Encrypt(password.c_str()) != ZoStreamE::StatusOk) {
+  ZoStreamE::Status result;
+  {
+    BusyLine busy("encrypting", FileSize(file), options.quiet, FileSize(file));
+    result = archive.Encrypt(password.c_str());
+  }
+  if (result != ZoStreamE::StatusOk) {
     Report(file + (archive.GetNumDirEntrys() == 0 ? ": has no stream to encrypt" : ": encryption failed"));
     archive.Close();
     return kError;
@@ -302,7 +355,12 @@ Exit Decrypt(const std::string& file, const Options& options) {
     return kError;
   }
   if (!Unlock(archive, file, options)) return kError;
-  if (archive.Decrypt() != ZoStreamE::StatusOk) {
+  ZoStreamE::Status result;
+  {
+    BusyLine busy("decrypting", FileSize(file), options.quiet, FileSize(file));
+    result = archive.Decrypt();
+  }
+  if (result != ZoStreamE::StatusOk) {
     Report(file + ": decryption failed");
     archive.Close();
     return kError;
@@ -324,7 +382,13 @@ Exit ChangePassword(const std::string& file, const Options& options) {
     Report(error);
     return kError;
   }
-  if (archive.Encrypt(password.c_str()) != ZoStreamE::StatusOk) {
+  ZoStreamE::Status result;
+  {
+    // Deciphering and enciphering again: two passes over the file.
+    BusyLine busy("changing the password", FileSize(file), options.quiet, 2 * FileSize(file));
+    result = archive.Encrypt(password.c_str());
+  }
+  if (result != ZoStreamE::StatusOk) {
     Report(file + ": the password could not be changed");
     archive.Close();
     return kError;

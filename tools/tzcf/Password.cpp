@@ -1,6 +1,7 @@
 #include "Password.h"
 
 #include <signal.h>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
+#include <system_error>
 
 namespace tzcf {
 
@@ -87,12 +89,20 @@ bool Prompt(const std::string& prompt, std::string* answer, std::string* error) 
 
 }  // namespace
 
-bool GetPassword(const std::string& file, const char* variable, const std::string& prompt,
-                 bool confirm, std::string* password, std::string* error) {
+namespace {
+
+bool GetAny(const std::string& file, const char* variable, const std::string& prompt, bool confirm,
+            std::string* password, std::string* error) {
   if (!file.empty()) {
-    std::ifstream in(file, std::ios::binary);
-    if (!in) {
-      *error = "cannot read the password file " + file;
+    // A folder opens as a stream that reads nothing, which would pass for
+    // an empty password.
+    struct stat info;
+    const bool folder = ::stat(file.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+    std::ifstream in;
+    if (!folder) in.open(file, std::ios::binary);
+    if (!in.is_open()) {
+      *error = "cannot read the password file " + file + ": " +
+               std::generic_category().message(folder ? EISDIR : errno);
       return false;
     }
     password->clear();
@@ -128,6 +138,18 @@ bool GetPassword(const std::string& file, const char* variable, const std::strin
       *error = "the two passwords differ";
       return false;
     }
+  }
+  return true;
+}
+
+}  // namespace
+
+bool GetPassword(const std::string& file, const char* variable, const std::string& prompt,
+                 bool isNew, std::string* password, std::string* error) {
+  if (!GetAny(file, variable, prompt, isNew, password, error)) return false;
+  if (isNew && password->empty()) {
+    *error = "an empty password is refused";
+    return false;
   }
   return true;
 }

@@ -19,11 +19,12 @@ constexpr char kPasswordVariable[] = "TZCF_PASSWORD";
 constexpr char kNewPasswordVariable[] = "TZCF_NEW_PASSWORD";
 
 // Fills `password` from `file` (when not empty), else from the variable
-// `variable` (when set), else from the terminal after `prompt`; with
-// `confirm` the terminal is asked twice and both answers must agree. False
-// with a one-line reason in `error` when there is no password to be had.
+// `variable` (when set), else from the terminal after `prompt`. With
+// `isNew` (a password about to be set) the terminal is asked twice and both
+// answers must agree, and an empty password is refused. False with a
+// one-line reason in `error` when there is no password to be had.
 bool GetPassword(const std::string& file, const char* variable, const std::string& prompt,
-                 bool confirm, std::string* password, std::string* error);
+                 bool isNew, std::string* password, std::string* error);
 
 }  // namespace tzcf
 

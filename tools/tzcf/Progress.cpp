@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <fstream>
 
 namespace tzcf {
 
@@ -34,6 +35,21 @@ std::string ClockText(double seconds) {
     (void)std::snprintf(text, sizeof text, "%ld:%02ld", s / 60, s % 60);
   }
   return text;
+}
+
+// The bytes this process has handed to write calls so far, from
+// /proc/self/io; false where the system does not tell.
+bool BytesWritten(std::uint64_t* bytes) {
+  std::ifstream io("/proc/self/io");
+  std::string key;
+  std::uint64_t value = 0;
+  while (io >> key >> value) {
+    if (key == "wchar:") {
+      *bytes = value;
+      return true;
+    }
+  }
+  return false;
 }
 
 }  // namespace
@@ -85,8 +101,8 @@ void Progress::Done() {
   enabled_ = false;
 }
 
-BusyLine::BusyLine(const std::string& label, std::uint64_t total, bool quiet) {
-  if (ShowOnStderr(quiet)) thread_ = std::thread(&BusyLine::Run, this, label + " " + HumanBytes(total));
+BusyLine::BusyLine(const std::string& label, std::uint64_t total, bool quiet, std::uint64_t writes) {
+  if (ShowOnStderr(quiet)) thread_ = std::thread(&BusyLine::Run, this, label, total, writes);
 }
 
 BusyLine::~BusyLine() {
@@ -99,9 +115,21 @@ BusyLine::~BusyLine() {
   thread_.join();
 }
 
-void BusyLine::Run(const std::string& text) {
+void BusyLine::Run(const std::string& label, std::uint64_t total, std::uint64_t writes) {
   const auto start = std::chrono::steady_clock::now();
   std::unique_lock<std::mutex> hold(mutex_);
+  std::uint64_t last = 0;
+  if (writes > 0 && BytesWritten(&last)) {
+    Progress bar(label, writes, false);
+    while (!wake_.wait_for(hold, kRedraw, [this] { return stop_; })) {
+      std::uint64_t now = 0;
+      if (!BytesWritten(&now)) break;
+      bar.Add(now - last);
+      last = now;
+    }
+    return;  // the bar wipes its line
+  }
+  const std::string text = label + " " + HumanBytes(total);
   bool drawn = false;
   if (!wake_.wait_for(hold, kFirstDraw, [this] { return stop_; })) {
     do {

@@ -47,16 +47,19 @@ class Progress {
 };
 
 // For work that gives no account of itself while it runs (a compaction, a
-// check): a thread shows the size of the job and the time spent on it.
+// check, a cipher pass): a thread shows the size of the job and the time
+// spent on it. When the work is known to write about `writes` bytes, the
+// thread draws a Progress bar instead, from the bytes this process has
+// written so far (wchar of /proc/self/io), where the system tells them.
 class BusyLine {
  public:
-  BusyLine(const std::string& label, std::uint64_t total, bool quiet);
+  BusyLine(const std::string& label, std::uint64_t total, bool quiet, std::uint64_t writes = 0);
   ~BusyLine();  // stops the thread and wipes the line
   BusyLine(const BusyLine&) = delete;
   BusyLine& operator=(const BusyLine&) = delete;
 
  private:
-  void Run(const std::string& text);
+  void Run(const std::string& label, std::uint64_t total, std::uint64_t writes);
   std::mutex mutex_;
   std::condition_variable wake_;
   bool stop_ = false;

@@ -1,25 +1,35 @@
-// pack, unpack, ls, cat, put, rm: the commands that move streams in and out.
+// pack, add, unpack, ls, cat, put, rm: the commands that move streams in
+// and out.
 //
 // Every copy goes through a fixed buffer, so no stream size, true or claimed
 // by a damaged file, makes the tool allocate more. The saved block map's
-// stream is neither listed, unpacked, written nor deleted.
+// stream is neither listed, unpacked, written nor deleted. pack, add and put
+// work on a new file beside the compound file (NewFile.h), so that a failure
+// or an interruption never costs what the file held.
+#include <fnmatch.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <iostream>
 #include <map>
 #include <memory>
+#include <set>
 #include <vector>
 
 #include <boost/filesystem.hpp>
 
 #include "Commands.h"
 #include "ConfinedFolder.h"
+#include "NewFile.h"
+#include "Password.h"
 #include "Progress.h"
+#include "Text.h"
 
 namespace fs = boost::filesystem;
 
@@ -57,6 +67,39 @@ std::vector<Listed> ListStreams(const CompoundFile& file) {
   return streams;
 }
 
+bool Matches(const std::string& pattern, const std::string& name) {
+  if (SameName(pattern, name) || ::fnmatch(pattern.c_str(), name.c_str(), FNM_CASEFOLD) == 0) return true;
+  // A folder: every stream below it.
+  const std::string folder = FoldCase(pattern) + (pattern.empty() || pattern.back() != '/' ? "/" : "");
+  return FoldCase(name).compare(0, folder.size(), folder) == 0;
+}
+
+// The streams `patterns` select (all for none). A pattern that matches
+// nothing is reported and makes `exit` 1.
+std::vector<Listed> Select(const std::vector<Listed>& streams, const std::vector<std::string>& patterns,
+                           const std::string& file, Exit* exit) {
+  if (patterns.empty()) return streams;
+  std::vector<Listed> chosen;
+  std::vector<bool> used(patterns.size(), false);
+  for (const Listed& s : streams) {
+    bool any = false;
+    for (std::size_t i = 0; i < patterns.size(); ++i) {
+      if (Matches(patterns[i], s.name)) {
+        any = true;
+        used[i] = true;
+      }
+    }
+    if (any) chosen.push_back(s);
+  }
+  for (std::size_t i = 0; i < patterns.size(); ++i) {
+    if (!used[i]) {
+      ReportItem(file + ": no stream matches " + Quote(patterns[i]));
+      *exit = Worse(*exit, kProblem);
+    }
+  }
+  return chosen;
+}
+
 // Copies the rest of `in` to `out` through one buffer; false when a read
 // fails (badbit, which is how a stream reports damage) or `out` refuses.
 // `write` returns false when it could not take the bytes.
@@ -73,16 +116,20 @@ bool CopyOut(std::istream& in, Progress* progress, Write write) {
   }
 }
 
-bool WriteFd(int fd, const char* data, std::size_t size) {
+// Writes all of `data`; 0 when done, else the errno of the failure.
+int WriteFd(int fd, const char* data, std::size_t size) {
   while (size > 0) {
     const ssize_t n = ::write(fd, data, size);
     if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
+    if (n < 0) return errno;
+    if (n == 0) return EIO;
     data += n;
     size -= static_cast<std::size_t>(n);
   }
-  return true;
+  return 0;
 }
+
+bool DiskFull(int error) { return error == ENOSPC || error == EDQUOT; }
 
 // Why `name` cannot be a stream the user writes; empty when it can.
 std::string StreamNameProblem(const std::string& name) {
@@ -92,79 +139,65 @@ std::string StreamNameProblem(const std::string& name) {
   return std::string();
 }
 
-// A regular file found under the folder being packed.
+// A regular file found on the command line or below a folder being packed.
 struct Found {
-  std::string name;  // relative path, '/'-separated
+  std::string name;  // the stream's name, '/'-separated
   fs::path path;
   std::uint64_t size;
 };
 
-// Collects the regular files below `dir`, not following links. What is
-// neither a folder nor a regular file is reported and makes `exit` 1; a
-// folder that cannot be read makes it 2.
-void Walk(const fs::path& dir, const std::string& prefix, std::vector<Found>* found, Exit* exit) {
+// Collects the regular files below `dir`; symbolic links are followed only
+// with `follow`. What is neither a folder nor a regular file is reported and
+// makes `exit` 1; a folder that cannot be read makes it 2.
+void Walk(const fs::path& dir, const std::string& prefix, bool follow, std::vector<Found>* found, Exit* exit) {
   boost::system::error_code ec;
   fs::directory_iterator it(dir, ec), end;
   if (ec) {
-    Report(dir.string() + ": " + ec.message());
+    ReportItem(dir.string() + ": " + ec.message());
     *exit = Worse(*exit, kError);
     return;
   }
   for (; it != end; it.increment(ec)) {
     if (ec) {
-      Report(dir.string() + ": " + ec.message());
+      ReportItem(dir.string() + ": " + ec.message());
       *exit = Worse(*exit, kError);
       return;
     }
     const fs::path path = it->path();
     const std::string name = prefix + path.filename().string();
-    const fs::file_status status = fs::symlink_status(path, ec);
+    const fs::file_status link = fs::symlink_status(path, ec);
+    const fs::file_status status = follow && fs::is_symlink(link) ? fs::status(path, ec) : link;
     if (fs::is_directory(status)) {
-      Walk(path, name + "/", found, exit);
+      if (fs::is_symlink(link) && follow && fs::equivalent(path, dir, ec)) continue;  // a link to itself
+      Walk(path, name + "/", follow, found, exit);
     } else if (fs::is_regular_file(status)) {
       const std::uint64_t size = fs::file_size(path, ec);
       if (ec) {
-        Report(path.string() + ": " + ec.message());
+        ReportItem(path.string() + ": " + ec.message());
         *exit = Worse(*exit, kError);
         continue;
       }
       found->push_back({name, path, size});
     } else {
-      Report("skipped " + Quote(name) + ": not a regular file");
+      ReportItem("skipped " + Quote(name) + ": " +
+                 (fs::is_symlink(link) ? (follow ? "a symbolic link that leads nowhere"
+                                                 : "a symbolic link (--dereference follows it)")
+                                       : "not a regular file"));
       *exit = Worse(*exit, kProblem);
     }
   }
 }
 
-}  // namespace
-
-Exit Pack(const std::string& folder, const std::string& file, bool force, const Options& options) {
-  boost::system::error_code ec;
-  if (!fs::is_directory(folder, ec)) {
-    Report(folder + ": not a folder");
-    return kError;
-  }
-  if (fs::exists(fs::symlink_status(file, ec))) {
-    if (!force) {
-      Report(file + ": exists (--force replaces it)");
-      return kError;
-    }
-    if (!fs::remove(file, ec)) {
-      Report(file + ": cannot remove: " + ec.message());
-      return kError;
-    }
-  }
-
-  // The walk ends before the compound file exists, so it never packs itself.
-  std::vector<Found> found;
-  Exit exit = kOk;
-  Walk(folder, "", &found, &exit);
-  std::sort(found.begin(), found.end(), [](const Found& a, const Found& b) { return a.name < b.name; });
-
+// Drops from `found` what cannot be stored faithfully, reporting each: too
+// long, too large, or the same name apart from case as another (`stored`
+// holds the names already in the file, by folded name). Returns the bytes
+// left to store.
+std::uint64_t Screen(std::vector<Found>* found, const std::map<std::string, std::string>& stored, Exit* exit) {
+  std::sort(found->begin(), found->end(), [](const Found& a, const Found& b) { return a.name < b.name; });
   std::vector<Found> accepted;
   std::map<std::string, std::string> byFoldedName;
   std::uint64_t total = 0;
-  for (const Found& f : found) {
+  for (const Found& f : *found) {
     std::string problem = StreamNameProblem(f.name);
     if (problem.empty() && f.size > kMaxStreamSize) problem = "larger than 4 GiB - 1 byte";
     if (problem.empty()) {
@@ -173,155 +206,304 @@ Exit Pack(const std::string& folder, const std::string& file, bool force, const 
       if (!first.second) problem = "same name as " + Quote(first.first->second) + " apart from case";
     }
     if (!problem.empty()) {
-      Report("skipped " + Quote(f.name) + ": " + problem);
-      exit = Worse(exit, kProblem);
+      ReportItem("skipped " + Quote(f.name) + ": " + problem);
+      *exit = Worse(*exit, kProblem);
       continue;
+    }
+    const auto old = stored.find(FoldCase(f.name));
+    if (old != stored.end()) {
+      ReportItem("replacing " + Quote(old->second) +
+                 (old->second == f.name ? std::string() : " with " + Quote(f.name) + " (same name apart from case)"));
     }
     accepted.push_back(f);
     total += f.size;
   }
+  found->swap(accepted);
+  return total;
+}
 
-  CompoundFile archive;
-  if (!OpenFile(archive, file, ZoStreamE::OpenReadWrite, false)) return kError;
-  Progress progress("packing", total, options.quiet);
-  for (const Found& f : accepted) {
+// Stores each of `found` as a stream of `archive` (the file `path`, which
+// becomes `target`). False
+// after a report when the compound file cannot take more (the caller then
+// gives the whole file up); files that cannot be read are reported and
+// make `exit` 2.
+bool Store(CompoundFile& archive, const std::string& path, const std::string& target,
+           const std::vector<Found>& found, Progress* progress, Exit* exit) {
+  for (const Found& f : found) {
     std::ifstream in(f.path.string(), std::ios::binary);
     if (!in) {
-      Report(f.path.string() + ": cannot read");
-      exit = Worse(exit, kError);
+      progress->Clear();
+      ReportItem(f.path.string() + ": cannot read: " + SystemText(errno));
+      *exit = Worse(*exit, kError);
       continue;
     }
+    errno = 0;
     std::unique_ptr<std::iostream> out(archive.GetIOStream(f.name.c_str(), "wb"));
     bool written = out != nullptr;
     bool readFailed = false;
     if (written) {
-      readFailed = !CopyOut(in, &progress, [&](const char* data, std::size_t size) {
+      readFailed = !CopyOut(in, progress, [&](const char* data, std::size_t size) {
         out->write(data, static_cast<std::streamsize>(size));
         return static_cast<bool>(*out);
       });
       written = static_cast<bool>(out->flush());
       out.reset();
     }
-    if (!written) {
-      progress.Clear();
-      Report(file + ": cannot write stream " + Quote(f.name));
-      archive.Close();
-      return kError;
+    if (!written || archive.GetStatus() != ZoStreamE::StatusOk) {
+      const int error = errno;
+      progress->Clear();
+      Report(target + ": cannot write stream " + Quote(f.name) + SpaceText(path, error, f.size) +
+             "; left as it was");
+      return false;
     }
     if (readFailed) {
-      Report(f.path.string() + ": read failed; its stream is left out");
+      progress->Clear();
+      ReportItem(f.path.string() + ": read failed; its stream is left out");
       archive.DeleteCFFile(f.name.c_str());
-      exit = Worse(exit, kError);
+      *exit = Worse(*exit, kError);
     }
   }
+  return true;
+}
+
+// Writes the directory of `archive`, the new file at `path`, and closes it;
+// false after a report when any of it failed.
+bool Finish(CompoundFile& archive, const std::string& path, const std::string& target) {
+  errno = 0;
+  archive.Flush();
+  const int error = errno;
+  const bool ok = archive.GetStatus() == ZoStreamE::StatusOk;
+  const std::string full = ok ? std::string() : SpaceText(path, error);
+  archive.Close();
+  if (!ok) Report(target + ": could not be written completely" + full + "; left as it was");
+  return ok;
+}
+
+// The stream names of `archive` by folded name.
+std::map<std::string, std::string> StoredNames(const CompoundFile& archive) {
+  std::map<std::string, std::string> names;
+  for (const Listed& s : ListStreams(archive)) names.emplace(FoldCase(s.name), s.name);
+  return names;
+}
+
+// The password of `file` when it is encrypted (asked once, checked on a
+// read-only open); empty for a clear or missing file. False after a report.
+bool PasswordOf(const std::string& file, const Options& options, std::string* password) {
+  password->clear();
+  struct stat info;
+  if (::stat(file.c_str(), &info) != 0) return true;
+  CompoundFile reader;
+  if (!OpenFile(reader, file, ZoStreamE::OpenReadOnly, true)) return false;
+  return Unlock(reader, file, options, password);
+}
+
+// Opens the new file `work` for writing, with the password when the file is
+// encrypted.
+bool OpenWork(CompoundFile& archive, const std::string& work, const std::string& password) {
+  if (!OpenFile(archive, work, ZoStreamE::OpenReadWrite, false)) return false;
+  if (archive.IsEncrypted() && !archive.SetPassword(password.c_str())) {
+    Report(work + ": wrong password");
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+Exit Pack(const std::string& folder, const std::string& file, bool force, const Options& options) {
+  struct stat info;
+  if (::stat(folder.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
+    Report(folder + ": cannot pack: " + SystemText(::stat(folder.c_str(), &info) != 0 ? errno : ENOTDIR));
+    return kError;
+  }
+  if (::lstat(file.c_str(), &info) == 0) {
+    if (!force || S_ISDIR(info.st_mode)) {
+      Report(file + (S_ISDIR(info.st_mode) ? ": " + SystemText(EISDIR) : ": exists (--force replaces it)"));
+      return kError;
+    }
+  }
+  // The walk ends before the compound file exists, so it never packs itself.
+  std::vector<Found> found;
+  Exit exit = kOk;
+  Walk(folder, "", options.dereference, &found, &exit);
+  const std::uint64_t total = Screen(&found, {}, &exit);
+
+  NewFile work;
+  std::string error;
+  if (!work.Begin(file, false, &error)) {
+    Report(error);
+    return kError;
+  }
+  CompoundFile archive;
+  if (!OpenFile(archive, work.path(), ZoStreamE::OpenReadWrite, false)) return kError;
+  Progress progress("packing", total, options.quiet);
+  if (!Store(archive, work.path(), file, found, &progress, &exit) || !Finish(archive, work.path(), file)) return kError;
   progress.Done();
-  if (archive.Close() != ZoStreamE::StatusOk) {
-    Report(file + ": could not be written completely");
+  if (!work.Commit(&error)) {
+    Report(error);
     return kError;
   }
   return exit;
 }
 
-Exit Unpack(const std::string& file, const std::string& folder, const Options& options) {
+Exit Add(const std::string& file, const std::vector<std::string>& paths, const Options& options) {
+  std::string password;
+  if (!PasswordOf(file, options, &password)) return kError;
+  struct stat info;
+  if (::stat(file.c_str(), &info) != 0) {
+    Report(file + ": cannot open: " + SystemText(errno) + " (pack makes a new file)");
+    return kError;
+  }
+  std::vector<Found> found;
+  Exit exit = kOk;
+  for (const std::string& given : paths) {
+    // The name is the path as given, made relative: no leading '/' or
+    // "./", no "." or ".." component.
+    std::string name = fs::path(given).lexically_normal().generic_string();
+    while (!name.empty() && name[0] == '/') name.erase(0, 1);
+    while (name.size() > 1 && name.back() == '/') name.pop_back();
+    if (name == "." || name.empty()) name.clear();
+    if (name == ".." || name.rfind("../", 0) == 0) {
+      ReportItem("skipped " + Quote(given) + ": leads out of the current folder");
+      exit = Worse(exit, kProblem);
+      continue;
+    }
+    const int got = options.dereference ? ::stat(given.c_str(), &info) : ::lstat(given.c_str(), &info);
+    if (got != 0) {
+      ReportItem(given + ": " + SystemText(errno));
+      exit = Worse(exit, kError);
+    } else if (S_ISDIR(info.st_mode)) {
+      Walk(given, name.empty() ? "" : name + "/", options.dereference, &found, &exit);
+    } else if (S_ISREG(info.st_mode)) {
+      found.push_back({name, given, static_cast<std::uint64_t>(info.st_size)});
+    } else {
+      ReportItem("skipped " + Quote(given) + ": " +
+                 (S_ISLNK(info.st_mode) ? "a symbolic link (--dereference follows it)" : "not a regular file"));
+      exit = Worse(exit, kProblem);
+    }
+  }
+
+  NewFile work;
+  std::string error;
+  if (!work.Begin(file, true, &error)) {
+    Report(error);
+    return kError;
+  }
+  CompoundFile archive;
+  if (!OpenWork(archive, work.path(), password)) return kError;
+  const std::uint64_t total = Screen(&found, StoredNames(archive), &exit);
+  Progress progress("adding", total, options.quiet);
+  if (!Store(archive, work.path(), file, found, &progress, &exit) || !Finish(archive, work.path(), file)) return kError;
+  progress.Done();
+  if (!work.Commit(&error)) {
+    Report(error);
+    return kError;
+  }
+  return exit;
+}
+
+Exit Unpack(const std::string& file, const std::string& folder, const std::vector<std::string>& patterns,
+            const Options& options) {
   CompoundFile archive;
   if (!OpenFile(archive, file, ZoStreamE::OpenReadOnly, true)) return kError;
-  if (!Unlock(archive, file, options)) return kError;
+  std::string password;
+  if (!Unlock(archive, file, options, &password)) return kError;
   ConfinedFolder target;
   std::string error;
   if (!target.Open(folder, &error)) {
     Report(error);
     return kError;
   }
-  const std::vector<Listed> streams = ListStreams(archive);
+  Exit exit = kOk;
+  const std::vector<Listed> streams = Select(ListStreams(archive), patterns, file, &exit);
   std::uint64_t total = 0;
   for (const Listed& s : streams) total += s.size;
 
   Progress progress("unpacking", total, options.quiet);
-  Exit exit = kOk;
   for (const Listed& s : streams) {
     const std::string problem = ConfinedFolder::NameProblem(s.name);
     if (!problem.empty()) {
       progress.Clear();
-      Report("refused " + Quote(s.name) + ": " + problem);
+      ReportItem("refused " + Quote(s.name) + ": " + problem);
       exit = Worse(exit, kProblem);
-      continue;
-    }
-    std::unique_ptr<std::iostream> in(archive.GetIOStream(s.name.c_str(), "rb"));
-    if (!in) {
-      progress.Clear();
-      Report(file + ": cannot read stream " + Quote(s.name));
-      exit = Worse(exit, kError);
       continue;
     }
     bool refused = false;
     const int fd = target.Create(s.name, &error, &refused);
     if (fd < 0) {
       progress.Clear();
-      Report((refused ? "refused " : "cannot write ") + Quote(s.name) + ": " + error);
+      if (error == SystemText(ENOSPC) || error == SystemText(EDQUOT)) {
+        Report(folder + "/" + s.name + ": " + error + "; unpack stopped");
+        return kError;
+      }
+      ReportItem((refused ? "refused " : "cannot write ") + Quote(s.name) + ": " + error);
       exit = Worse(exit, refused ? kProblem : kError);
       continue;
     }
-    bool writeFailed = false;
-    const bool copied = CopyOut(*in, &progress, [&](const char* data, std::size_t size) {
-      writeFailed = !WriteFd(fd, data, size);
-      return !writeFailed;
+    int writeError = 0;
+    std::unique_ptr<std::iostream> in(archive.GetIOStream(s.name.c_str(), "rb"));
+    const bool copied = in != nullptr && CopyOut(*in, &progress, [&](const char* data, std::size_t size) {
+      writeError = WriteFd(fd, data, size);
+      return writeError == 0;
     });
-    const bool closed = ::close(fd) == 0;
-    if (!copied || !closed) {
-      target.Remove(s.name);
-      progress.Clear();
-      Report(writeFailed || !closed ? folder + ": cannot write " + Quote(s.name)
-                                    : file + ": stream " + Quote(s.name) + " is damaged; not unpacked");
+    in.reset();
+    if (::close(fd) != 0 && writeError == 0) writeError = errno == 0 ? EIO : errno;
+    if (copied && writeError == 0) continue;
+    target.Remove(s.name);
+    progress.Clear();
+    if (writeError != 0) {
+      if (DiskFull(writeError)) {
+        Report(folder + "/" + s.name + ": " + SystemText(writeError) + "; unpack stopped");
+        return kError;
+      }
+      ReportItem(folder + "/" + s.name + ": " + SystemText(writeError));
       exit = Worse(exit, kError);
+      continue;
+    }
+    // A damaged stream stops all block traffic of the open file; the next
+    // stream reads on a fresh open.
+    ReportItem(file + ": stream " + Quote(s.name) + " is damaged; not unpacked");
+    exit = Worse(exit, kProblem);
+    archive.Close();
+    if (!OpenFile(archive, file, ZoStreamE::OpenReadOnly, true)) return kError;
+    if (!password.empty() && !archive.SetPassword(password.c_str())) {
+      Report(file + ": wrong password");
+      return kError;
     }
   }
   return exit;
 }
 
-namespace {
-
-std::string Json(const std::string& text) {
-  std::string out = "\"";
-  for (const char c : text) {
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += c;
-    } else if (static_cast<unsigned char>(c) < 0x20) {
-      char escape[8];  // six characters and the zero: snprintf cannot fail or cut
-      (void)std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(c));
-      out += escape;
-    } else {
-      out += c;
-    }
-  }
-  return out + "\"";
-}
-
-}  // namespace
-
-Exit List(const std::string& file, bool details, bool json) {
+Exit List(const std::string& file, const std::vector<std::string>& patterns, const Options& options) {
   CompoundFile archive;
   if (!OpenFile(archive, file, ZoStreamE::OpenReadOnly, true)) return kError;
-  const std::vector<Listed> streams = ListStreams(archive);
-  if (json) {
+  Exit exit = kOk;
+  const std::vector<Listed> streams = Select(ListStreams(archive), patterns, file, &exit);
+  if (options.json) {
     std::cout << "[";
     const char* separator = "\n";
     for (const Listed& s : streams) {
-      std::cout << separator << "  {\"name\": " << Json(s.name) << ", \"size\": " << s.size
-                << ", \"blocks\": " << ChainBlocks(s.size) << ", \"created\": " << Json(s.created)
-                << ", \"modified\": " << Json(s.modified) << "}";
+      std::cout << separator << "  {" << JsonName("name", s.name) << ", \"size\": " << s.size
+                << ", \"blocks\": " << ChainBlocks(s.size) << ", \"created\": " << JsonString(s.created)
+                << ", \"created_iso\": " << JsonIsoTime(s.created) << ", \"modified\": " << JsonString(s.modified)
+                << ", \"modified_iso\": " << JsonIsoTime(s.modified) << "}";
       separator = ",\n";
     }
     std::cout << (streams.empty() ? "]\n" : "\n]\n");
   } else {
+    const bool terminal = ::isatty(STDOUT_FILENO) == 1;
+    if (options.details && terminal) {
+      std::cout << "      SIZE  BLOCKS  CREATED                   MODIFIED                  NAME\n";
+    }
     for (const Listed& s : streams) {
-      if (details) {
+      if (options.details) {
         char columns[64];  // two numbers of at most 20 digits: snprintf cannot fail or cut
-        (void)std::snprintf(columns, sizeof columns, "%10lu %7lu  ", static_cast<unsigned long>(s.size),
-                      static_cast<unsigned long>(ChainBlocks(s.size)));
+        const std::string size = options.human ? HumanBytes(s.size) : std::to_string(s.size);
+        (void)std::snprintf(columns, sizeof columns, "%10s %7lu  ", size.c_str(),
+                            static_cast<unsigned long>(ChainBlocks(s.size)));
         std::cout << columns << s.created << "  " << s.modified << "  ";
       }
-      std::cout << s.name << "\n";
+      std::cout << (options.details || terminal ? ShowName(s.name) : s.name) << "\n";
     }
   }
   std::cout.flush();
@@ -329,27 +511,31 @@ Exit List(const std::string& file, bool details, bool json) {
     Report("cannot write the listing");
     return kError;
   }
-  return kOk;
+  return exit;
 }
 
-Exit Cat(const std::string& file, const std::string& name, const Options& options) {
+Exit Cat(const std::string& file, const std::vector<std::string>& names, const Options& options) {
   CompoundFile archive;
   if (!OpenFile(archive, file, ZoStreamE::OpenReadOnly, true)) return kError;
-  if (!archive.Exists(name.c_str())) {
-    Report(file + ": no stream " + Quote(name));
-    return kError;
+  for (const std::string& name : names) {
+    if (!archive.Exists(name.c_str())) {
+      Report(file + ": no stream " + Quote(name));
+      return kError;
+    }
   }
   if (!Unlock(archive, file, options)) return kError;
-  std::unique_ptr<std::iostream> in(archive.GetIOStream(name.c_str(), "rb"));
-  bool writeFailed = false;
-  const bool copied = in != nullptr && CopyOut(*in, nullptr, [&](const char* data, std::size_t size) {
-    writeFailed = !WriteFd(STDOUT_FILENO, data, size);
-    return !writeFailed;
-  });
-  if (!copied) {
-    Report(writeFailed ? std::string("cannot write to standard output")
-                       : file + ": stream " + Quote(name) + " cannot be read; it may be damaged");
-    return kError;
+  for (const std::string& name : names) {
+    std::unique_ptr<std::iostream> in(archive.GetIOStream(name.c_str(), "rb"));
+    int writeError = 0;
+    const bool copied = in != nullptr && CopyOut(*in, nullptr, [&](const char* data, std::size_t size) {
+      writeError = WriteFd(STDOUT_FILENO, data, size);
+      return writeError == 0;
+    });
+    if (!copied) {
+      Report(writeError != 0 ? "cannot write to standard output: " + SystemText(writeError)
+                             : file + ": stream " + Quote(name) + " cannot be read; it may be damaged");
+      return kError;
+    }
   }
   return kOk;
 }
@@ -360,19 +546,35 @@ Exit Put(const std::string& file, const std::string& name, const std::string& so
     Report(Quote(name) + ": " + problem);
     return kError;
   }
+  // The source first: nothing is touched for one that cannot be read.
   std::ifstream sourceFile;
   std::istream* in = &std::cin;
   if (!source.empty() && source != "-") {
+    struct stat info;
+    if (::stat(source.c_str(), &info) != 0 || S_ISDIR(info.st_mode)) {
+      Report(source + ": cannot read: " + SystemText(::stat(source.c_str(), &info) != 0 ? errno : EISDIR) +
+             "; " + file + " left as it was");
+      return kError;
+    }
     sourceFile.open(source, std::ios::binary);
     if (!sourceFile) {
-      Report(source + ": cannot read");
+      Report(source + ": cannot read: " + SystemText(errno));
       return kError;
     }
     in = &sourceFile;
   }
+  std::string password;
+  if (!PasswordOf(file, options, &password)) return kError;
+  struct stat info;
+  const bool exists = ::stat(file.c_str(), &info) == 0;
+  NewFile work;
+  std::string error;
+  if (!work.Begin(file, exists, &error)) {
+    Report(error);
+    return kError;
+  }
   CompoundFile archive;
-  if (!OpenFile(archive, file, ZoStreamE::OpenReadWrite, false)) return kError;
-  if (!Unlock(archive, file, options)) return kError;
+  if (!OpenWork(archive, work.path(), password)) return kError;
   std::unique_ptr<std::iostream> out(archive.GetIOStream(name.c_str(), "wb"));
   if (!out) {
     Report(file + ": cannot create stream " + Quote(name));
@@ -380,51 +582,81 @@ Exit Put(const std::string& file, const std::string& name, const std::string& so
   }
   std::uint64_t total = 0;
   bool tooLarge = false;
+  int writeError = 0;
   const bool copied = CopyOut(*in, nullptr, [&](const char* data, std::size_t size) {
     total += size;
     if (total > kMaxStreamSize) {
       tooLarge = true;
       return false;
     }
+    errno = 0;
     out->write(data, static_cast<std::streamsize>(size));
+    writeError = errno;
     return static_cast<bool>(*out);
   });
+  errno = 0;
   const bool flushed = copied && static_cast<bool>(out->flush());
+  if (copied && !flushed) writeError = errno;
   out.reset();
   if (!flushed) {
-    // The stream was replaced when it was opened: what it holds now is
-    // partial, so it goes rather than pass for the whole input.
-    archive.DeleteCFFile(name.c_str());
     archive.Close();
-    Report(tooLarge ? Quote(name) + ": input larger than 4 GiB - 1 byte; stream removed"
-                    : file + ": cannot write stream " + Quote(name) + "; stream removed");
+    if (tooLarge) {
+      Report(Quote(name) + ": input larger than 4 GiB - 1 byte; " + file + " left as it was");
+    } else if (in->bad()) {
+      Report((source.empty() || source == "-" ? std::string("standard input") : source) +
+             ": read failed; " + file + " left as it was");
+    } else {
+      Report(file + ": cannot write stream " + Quote(name) + SpaceText(work.path(), writeError) + "; left as it was");
+    }
     return kError;
   }
-  if (archive.Close() != ZoStreamE::StatusOk) {
-    Report(file + ": could not be written completely");
+  if (!Finish(archive, work.path(), file)) return kError;
+  if (!work.Commit(&error)) {
+    Report(error);
     return kError;
   }
   return kOk;
 }
 
-Exit Remove(const std::string& file, const std::vector<std::string>& names) {
+Exit Remove(const std::string& file, const std::vector<std::string>& patterns, const Options& options) {
   CompoundFile archive;
   if (!OpenFile(archive, file, ZoStreamE::OpenReadWrite, true)) return kError;
+  if (!Unlock(archive, file, options)) return kError;
   Exit exit = kOk;
-  for (const std::string& name : names) {
-    if (IsFreeListName(name)) {
-      Report(Quote(name) + ": the saved block map is kept by the library; not removed");
+  std::vector<std::string> names;
+  const std::vector<Listed> streams = ListStreams(archive);
+  for (const std::string& pattern : patterns) {
+    if (IsFreeListName(pattern)) {
+      Report(Quote(pattern) + ": the saved block map is kept by the library; not removed");
       exit = Worse(exit, kError);
-    } else if (!archive.Exists(name.c_str())) {
-      Report(file + ": no stream " + Quote(name));
+      continue;
+    }
+    std::size_t matched = 0;
+    for (const Listed& s : streams) {
+      if (Matches(pattern, s.name)) {
+        names.push_back(s.name);
+        ++matched;
+      }
+    }
+    if (matched == 0) {
+      ReportItem(file + ": no stream " + Quote(pattern));
       exit = Worse(exit, kProblem);
-    } else if (!archive.DeleteCFFile(name.c_str())) {
-      Report(file + ": cannot remove " + Quote(name));
+    }
+  }
+  std::set<std::string> removed;
+  for (const std::string& name : names) {
+    if (!removed.insert(name).second) continue;
+    if (!archive.DeleteCFFile(name.c_str())) {
+      ReportItem(file + ": cannot remove " + Quote(name));
       exit = Worse(exit, kError);
     }
   }
-  if (archive.Close() != ZoStreamE::StatusOk) {
-    Report(file + ": could not be written completely");
+  errno = 0;
+  archive.Flush();
+  const int error = errno;
+  const bool ok = archive.GetStatus() == ZoStreamE::StatusOk;
+  if (archive.Close() != ZoStreamE::StatusOk || !ok) {
+    Report(file + ": could not be written completely" + SpaceText(file, error));
     return kError;
   }
   return exit;

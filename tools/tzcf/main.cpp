@@ -21,54 +21,76 @@ constexpr char kFooter[] =
     "Exit status: 0 done; 1 problems found, names refused or skipped; 2 usage or I/O error.\n"
     "Passwords come from --password-file, TZCF_PASSWORD, or a prompt on the terminal.";
 
+constexpr char kDropped[] =
+    "A compound file keeps bytes and names only: file modes, owners and times, empty folders and\n"
+    "symbolic links are not stored (links are skipped and reported unless --dereference follows them).";
+
 int Main(int argc, char** argv) {
   CLI::App app{"Packs, lists, reads, writes, checks and compacts compound files.", "tzcf"};
   app.require_subcommand(1);
   app.footer(kFooter);
-  app.set_version_flag("--version", std::string("tzcf ") + TZ_VERSION);
+  app.set_version_flag("-V,--version", std::string("tzcf ") + TZ_VERSION);
 
   tzcf::Options options;
   std::string file, folder, name, source;
   std::vector<std::string> names;
-  bool force = false, details = false, json = false;
+  bool force = false;
   std::function<tzcf::Exit()> run;
 
   const auto quiet = [&](CLI::App* command) {
-    command->add_flag("-q,--quiet", options.quiet, "Show no progress bar and no summary");
+    command->add_flag("-q,--quiet", options.quiet, "Show no progress line and no summary");
   };
   const auto password = [&](CLI::App* command) {
     command->add_option("--password-file", options.passwordFile, "Read the password from the first line of PATH")
         ->type_name("PATH");
   };
+  const auto json = [&](CLI::App* command, const char* what) { command->add_flag("--json", options.json, what); };
   const auto fileArgument = [&](CLI::App* command) {
     command->add_option("FILE", file, "The compound file")->required();
+  };
+  const auto dereference = [&](CLI::App* command) {
+    command->add_flag("-L,--dereference", options.dereference, "Follow symbolic links and store what they lead to");
   };
 
   CLI::App* pack = app.add_subcommand("pack", "Store every regular file under FOLDER as a stream of a new FILE");
   pack->add_option("FOLDER", folder, "The folder to pack")->required();
   fileArgument(pack);
   pack->add_flag("-f,--force", force, "Replace FILE if it exists");
+  dereference(pack);
   quiet(pack);
+  pack->footer(kDropped);
   pack->callback([&] { run = [&] { return tzcf::Pack(folder, file, force, options); }; });
 
-  CLI::App* unpack = app.add_subcommand("unpack", "Write every stream of FILE below FOLDER, and nowhere else");
+  CLI::App* add = app.add_subcommand("add", "Store files and folders as streams of an existing FILE, new or replacing");
+  fileArgument(add);
+  add->add_option("PATH", names, "Files and folders; a stream is named by the path as given")->required();
+  dereference(add);
+  quiet(add);
+  password(add);
+  add->footer(kDropped);
+  add->callback([&] { run = [&] { return tzcf::Add(file, names, options); }; });
+
+  CLI::App* unpack = app.add_subcommand("unpack", "Write the streams of FILE below FOLDER, and nowhere else");
   fileArgument(unpack);
   unpack->add_option("FOLDER", folder, "The folder to write into (created when missing)")->required();
+  unpack->add_option("NAME", names, "Only these streams: names, shell patterns or folders");
   quiet(unpack);
   password(unpack);
-  unpack->callback([&] { run = [&] { return tzcf::Unpack(file, folder, options); }; });
+  unpack->callback([&] { run = [&] { return tzcf::Unpack(file, folder, names, options); }; });
 
   CLI::App* ls = app.add_subcommand("ls", "List the streams of FILE");
   fileArgument(ls);
-  ls->add_flag("-l", details, "Show size, blocks, created and modified times");
-  ls->add_flag("--json", json, "Print a JSON array with every detail, for scripts");
-  ls->callback([&] { run = [&] { return tzcf::List(file, details, json); }; });
+  ls->add_option("NAME", names, "Only these streams: names, shell patterns or folders");
+  ls->add_flag("-l", options.details, "Show size, blocks, created and modified times");
+  ls->add_flag("--human", options.human, "With -l, sizes as 1.5 MiB and the like");
+  json(ls, "Print a JSON array with every detail, for scripts");
+  ls->callback([&] { run = [&] { return tzcf::List(file, names, options); }; });
 
-  CLI::App* cat = app.add_subcommand("cat", "Write stream NAME of FILE to standard output");
+  CLI::App* cat = app.add_subcommand("cat", "Write streams of FILE to standard output, one after another");
   fileArgument(cat);
-  cat->add_option("NAME", name, "The stream")->required();
+  cat->add_option("NAME", names, "The streams")->required();
   password(cat);
-  cat->callback([&] { run = [&] { return tzcf::Cat(file, name, options); }; });
+  cat->callback([&] { run = [&] { return tzcf::Cat(file, names, options); }; });
 
   CLI::App* put = app.add_subcommand("put", "Store SOURCE (standard input when - or absent) as stream NAME of FILE");
   fileArgument(put);
@@ -79,19 +101,22 @@ int Main(int argc, char** argv) {
 
   CLI::App* rm = app.add_subcommand("rm", "Remove streams from FILE");
   fileArgument(rm);
-  rm->add_option("NAME", names, "The streams")->required();
-  rm->callback([&] { run = [&] { return tzcf::Remove(file, names); }; });
+  rm->add_option("NAME", names, "The streams: names, shell patterns or folders")->required();
+  password(rm);
+  rm->callback([&] { run = [&] { return tzcf::Remove(file, names, options); }; });
 
   CLI::App* check = app.add_subcommand("check", "Check FILE without changing it; list every problem found");
   fileArgument(check);
   quiet(check);
   password(check);
+  json(check, "Print the report as a JSON object, for scripts");
   check->callback([&] { run = [&] { return tzcf::Check(file, options); }; });
 
   CLI::App* info = app.add_subcommand("info", "Show blocks, saved map, reclaimable space and encryption of FILE");
   fileArgument(info);
   quiet(info);
   password(info);
+  json(info, "Print a JSON object, for scripts");
   info->callback([&] { run = [&] { return tzcf::Info(file, options); }; });
 
   CLI::App* compact = app.add_subcommand("compact", "Rewrite FILE without its unused blocks");
@@ -101,35 +126,71 @@ int Main(int argc, char** argv) {
 
   CLI::App* encrypt = app.add_subcommand("encrypt", "Encrypt the streams of FILE under a new password");
   fileArgument(encrypt);
+  quiet(encrypt);
   password(encrypt);
   encrypt->callback([&] { run = [&] { return tzcf::Encrypt(file, options); }; });
 
   CLI::App* decrypt = app.add_subcommand("decrypt", "Make an encrypted FILE clear again");
   fileArgument(decrypt);
+  quiet(decrypt);
   password(decrypt);
   decrypt->callback([&] { run = [&] { return tzcf::Decrypt(file, options); }; });
 
   CLI::App* passwd = app.add_subcommand("passwd", "Change the password of an encrypted FILE");
   fileArgument(passwd);
+  quiet(passwd);
   password(passwd);
   passwd->add_option("--new-password-file", options.newPasswordFile,
                      "Read the new password from the first line of PATH (else TZCF_NEW_PASSWORD, else a prompt)")
       ->type_name("PATH");
   passwd->callback([&] { run = [&] { return tzcf::ChangePassword(file, options); }; });
 
+  app.add_subcommand("help", "Show this help, or a command's: tzcf help COMMAND")->allow_extras();
+
+  // What CLI11 would answer with "A subcommand is required": a first word
+  // that names no command, and help.
+  if (argc > 1 && argv[1][0] != '-') {
+    const std::string command = argv[1];
+    CLI::App* known = nullptr;
+    try {
+      known = app.get_subcommand(command);
+    } catch (const CLI::OptionNotFound&) {
+    }
+    if (known == nullptr) {
+      tzcf::Report("unknown command " + tzcf::Quote(command) + " (see tzcf --help)");
+      return tzcf::kError;
+    }
+    if (command == "help") {
+      if (argc == 2) {
+        std::cout << app.help();
+        return tzcf::kOk;
+      }
+      // "tzcf help ls" is "tzcf ls --help".
+      char help[] = "--help";
+      char* again[] = {argv[0], argv[2], help, nullptr};
+      if (std::string(argv[2]) == "help") again[1] = help;
+      return Main(3, again);
+    }
+  }
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
     if (e.get_exit_code() == 0) return app.exit(e);  // --help, --version
-    tzcf::Report(std::string(e.what()) + " (see tzcf --help)");
+    std::string text = e.what();
+    if (text.rfind("The following argument", 0) == 0) text = "unknown option or extra argument: " + text;
+    if (text.rfind("A subcommand is required", 0) == 0) text = "a command is required";
+    tzcf::Report(text + " (see tzcf --help)");
     return tzcf::kError;
   }
+  tzcf::Exit exit = tzcf::kError;
   try {
-    return run();
+    exit = run();
   } catch (const std::exception& e) {
     tzcf::Report(e.what());
-    return tzcf::kError;
   }
+  tzcf::FinishReports();
+  return exit;
 }
 
 }  // namespace
