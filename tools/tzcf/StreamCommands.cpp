@@ -310,6 +310,20 @@ bool OpenWork(CompoundFile& archive, const std::string& work, const std::string&
 
 }  // namespace
 
+// Stores `found` into the work file, closes it and renames it over `file`;
+// the exit status so far, or kError when any of it failed.
+Exit StoreAndCommit(CompoundFile& archive, NewFile& work, const std::string& file, const std::vector<Found>& found,
+                    Progress* progress, Exit exit) {
+  if (!Store(archive, work.path(), file, found, progress, &exit) || !Finish(archive, work.path(), file)) return kError;
+  progress->Done();
+  std::string error;
+  if (!work.Commit(&error)) {
+    Report(error);
+    return kError;
+  }
+  return exit;
+}
+
 Exit Pack(const std::string& folder, const std::string& file, bool force, const Options& options) {
   struct stat info;
   if (::stat(folder.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
@@ -337,13 +351,7 @@ Exit Pack(const std::string& folder, const std::string& file, bool force, const 
   CompoundFile archive;
   if (!OpenFile(archive, work.path(), ZoStreamE::OpenReadWrite, false)) return kError;
   Progress progress("packing", total, options.quiet);
-  if (!Store(archive, work.path(), file, found, &progress, &exit) || !Finish(archive, work.path(), file)) return kError;
-  progress.Done();
-  if (!work.Commit(&error)) {
-    Report(error);
-    return kError;
-  }
-  return exit;
+  return StoreAndCommit(archive, work, file, found, &progress, exit);
 }
 
 Exit Add(const std::string& file, const std::vector<std::string>& paths, const Options& options) {
@@ -393,13 +401,7 @@ Exit Add(const std::string& file, const std::vector<std::string>& paths, const O
   if (!OpenWork(archive, work.path(), password)) return kError;
   const std::uint64_t total = Screen(&found, StoredNames(archive), &exit);
   Progress progress("adding", total, options.quiet);
-  if (!Store(archive, work.path(), file, found, &progress, &exit) || !Finish(archive, work.path(), file)) return kError;
-  progress.Done();
-  if (!work.Commit(&error)) {
-    Report(error);
-    return kError;
-  }
-  return exit;
+  return StoreAndCommit(archive, work, file, found, &progress, exit);
 }
 
 Exit Unpack(const std::string& file, const std::string& folder, const std::vector<std::string>& patterns,
