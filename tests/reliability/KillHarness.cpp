@@ -30,7 +30,7 @@ std::string PhaseOf(const std::vector<Record>& log) {
   static const char* const kNames[] = {"?", "open", "write stream", "overwrite/append", "delete stream", "flush",
                                        "close", "copy back", "save as", "close with save", "compact",
                                        "encrypt pass", "decrypt pass", "failure", "begin batch",
-                                       "end batch"};
+                                       "end batch", "scrub"};
   if (log.empty()) return "before the first step";
   const Record* step = InFlight(log);
   return step == nullptr ? "between steps" : kNames[static_cast<int>(step->op)];
