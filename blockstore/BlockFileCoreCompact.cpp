@@ -293,15 +293,19 @@ Status BlockFileCore::ScrubFreeBlocks(std::uint32_t* scrubbed) {
     EndMaintenance(before);
     return ZoStreamE::StatusFailed;
   }
+  if (list != nullptr) graph.MarkSavedMap(list->firstBlock);
   GiveUpSavedMap(list);
   unsigned char raw[bf::kBlockSize];
   std::uint32_t written = 0;
   for (std::uint32_t n = 1; n <= graph.blocks() && status == ZoStreamE::StatusOk; ++n) {
     if (graph.Held(n) || graph.Skipped(n)) continue;
+    // The saved map's old blocks are cleared too, as the new map may go
+    // elsewhere, but they held no stream's bytes and are not counted.
+    const bool counted = !graph.InSavedMap(n);
     bf::EncodeSkippedBlock(n, raw);
     if (WriteRawBlock(n, 0, raw) == ZoStreamE::StatusOk) {
       graph.MarkSkipped(n);
-      ++written;
+      written += counted ? 1 : 0;
     }
   }
   if (status == ZoStreamE::StatusOk) SettleAsAtClose(graph);

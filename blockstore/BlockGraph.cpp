@@ -50,6 +50,12 @@ bool BlockGraph::HoldChain(std::uint32_t slot, std::uint32_t first) {
   return true;
 }
 
+void BlockGraph::MarkSavedMap(std::uint32_t first) {
+  for (std::uint32_t n = first; n != 0 && n <= blocks_ && (state_[n] & (kHeld | kSavedMap)) == 0; n = next_[n]) {
+    state_[n] |= kSavedMap;
+  }
+}
+
 std::uint32_t BlockGraph::HighestHeld() const {
   std::uint32_t n = std::min(high_, blocks_);
   while (n != 0 && !Held(n)) --n;

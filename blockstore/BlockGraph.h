@@ -72,6 +72,10 @@ class BlockGraph {
   // The holder of a held block (invariant 1); 0 for block 1.
   std::uint32_t Holder(std::uint32_t n) const { return holder_[n]; }
 
+  // Marks the chain from `first` on, as far as no chain holds its blocks,
+  // as the saved block map's (held by nothing: it is written anew).
+  void MarkSavedMap(std::uint32_t first);
+  bool InSavedMap(std::uint32_t n) const { return (state_[n] & kSavedMap) != 0; }
   // Block n, held by nothing, now holds the bytes of a skipped block.
   void MarkSkipped(std::uint32_t n) { state_[n] = kSkipped; }
 
@@ -92,7 +96,7 @@ class BlockGraph {
 
  private:
   static constexpr std::uint8_t kHeld = 1, kDirectory = 2, kUsedInHead = 4, kSkipped = 8,
-                                kSoundHead = 16;
+                                kSoundHead = 16, kSavedMap = 32;
   void Hold(std::uint32_t n, std::uint32_t holder, bool directory);
 
   std::uint32_t blocks_;

@@ -39,6 +39,7 @@ struct Options {
   bool details = false;         // ls -l
   bool human = false;           // ls -l --human: sizes as 1.5 MiB
   bool dereference = false;     // pack, add: follow symbolic links
+  bool copy = false;            // compact: through a copy, not in place
   std::string passwordFile;     // the password, or the old one for passwd
   std::string newPasswordFile;  // the new password for passwd
 };

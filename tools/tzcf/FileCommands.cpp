@@ -1,9 +1,9 @@
-// check, info, compact, encrypt, decrypt, passwd: the commands on a
+// check, info, compact --copy, encrypt, decrypt, passwd: the commands on a
 // compound file as a whole.
 //
 // check and info never write: info takes the blocks in use from the
-// read-only check. compact refuses an encrypted file, since the library's
-// rewrite produces a clear one.
+// read-only check. compact --copy refuses an encrypted file, since the
+// library's rewrite produces a clear one (compact in place does not).
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -259,12 +259,12 @@ Exit Info(const std::string& file, const Options& options) {
   return kOk;
 }
 
-Exit Compact(const std::string& file, const Options& options) {
+Exit CompactByCopy(const std::string& file, const Options& options) {
   {
     CompoundFile reader;
     if (!OpenFile(reader, file, ZoStreamE::OpenReadOnly, true)) return kError;
     if (reader.IsEncrypted()) {
-      Report(file + " is encrypted: decrypt it, compact it and encrypt it again");
+      Report(file + " is encrypted: compact it in place (without --copy)");
       return kError;
     }
   }
