@@ -92,6 +92,9 @@ constexpr std::uint32_t kOffListDigest = 0;
 constexpr std::uint32_t kOffListHighest = 16;
 constexpr std::uint32_t kOffListMap = 20;
 constexpr std::uint32_t kListMapRoomFirst = kPayloadSize - kOffListMap;  // 983
+// The saved map's stream size is H + 20, the offset of its map bytes: the
+// chain is long enough once its payloads exceed that.
+constexpr std::uint32_t kListSizeOverHighest = kOffListMap;
 
 constexpr std::uint16_t kFlagEncrypted = 1;
 constexpr std::uint32_t kMaxNameLength = DirEntry::kNameSize - 1;  // 256
@@ -108,6 +111,10 @@ extern const unsigned char kUnfinishedMark[kUnfinishedMarkSize];
 // What callers are told of the layout is what this codec writes.
 static_assert(tzformat::kBlockSize == kBlockSize && tzformat::kPayloadSize == kPayloadSize &&
                   tzformat::kEntriesPerDirBlock == kEntriesPerBlock && tzformat::kMaxNameLength == kMaxNameLength,
+              "format facts");
+static_assert(tzformat::kBlockSignatureOffset == kOffSignature && sizeof tzformat::kBlockSignature == kSignatureSize &&
+                  tzformat::kFileSignatureOffset == kOffFileSignature &&
+                  sizeof tzformat::kFileSignature == kFileSignatureSize,
               "format facts");
 
 #pragma pack(push, 1)

@@ -173,7 +173,9 @@ class TZ_EXPORT CompoundFile {
   /// verbatim, and the file stays encrypted. Both first walk every chain
   /// from the directory; a chain that leaves the file, loops, shares a block
   /// with another or runs through a block whose head is not its own is
-  /// refused in the same way, before anything is written.
+  /// refused in the same way, before anything is written. Like every write,
+  /// neither may run beside any other call on the file, reads included:
+  /// blocks change their numbers under them.
   ///
   /// Both end by writing the directory and the saved block map as a close
   /// writes them: a process that ends right after needs no repair at its

@@ -26,6 +26,14 @@ constexpr std::uint32_t kMaxNameLength = 256;
 /// caller's stream of that name is overwritten.
 constexpr char kFreeListName[] = "zorvanet_block_file_free_list";
 
+/// What every block carries at kBlockSignatureOffset, and the first block
+/// of every compound file at kFileSignatureOffset too, each with a zero
+/// after it: enough to recognise a compound file without opening it.
+constexpr char kBlockSignature[] = "BlockFile";
+constexpr std::uint32_t kBlockSignatureOffset = 5;
+constexpr char kFileSignature[] = "ZoCompoundFile";
+constexpr std::uint32_t kFileSignatureOffset = 970;
+
 /// Blocks of the chain of a stream of `size` bytes: every stream has one
 /// block even when empty, and a chain may hold more than this.
 constexpr std::uint64_t ChainBlocks(std::uint64_t size) { return size / kPayloadSize + 1; }

@@ -236,9 +236,9 @@ Exit Info(const std::string& file, const Options& options) {
   const bool encrypted = report.password != CheckReport::kNotEncrypted;
   const std::uint64_t length = report.fileLength;
   const std::uint64_t used = report.heldBlocks;
-  const std::uint64_t reclaimable = length > used * 1024 ? length - used * 1024 : 0;
+  const std::uint64_t reclaimable = length > used * tzformat::kBlockSize ? length - used * tzformat::kBlockSize : 0;
   if (options.json) {
-    std::cout << "{" << JsonName("file", file) << ", \"length\": " << length << ", \"blocks\": " << length / 1024
+    std::cout << "{" << JsonName("file", file) << ", \"length\": " << length << ", \"blocks\": " << length / tzformat::kBlockSize
               << ", \"blocks_in_use\": " << used << ", \"streams\": " << streams << ", \"saved_map\": \""
               << SavedMapWord(report.savedMap) << "\", \"reclaimable\": " << reclaimable
               << ", \"encrypted\": " << (encrypted ? "true" : "false") << ", \"sound\": "
@@ -247,7 +247,7 @@ Exit Info(const std::string& file, const Options& options) {
   }
   std::cout << "file:          " << file << "\n"
             << "length:        " << length << " bytes (" << HumanBytes(length) << ")\n"
-            << "blocks:        " << length / 1024 << "\n"
+            << "blocks:        " << length / tzformat::kBlockSize << "\n"
             << "blocks in use: " << used << "\n"
             << "streams:       " << streams << "\n"
             << "saved map:     " << SavedMapText(report.savedMap) << "\n"
