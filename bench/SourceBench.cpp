@@ -14,9 +14,12 @@
 //                  of 256 KiB, every second one deleted, so the free blocks
 //                  lie all through it), open to close, against `cp` of as
 //                  many bytes as it moved: moving a block costs at least a
-//                  read and a write of it, so that copy is the floor. Also
-//                  against CompactCompoundFile and SQLite's VACUUM of the
-//                  same streams. Each run starts from a fresh copy of the
+//                  read and a write of it, so that copy is the floor; and
+//                  against that copy plus the cut alone (resizing the holed
+//                  file to the compacted length), which gives the tail's
+//                  room back to the file system, a cost cp does not have.
+//                  Also against CompactCompoundFile and SQLite's VACUUM of
+//                  the same streams. Each run starts from a fresh copy of the
 //                  holed file; the result is checked (sound, no free block
 //                  left, the length reported, sample streams read back).
 //
@@ -27,7 +30,6 @@
 //   --dir       where the scratch folder goes (default: the system's temp
 //               folder); it needs about 4 GiB at full size.
 //   --only      one section: save, linearity, whole or inplace.
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -46,6 +48,7 @@
 
 #include <tesselzostream/tesselzostream.h>
 
+#include "SourceBenchInPlace.h"
 #include "SourceBenchVacuum.h"
 
 namespace fs = std::filesystem;
@@ -274,108 +277,6 @@ void WholeFile(const Options& o, const std::string& dir) {
               mib, cp, saveAs, saveAs / cp, compact, compact / cp);
 }
 
-// The length of one block of a compound file, the unit compaction in place
-// moves. The public headers do not export it; the file format fixes it.
-constexpr std::uint64_t kFileBlockBytes = 1024;
-
-// Stream i's own bytes: a block moved into another stream's place, or
-// linked into the wrong chain, shows at the read back.
-std::string StreamBytes(int i, std::size_t size) { return Bytes(size, static_cast<unsigned>(i) + 1); }
-
-// A compound file of `count` streams of `size` bytes, then every second one
-// (the odd numbers) deleted: free blocks lie all through the file.
-void MakeHoledCompoundFile(const std::string& path, int count, std::size_t size) {
-  fs::remove(path);
-  CompoundFile cf;
-  Check(cf.Open(path.c_str(), ZoStreamE::OpenReadWrite) == ZoStreamE::StatusOk, "create");
-  for (int i = 0; i < count; ++i) {
-    const std::string data = StreamBytes(i, size);
-    Check(cf.WriteStream(Name(i).c_str(), data.data(), data.size()), "write stream");
-  }
-  for (int i = 1; i < count; i += 2) Check(cf.DeleteCFFile(Name(i).c_str()), "delete");
-  Check(cf.Close() == ZoStreamE::StatusOk, "close");
-}
-
-// One timed run of CompactInPlace with the moments its phases ended.
-struct InPlaceRun {
-  CompactProgress progress;
-  double total = 1e30;  // open, compact, close
-  double open = 0;
-  double firstBatch = 0;  // the walk of every block's head, then the first batch of moves
-  double otherBatches = 0;
-  int batches = 0;
-  double finish = 0;  // from the last batch to CompactInPlace's return
-  double close = 0;
-  double processor = 0;  // user and system time of the whole run
-};
-
-using Clock = std::chrono::steady_clock;
-
-// User and system time this process has used so far.
-double ProcessorSeconds() {
-  rusage u{};
-  ::getrusage(RUSAGE_SELF, &u);
-  const timeval& a = u.ru_utime;
-  const timeval& b = u.ru_stime;
-  return static_cast<double>(a.tv_sec + b.tv_sec) + static_cast<double>(a.tv_usec + b.tv_usec) * 1e-6;
-}
-
-bool RecordBatch(const CompactProgress&, void* context) {
-  static_cast<std::vector<Clock::time_point>*>(context)->push_back(Clock::now());
-  return true;
-}
-
-InPlaceRun CompactInPlaceOnce(const std::string& path) {
-  std::vector<Clock::time_point> batchEnds;
-  batchEnds.reserve(1 << 16);  // no allocation inside the timed callback
-  InPlaceRun r;
-  auto since = [](Clock::time_point a, Clock::time_point b) {
-    return std::chrono::duration<double>(b - a).count();
-  };
-  const double processorBefore = ProcessorSeconds();
-  const Clock::time_point start = Clock::now();
-  CompoundFile cf;
-  Check(cf.Open(path.c_str(), ZoStreamE::OpenReadWrite) == ZoStreamE::StatusOk, "open to compact");
-  const Clock::time_point opened = Clock::now();
-  Check(cf.CompactInPlace(&r.progress, 0, RecordBatch, &batchEnds) == ZoStreamE::StatusOk,
-        "compact in place");
-  const Clock::time_point compacted = Clock::now();
-  Check(cf.Close() == ZoStreamE::StatusOk, "close after compaction");
-  const Clock::time_point closed = Clock::now();
-  r.processor = ProcessorSeconds() - processorBefore;
-  r.total = since(start, closed);
-  r.open = since(start, opened);
-  r.close = since(compacted, closed);
-  r.batches = static_cast<int>(batchEnds.size());
-  const Clock::time_point first = batchEnds.empty() ? opened : batchEnds.front();
-  const Clock::time_point last = batchEnds.empty() ? opened : batchEnds.back();
-  r.firstBatch = since(opened, first);
-  r.otherBatches = since(first, last);
-  r.finish = since(last, compacted);
-  return r;
-}
-
-// What a finished compaction must leave: the length it reports, a sound
-// file without a free block, the kept streams' bytes (a sample, the moved
-// ones at the end among them) and no deleted stream.
-void CheckCompacted(const std::string& path, const InPlaceRun& r, int count, std::size_t size) {
-  const CompactProgress& p = r.progress;
-  Check(p.finished && p.moved == p.toMove && p.moved > 0, "compaction did not finish");
-  Check(fs::file_size(path) == p.length && p.length < p.lengthBefore, "length after compaction");
-  const CheckReport report = CheckCompoundFile(path.c_str());
-  Check(report.Sound(), "compacted file not sound");
-  Check(report.heldBlocks == report.blocks, "free blocks left after compaction");
-  CompoundFile cf;
-  Check(cf.Open(path.c_str(), ZoStreamE::OpenReadOnly) == ZoStreamE::StatusOk, "reopen");
-  std::string got;
-  for (int i = 0; i < count; i += std::max(2, count / 32 & ~1)) {
-    Check(cf.ReadStream(Name(i).c_str(), got) && got == StreamBytes(i, size), "stream read back");
-    Check(!cf.Exists(Name(i + 1).c_str()), "deleted stream back");
-  }
-  Check(cf.ReadStream(Name(count - 2).c_str(), got) && got == StreamBytes(count - 2, size),
-        "last stream read back");
-}
-
 // A plain file of exactly `bytes` bytes.
 void MakePlainFile(const std::string& path, std::uint64_t bytes) {
   const std::string chunk = Bytes(1 << 20, 5);
@@ -391,57 +292,80 @@ void MakePlainFile(const std::string& path, std::uint64_t bytes) {
 
 double MiB(std::uint64_t bytes) { return static_cast<double>(bytes) / (1 << 20); }
 
+// The figures of the in-place section, each the fastest of --repeat runs.
+struct InPlaceFigures {
+  int count = 0;
+  std::size_t size = 0;
+  InPlaceRun inPlace;
+  double saveAs = 0;  // CompactCompoundFile
+  std::uint64_t saveAsLength = 0;
+  double cut = 0;  // resizing a fresh copy to the compacted length
+  double cp = 0;   // cp of a plain file of the moved blocks' bytes
+  VacuumResult vacuum;
+};
+
+void PrintInPlace(const InPlaceFigures& f) {
+  const CompactProgress& p = f.inPlace.progress;
+  const InPlaceRun& r = f.inPlace;
+  const std::uint64_t movedBytes = std::uint64_t{p.moved} * kFileBlockBytes;
+  std::printf("compaction in place (%d streams of %zu KiB, every second deleted): "
+              "%.1f MiB -> %.1f MiB, moved %u blocks (%.1f MiB)\n",
+              f.count, f.size >> 10, MiB(p.lengthBefore), MiB(p.length), p.moved, MiB(movedBytes));
+  std::printf("  CompactInPlace %.3f s, cp of the moved bytes %.3f s: %.2fx cp (goal <= 1.5)\n",
+              r.total, f.cp, r.total / f.cp);
+  std::printf("  cut of the holed file to that length alone %.3f s: in place %.2fx cp and cut\n",
+              f.cut, r.total / (f.cp + f.cut));
+  std::printf("  CompactCompoundFile %.3f s (%.1f MiB -> %.1f MiB): in place %.2fx of it\n",
+              f.saveAs, MiB(p.lengthBefore), MiB(f.saveAsLength), r.total / f.saveAs);
+  if (f.vacuum.measured) {
+    std::printf("  SQLite VACUUM %.3f s (%.1f MiB -> %.1f MiB): in place %.2fx of it\n",
+                f.vacuum.seconds, MiB(f.vacuum.lengthBefore), MiB(f.vacuum.length),
+                r.total / f.vacuum.seconds);
+  } else {
+    std::printf("  SQLite VACUUM n/a (built without SQLite)\n");
+  }
+  const double perBatch = r.batches > 1 ? r.otherBatches / (r.batches - 1) : 0;
+  std::printf("  in place, fastest run: open %.1f ms, head walk and first batch %.1f ms, "
+              "%d more batches %.1f ms (%.2f ms each), to the return %.1f ms, close %.1f ms; "
+              "processor time %.3f s of %.3f s\n",
+              r.open * 1e3, r.firstBatch * 1e3, r.batches - 1, r.otherBatches * 1e3,
+              perBatch * 1e3, r.finish * 1e3, r.close * 1e3, r.processor, r.total);
+}
+
 void CompactionInPlace(const Options& o, const std::string& dir) {
-  const int count = o.quick ? 256 : 4096;
-  const std::size_t size = std::size_t(256) << 10;  // per stream
+  InPlaceFigures f;
+  f.count = o.quick ? 256 : 4096;
+  f.size = std::size_t(256) << 10;  // per stream
+  const std::function<std::string(int)> bytesOf = [&](int i) {
+    return Bytes(f.size, static_cast<unsigned>(i) + 1);  // each stream its own bytes
+  };
   const std::string holed = dir + "/holed.tzcf";
   const std::string work = dir + "/holed-work.tzcf";
-  MakeHoledCompoundFile(holed, count, size);
+  MakeHoledCompoundFile(holed, f.count, bytesOf);
   auto restore = [&] { fs::copy_file(holed, work, fs::copy_options::overwrite_existing); };
-
-  InPlaceRun best;
   for (int i = 0; i < o.repeat; ++i) {
     restore();
     ::sync();
     const InPlaceRun r = CompactInPlaceOnce(work);
-    if (r.total < best.total) best = r;
+    if (r.total < f.inPlace.total) f.inPlace = r;
   }
-  CheckCompacted(work, best, count, size);
-  const CompactProgress& p = best.progress;
+  CheckCompacted(work, f.inPlace, f.count, bytesOf);
+  const CompactProgress& p = f.inPlace.progress;
 
-  const double saveAs = TimeCompactCompoundFile(o, dir, work, restore);
-  const std::uint64_t saveAsLength = fs::file_size(work);
+  f.saveAs = TimeCompactCompoundFile(o, dir, work, restore);
+  f.saveAsLength = fs::file_size(work);
+  // Cutting the file gives back its tail's extents, a cost cp does not
+  // have; what the file system takes for that one cut, on the same file.
+  f.cut = Best(o.repeat, restore, [&] { fs::resize_file(work, p.length); });
   fs::remove(work);
 
   const std::string moved = dir + "/moved.bin";
-  const std::uint64_t movedBytes = std::uint64_t{p.moved} * kFileBlockBytes;
-  MakePlainFile(moved, movedBytes);
-  const double cp = TimeCp(o, moved, dir + "/moved-copy.bin");
+  MakePlainFile(moved, std::uint64_t{p.moved} * kFileBlockBytes);
+  f.cp = TimeCp(o, moved, dir + "/moved-copy.bin");
   fs::remove(moved);
-
-  std::printf("compaction in place (%d streams of %zu KiB, every second deleted): "
-              "%.1f MiB -> %.1f MiB, moved %u blocks (%.1f MiB)\n",
-              count, size >> 10, MiB(p.lengthBefore), MiB(p.length), p.moved, MiB(movedBytes));
-  std::printf("  CompactInPlace %.3f s, cp of the moved bytes %.3f s: %.2fx cp (goal <= 1.5)\n",
-              best.total, cp, best.total / cp);
-  std::printf("  CompactCompoundFile %.3f s (%.1f MiB -> %.1f MiB): in place %.2fx of it\n",
-              saveAs, MiB(p.lengthBefore), MiB(saveAsLength), best.total / saveAs);
-  const VacuumResult vacuum =
-      TimeVacuum(dir, count, o.repeat, [&](int i) { return StreamBytes(i, size); });
-  if (vacuum.measured) {
-    std::printf("  SQLite VACUUM %.3f s (%.1f MiB -> %.1f MiB): in place %.2fx of it\n",
-                vacuum.seconds, MiB(vacuum.lengthBefore), MiB(vacuum.length),
-                best.total / vacuum.seconds);
-  } else {
-    std::printf("  SQLite VACUUM n/a (built without SQLite)\n");
-  }
-  const double perBatch = best.batches > 1 ? best.otherBatches / (best.batches - 1) : 0;
-  std::printf("  in place, fastest run: open %.1f ms, head walk and first batch %.1f ms, "
-              "%d more batches %.1f ms (%.2f ms each), to the return %.1f ms, close %.1f ms; "
-              "processor time %.3f s of %.3f s\n",
-              best.open * 1e3, best.firstBatch * 1e3, best.batches - 1, best.otherBatches * 1e3,
-              perBatch * 1e3, best.finish * 1e3, best.close * 1e3, best.processor, best.total);
+  f.vacuum = TimeVacuum(dir, f.count, o.repeat, bytesOf);
   fs::remove(holed);
+  PrintInPlace(f);
 }
 
 }  // namespace
