@@ -307,7 +307,7 @@ struct InPlaceFigures {
 void PrintInPlace(const InPlaceFigures& f) {
   const CompactProgress& p = f.inPlace.progress;
   const InPlaceRun& r = f.inPlace;
-  const std::uint64_t movedBytes = std::uint64_t{p.moved} * kFileBlockBytes;
+  const std::uint64_t movedBytes = std::uint64_t{p.moved} * tzformat::kBlockSize;
   std::printf("compaction in place (%d streams of %zu KiB, every second deleted): "
               "%.1f MiB -> %.1f MiB, moved %u blocks (%.1f MiB)\n",
               f.count, f.size >> 10, MiB(p.lengthBefore), MiB(p.length), p.moved, MiB(movedBytes));
@@ -360,7 +360,7 @@ void CompactionInPlace(const Options& o, const std::string& dir) {
   fs::remove(work);
 
   const std::string moved = dir + "/moved.bin";
-  MakePlainFile(moved, std::uint64_t{p.moved} * kFileBlockBytes);
+  MakePlainFile(moved, std::uint64_t{p.moved} * tzformat::kBlockSize);
   f.cp = TimeCp(o, moved, dir + "/moved-copy.bin");
   fs::remove(moved);
   fs::remove(holed);  // before the database: the run stays within 4 GiB

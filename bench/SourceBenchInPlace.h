@@ -10,10 +10,6 @@
 
 #include <tesselzostream/tesselzostream.h>
 
-// The length of one block of a compound file, the unit compaction in place
-// moves. The public headers do not export it; the file format fixes it.
-constexpr std::uint64_t kFileBlockBytes = 1024;
-
 // One run of CompactInPlace, open to close, in seconds.
 struct InPlaceRun {
   CompactProgress progress;
