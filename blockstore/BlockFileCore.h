@@ -349,7 +349,8 @@ class BlockFileCore {
   // the one it had in *before, until EndMaintenance.
   ZoStreamE::Status BeginMaintenance(ZoStreamE::Status* before);
   ZoStreamE::Status EndMaintenance(ZoStreamE::Status before);
-  bool BuildBlockGraph(BlockGraph& graph, const DirEntry* skip);
+  bool BuildBlockGraph(BlockGraph& graph, const DirEntry* skip, bool full);
+  ZoStreamE::Status WriteRawRun(std::uint32_t first, std::uint32_t count, const unsigned char* data);
   bool OnlySavedMapPast(const BlockGraph& graph, const DirEntry* list) const;
   void GiveUpSavedMap(DirEntry* list);
   void MoveDirBlockNumber(std::uint32_t index, std::uint32_t from, std::uint32_t to);
@@ -360,6 +361,7 @@ class BlockFileCore {
   // While set, payloads go to and from the file as they lie there, without
   // the cipher: compaction moves ciphertext verbatim.
   bool verbatimPayloads = false;
+  std::vector<unsigned char> moveBuffer;  // a run of blocks being moved
 
   // Helpers of Open and the passes.
   void LoadDirectoryChain(const boost::shared_ptr<DirBlock>& first, bool exact);

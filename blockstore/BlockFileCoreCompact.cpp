@@ -36,6 +36,7 @@ namespace bf = blockformat;
 namespace {
 constexpr std::uint32_t kScanRun = 1024;     // blocks read by one call of the scan
 constexpr std::uint32_t kMoveBatch = 1024;   // moves between the flushes of a batch
+constexpr std::uint32_t kMoveRun = 256;      // blocks copied by one read and one write
 }  // namespace
 
 Status BlockFileCore::BeginMaintenance(Status* before) {
@@ -61,12 +62,21 @@ Status BlockFileCore::EndMaintenance(Status before) {
   return status;
 }
 
-bool BlockFileCore::BuildBlockGraph(BlockGraph& graph, const DirEntry* skip) {
+// With `full` false only the blocks the map calls used are read: a chain
+// through any other block then fails to hold, and the caller scans again
+// in full. Blocks not read count as free and unused by their heads.
+bool BlockFileCore::BuildBlockGraph(BlockGraph& graph, const DirEntry* skip, bool full) {
   const std::uint32_t count = graph.blocks();
   std::unique_ptr<unsigned char[]> run(new unsigned char[std::size_t{kScanRun} * bf::kBlockSize]);
   unsigned char skipped[bf::kBlockSize];
-  for (std::uint32_t first = 1; first <= count; first += kScanRun) {
-    const std::uint32_t n = std::min(kScanRun, count - first + 1);
+  auto used = [&](std::uint32_t b) { return full || blockMap.Get(static_cast<std::int32_t>(b)) != 0; };
+  for (std::uint32_t first = 1; first <= count;) {
+    if (!used(first)) {
+      ++first;
+      continue;
+    }
+    std::uint32_t n = 1;
+    while (n < kScanRun && first + n <= count && used(first + n)) ++n;
     {
       std::lock_guard<std::recursive_mutex> hold(readLock);
       if (!file->ReadRun(first, n, run.get())) {
@@ -85,6 +95,7 @@ bool BlockFileCore::BuildBlockGraph(BlockGraph& graph, const DirEntry* skip) {
       }
       graph.SetHead(first + k, head, isSkipped);
     }
+    first += n;
   }
   if (!graph.HoldDirectory(dirBlockNumberAt)) return false;
   const std::uint32_t slots = static_cast<std::uint32_t>(dirBlocks.size()) * bf::kEntriesPerBlock;
@@ -105,33 +116,69 @@ void BlockFileCore::MoveDirBlockNumber(std::uint32_t index, std::uint32_t from, 
   isDirBlock[to] = true;
 }
 
+// The moves go by runs of consecutive sources to consecutive places: one
+// read of the run, its heads rewritten in the buffer, one write.
 void BlockFileCore::CopyMovedBlocks(const BlockGraph& graph, const std::vector<BlockGraph::Move>& moves) {
-  unsigned char raw[bf::kBlockSize];
-  for (const BlockGraph::Move& m : moves) {
-    if (status != ZoStreamE::StatusOk) return;
-    const std::uint32_t next = BlockGraph::Destination(moves, graph.Next(m.from));
-    if (graph.IsDirectory(m.from)) {
-      const std::uint32_t index = DirIndexOf(m.from);
-      DirBlock& block = *dirBlocks[index];
-      block.blockNumber = m.to;
-      block.nextBlock = next;
-      bf::EncodeDirBlock(block, raw);
-      if (WriteRawBlock(m.to, 1, raw) == ZoStreamE::StatusOk) MoveDirBlockNumber(index, m.from, m.to);
-      continue;
+  if (moveBuffer.empty()) moveBuffer.resize(std::size_t{kMoveRun} * bf::kBlockSize);
+  unsigned char* const buffer = moveBuffer.data();
+  std::vector<std::pair<std::uint32_t, std::uint32_t>> movedDirBlocks;  // (index, from)
+  for (std::size_t i = 0; i < moves.size() && status == ZoStreamE::StatusOk;) {
+    std::uint32_t k = 1;
+    while (i + k < moves.size() && k < kMoveRun && moves[i + k].from == moves[i].from + k &&
+           moves[i + k].to == moves[i].to + k) {
+      ++k;
     }
     {
       std::lock_guard<std::recursive_mutex> hold(readLock);
-      if (!ReadBlockBytes(m.from, raw)) return;
+      if (!file->ReadRun(moves[i].from, k, buffer)) {
+        Fail();
+        return;
+      }
     }
-    bf::BlockHead head;
-    bf::DecodeHead(raw, &head);
-    head.blockNumber = m.to;
-    head.inUse = 1;
-    head.nextBlock = next;
-    bf::EncodeHead(head, raw);
-    WriteRawBlock(m.to, 1, raw);
+    movedDirBlocks.clear();
+    for (std::uint32_t j = 0; j < k; ++j) {
+      const BlockGraph::Move& m = moves[i + j];
+      unsigned char* raw = buffer + std::size_t{j} * bf::kBlockSize;
+      const std::uint32_t after = graph.Next(m.from);
+      // Mostly the next block of the run, which moves along.
+      const std::uint32_t next = j + 1 < k && after == m.from + 1 ? m.to + 1 : BlockGraph::Destination(moves, after);
+      if (graph.IsDirectory(m.from)) {
+        const std::uint32_t index = DirIndexOf(m.from);
+        DirBlock& block = *dirBlocks[index];
+        block.blockNumber = m.to;
+        block.nextBlock = next;
+        bf::EncodeDirBlock(block, raw);
+        movedDirBlocks.emplace_back(index, m.from);
+        continue;
+      }
+      bf::BlockHead head;
+      bf::DecodeHead(raw, &head);
+      head.blockNumber = m.to;
+      head.inUse = 1;
+      head.nextBlock = next;
+      bf::EncodeHead(head, raw);
+    }
+    if (WriteRawRun(moves[i].to, k, buffer) == ZoStreamE::StatusOk) {
+      for (const auto& moved : movedDirBlocks) {
+        MoveDirBlockNumber(moved.first, moved.second, dirBlocks[moved.first]->blockNumber);
+      }
+    }
+    i += k;
   }
   FlushFile();
+}
+
+// The steps of WriteRawBlock for `count` blocks inside the file, from
+// data[count * 1024], each in use.
+Status BlockFileCore::WriteRawRun(std::uint32_t first, std::uint32_t count, const unsigned char* data) {
+  if (status != ZoStreamE::StatusOk) return status;
+  if (readOnly || first == 0 || first + count - 1 > BlockCount()) return Fail();
+  ArmMark();
+  if (status != ZoStreamE::StatusOk) return status;
+  blocksWritten = true;
+  for (std::uint32_t k = 0; k < count; ++k) blockMap.SetBlock(static_cast<std::int32_t>(first + k), 1);
+  if (!file->WriteBlocks(first, count, data)) Fail();
+  return status;
 }
 
 void BlockFileCore::RelinkMovedBlocks(const BlockGraph& graph, const std::vector<BlockGraph::Move>& moves) {
@@ -246,9 +293,14 @@ Status BlockFileCore::CompactInPlace(std::uint32_t maxMoves, CompactCallback cal
 
   DirEntry* list = FindDirEntry(bf::kFreeListName);
   BlockGraph graph(BlockCount());
-  if (!BuildBlockGraph(graph, list)) {
-    EndMaintenance(before);
-    return ZoStreamE::StatusFailed;  // damaged chains: refused, nothing written
+  if (!BuildBlockGraph(graph, list, false)) {
+    // A chain through a block the map calls free, or damage: the heads of
+    // every block tell which.
+    graph = BlockGraph(BlockCount());
+    if (status != ZoStreamE::StatusOk || !BuildBlockGraph(graph, list, true)) {
+      EndMaintenance(before);
+      return ZoStreamE::StatusFailed;  // damaged chains: refused, nothing written
+    }
   }
   const std::uint32_t toMove = graph.CountToMove();
   p.toMove = maxMoves == 0 ? toMove : std::min(toMove, maxMoves);
@@ -267,7 +319,6 @@ Status BlockFileCore::CompactInPlace(std::uint32_t maxMoves, CompactCallback cal
     RelinkMovedBlocks(graph, moves);
     if (status != ZoStreamE::StatusOk) break;
     graph.ApplyMoves(moves);
-    CutFile(graph.HighestHeld());
     p.moved += static_cast<std::uint32_t>(moves.size());
     p.length = static_cast<std::uint64_t>(fileSize);
     if (callback != nullptr && !callback(p, context)) break;
@@ -289,7 +340,7 @@ Status BlockFileCore::ScrubFreeBlocks(std::uint32_t* scrubbed) {
   if (begun != ZoStreamE::StatusOk) return begun;
   DirEntry* list = FindDirEntry(bf::kFreeListName);
   BlockGraph graph(BlockCount());
-  if (!BuildBlockGraph(graph, list)) {
+  if (!BuildBlockGraph(graph, list, true)) {
     EndMaintenance(before);
     return ZoStreamE::StatusFailed;
   }

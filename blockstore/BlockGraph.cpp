@@ -97,20 +97,28 @@ std::uint32_t BlockGraph::Destination(const std::vector<Move>& moves, std::uint3
 }
 
 void BlockGraph::ApplyMoves(const std::vector<Move>& moves) {
-  for (const Move& m : moves) {
+  // Where block n goes; a chain's neighbours are mostly the neighbouring
+  // moves, asked first.
+  auto destination = [&moves](std::uint32_t n, std::size_t near) {
+    if (near < moves.size() && moves[near].from == n) return moves[near].to;
+    return Destination(moves, n);
+  };
+  for (std::size_t i = 0; i < moves.size(); ++i) {
+    const Move& m = moves[i];
     const std::uint32_t holder = holder_[m.from];
     const bool byBlock = holder != 0 && (holder & kEntryHolder) == 0;
     state_[m.to] = static_cast<std::uint8_t>((state_[m.from] & (kHeld | kDirectory)) | kUsedInHead | kSoundHead);
-    next_[m.to] = Destination(moves, next_[m.from]);
-    holder_[m.to] = byBlock ? Destination(moves, holder) : holder;
+    next_[m.to] = destination(next_[m.from], i + 1);
+    holder_[m.to] = byBlock ? destination(holder, i - 1) : holder;
   }
-  for (const Move& m : moves) {
+  for (std::size_t i = 0; i < moves.size(); ++i) {
+    const Move& m = moves[i];
     const std::uint32_t after = next_[m.from];
     // A successor that stays where it is now has the copy as its holder,
     // and a holder that stays links to the copy.
-    if (after != 0 && Destination(moves, after) == after) holder_[after] = m.to;
+    if (after != 0 && destination(after, i + 1) == after) holder_[after] = m.to;
     const std::uint32_t holder = holder_[m.to];
-    if (holder != 0 && (holder & kEntryHolder) == 0 && Destination(moves, holder) == holder) {
+    if (holder != 0 && (holder & kEntryHolder) == 0 && destination(holder, i - 1) == holder) {
       next_[holder] = m.to;
     }
     // The source is left as a run that did not finish would leave it: in

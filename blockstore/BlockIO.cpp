@@ -161,6 +161,28 @@ bool BlockIO::WriteBlockSplit(std::uint32_t n, const unsigned char* head, std::s
   return true;
 }
 
+bool BlockIO::WriteBlocks(std::uint32_t first, std::uint32_t count, const unsigned char* data) {
+  const std::uint64_t offset = Offset(first);
+  const std::size_t length = std::size_t{count} * kBlock;
+  if (count == 0) return true;
+  if (offset + length > diskSize_ || length < kMaxPending / 4) {
+    for (std::uint32_t k = 0; k < count; ++k) {
+      if (!WriteBlock(first + k, data + std::size_t{k} * kBlock)) return false;
+    }
+    return true;
+  }
+  if (!Flush()) return false;
+  // The read-ahead copy stays coherent: the part it shares is replaced.
+  const std::uint64_t from = std::max(offset, aheadStart_);
+  const std::uint64_t to = std::min<std::uint64_t>(offset + length, aheadStart_ + aheadLength_);
+  if (from < to) {
+    std::memcpy(ahead_.get() + (from - aheadStart_), data + (from - offset), static_cast<std::size_t>(to - from));
+  }
+  if (file_->WriteAt(offset, data, length)) return true;
+  failed_ = true;
+  return false;
+}
+
 std::uint32_t BlockIO::WriteRun(std::uint32_t first, std::uint32_t count,
                                 const unsigned char* heads, std::size_t headLength,
                                 const unsigned char* tails) {

@@ -64,6 +64,12 @@ class BlockIO {
   std::uint32_t WriteRun(std::uint32_t first, std::uint32_t count, const unsigned char* heads,
                          std::size_t headLength, const unsigned char* tails);
 
+  // Writes blocks first .. first + count - 1 from data[count * 1024], after
+  // the queued writes and in one call where they lie inside the file (a
+  // copy of many blocks then goes to the file without passing the queue).
+  // False when a write failed.
+  bool WriteBlocks(std::uint32_t first, std::uint32_t count, const unsigned char* data);
+
   // Sends queued writes to the file, all or none of them when they grow
   // it (the room is reserved first). False when they failed; the queue is
   // emptied either way. After a failed write the object writes nothing any
