@@ -10,6 +10,7 @@
 #include "tesselzostream/Export.h"
 #include "tesselzostream/FactoryRepository.h"
 #include "tesselzostream/OldStreamDirectory.h"
+#include "tesselzostream/Salvage.h"
 #include "tesselzostream/Status.h"
 #include "tesselzostream/StreamDirectory.h"
 #include "tesselzostream/ZStreamBase.h"
