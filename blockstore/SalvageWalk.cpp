@@ -29,6 +29,7 @@ std::string Fold(const std::string& name) {
 
 std::string Quoted(const std::string& name) { return "\"" + name + "\""; }
 std::string Num(std::uint64_t n) { return std::to_string(n); }
+std::string Blocks(std::uint64_t n) { return Num(n) + (n == 1 ? " block" : " blocks"); }
 
 }  // namespace
 
@@ -197,7 +198,7 @@ void SalvageWalk::ReportEntry(const Entry& e, const std::string& savedAs, const 
   s.lost = e.size > w.bytes ? e.size - w.bytes : 0;
   r_.lostBytes += s.lost;
   std::string chain;
-  if (s.lost != 0) chain = w.why.empty() ? "the chain ends after " + Num(w.blocks) + " blocks" : w.why;
+  if (s.lost != 0) chain = w.why.empty() ? "the chain ends after " + Blocks(w.blocks) : w.why;
   s.why = nameWhy.empty() ? chain : chain.empty() ? nameWhy : nameWhy + "; " + chain;
   r_.damaged.push_back(std::move(s));
 }
@@ -295,7 +296,7 @@ bool SalvageWalk::CopyOrphans() {
       Walked w;
       if (!Copy(s.savedAs, n, id++, kNoLimit, true, &w)) return false;
       s.recovered = w.bytes;
-      s.why = "no entry reaches its chain of " + Num(w.blocks) + (w.blocks == 1 ? " block" : " blocks");
+      s.why = "no entry reaches its chain of " + Blocks(w.blocks);
       r_.recoveredBytes += w.bytes;
       r_.lostAndFound.push_back(std::move(s));
     }
