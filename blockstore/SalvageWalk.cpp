@@ -143,9 +143,18 @@ bool SalvageWalk::Follow(std::uint32_t n, std::uint32_t id, std::uint64_t limit,
     }
     if (!Read(n, raw)) return false;
     bf::DecodeDataBlock(raw, &block);
-    if (block.blockNumber != n || !bf::HasSignature(block)) {
-      w->why = "block " + Num(n) + " has a wrong number or signature in its head";
-      return true;
+    const bool numberRight = block.blockNumber == n, signatureRight = bf::HasSignature(block);
+    if (!numberRight || !signatureRight) {
+      bool bridged = false;
+      if (!inUseOnly && (numberRight || signatureRight) && !Bridges(block.nextBlock, limit - w->bytes, &bridged)) {
+        return false;
+      }
+      if (!bridged) {
+        w->why = "block " + Num(n) + " has a wrong number or signature in its head";
+        return true;
+      }
+      w->doubt = "block " + Num(n) + " has a wrong " + (numberRight ? "signature" : "number") +
+                 " in its head; its payload is kept as read";
     }
     if (inUseOnly && block.inUse == 0) return true;
     owner_[n] = id;
@@ -163,6 +172,25 @@ bool SalvageWalk::Follow(std::uint32_t n, std::uint32_t id, std::uint64_t limit,
     }
     w->bytes += chunk;
   }
+  return true;
+}
+
+// Whether a stream's walk may take a block whose head has one of its
+// number and signature wrong, linking to `next`, with `remaining` bytes of
+// the stream still to take: when the link ends the stream where its size
+// says, or leads to a block with a sound head that no walk has taken, the
+// damage most likely stayed in the head. False only on a read error.
+bool SalvageWalk::Bridges(std::uint32_t next, std::uint64_t remaining, bool* bridged) {
+  *bridged = false;
+  if (next == 0 || next > blocks_ || owner_[next] != kNobody) {
+    *bridged = next == 0 && remaining <= bf::kPayloadSize;
+    return true;
+  }
+  unsigned char raw[bf::kBlockSize];
+  if (!Read(next, raw)) return false;
+  bf::BlockHead head;
+  bf::DecodeHead(raw, &head);
+  *bridged = head.blockNumber == next && bf::HasSignature(head);
   return true;
 }
 
@@ -186,7 +214,7 @@ bool SalvageWalk::Copy(const std::string& savedAs, std::uint32_t first, std::uin
 void SalvageWalk::ReportEntry(const Entry& e, const std::string& savedAs, const std::string& nameWhy,
                               const Walked& w) {
   r_.recoveredBytes += w.bytes;
-  if (w.bytes >= e.size && nameWhy.empty()) {
+  if (w.bytes >= e.size && nameWhy.empty() && w.doubt.empty()) {
     r_.whole.push_back(e.name);
     return;
   }
@@ -199,6 +227,7 @@ void SalvageWalk::ReportEntry(const Entry& e, const std::string& savedAs, const 
   r_.lostBytes += s.lost;
   std::string chain;
   if (s.lost != 0) chain = w.why.empty() ? "the chain ends after " + Blocks(w.blocks) : w.why;
+  if (!w.doubt.empty()) chain = chain.empty() ? w.doubt : w.doubt + "; " + chain;
   s.why = nameWhy.empty() ? chain : chain.empty() ? nameWhy : nameWhy + "; " + chain;
   r_.damaged.push_back(std::move(s));
 }

@@ -69,6 +69,7 @@ class SalvageWalk {
     std::uint32_t blocks = 0;
     std::uint32_t next = 0;  // where the walk stopped with its bytes all taken
     std::string why;         // why it stopped short, empty at a chain's end
+    std::string doubt;       // a block taken across a damaged head
   };
 
   bool Read(std::uint32_t n, unsigned char* raw);
@@ -79,6 +80,7 @@ class SalvageWalk {
   bool CopyOrphans();
   bool Follow(std::uint32_t n, std::uint32_t id, std::uint64_t limit, bool inUseOnly, std::ostream* out,
               Walked* w);
+  bool Bridges(std::uint32_t next, std::uint64_t remaining, bool* bridged);
   bool Copy(const std::string& savedAs, std::uint32_t first, std::uint32_t id, std::uint64_t limit,
             bool inUseOnly, Walked* w);
   void ReportEntry(const Entry& e, const std::string& savedAs, const std::string& nameWhy, const Walked& w);

@@ -13,7 +13,13 @@
 ///   - every other stream with a usable name: the bytes of the part of its
 ///     chain that holds together (blocks in the file, with their own number
 ///     and signature in the head, held by no other chain, no loop), cut to
-///     the entry's size (listed in `damaged`, with what was lost and why);
+///     the entry's size (listed in `damaged`, with what was lost and why).
+///     One exception to "holds together": a block whose head has one of
+///     its own number and signature wrong is taken, payload as read, when
+///     it links on to a block with a sound head that no chain holds, or
+///     ends the stream where its size says; the damage most likely stayed
+///     in the head, but as the payload cannot be vouched for, the stream
+///     is listed in `damaged` (with nothing lost) and not in `whole`;
 ///   - the chains that no entry reaches: a block whose head says in use,
 ///     with its own number and signature, held by no chain, to which no
 ///     other such block links, starts one; it is followed as long as it
@@ -48,7 +54,7 @@
 /// name: a caller that wants no half-built file under that name at any
 /// moment builds it under a temporary name and renames it (as tzcf does).
 ///
-/// Bounds: each block of the damaged file is read at most four times; the
+/// Bounds: each block of the damaged file is read at most five times; the
 /// memory is a few bytes per block (which chain holds it), the directory
 /// blocks, the names, and one block buffer; a stream's entry size is never
 /// used to size anything. Time is linear in the file's length.

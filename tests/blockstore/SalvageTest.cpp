@@ -134,18 +134,29 @@ TEST_F(Salvage, EachDamageGivesWhatStillReads) {
   ASSERT_NE(freeBlock, 0u);
   const std::size_t next = bf::kOffNextBlock;
   const std::uint64_t p = bf::kPayloadSize;
+  const std::uint64_t all = kBig.size();
+  ASSERT_EQ(Nth(sound, "big", 6), big5 + 1);
   struct Case {
     const char* what;
     std::function<void(FileBytes&)> damage;
     std::uint64_t bigBytes;  // recovered under the name "big"
     std::size_t lost;        // lost+found chains
     std::uint64_t foundFrom = 0;  // where big's rest, found again, starts
+    bool kept = false;  // big whole, but listed as damaged: a block taken across a spoilt head
   };
-  const std::uint64_t all = kBig.size();
   const Case cases[] = {
-      // A block whose head is spoilt is lost with its payload.
-      {"head number", [&](FileBytes& b) { Put32(b, BlockAt(big5), big5 + 1); }, 5 * p, 1, 6 * p},
-      {"head signature", [&](FileBytes& b) { b[BlockAt(big5) + bf::kOffSignature] = 'X'; }, 5 * p, 1, 6 * p},
+      // A head with one of number and signature spoilt, between sound
+      // blocks, is crossed; a block without either is lost with its payload.
+      {"head number", [&](FileBytes& b) { Put32(b, BlockAt(big5), big5 + 1); }, all, 0, 0, true},
+      {"head signature", [&](FileBytes& b) { b[BlockAt(big5) + bf::kOffSignature] = 'X'; }, all, 0, 0, true},
+      {"zeroed block", [&](FileBytes& b) { std::fill_n(b.begin() + BlockAt(big5), bf::kBlockSize, 0); }, 5 * p, 1,
+       6 * p},
+      {"spoilt head before a spoilt head",
+       [&](FileBytes& b) {
+         b[BlockAt(big5) + bf::kOffSignature] = 'X';
+         b[BlockAt(big5 + 1) + bf::kOffSignature] = 'X';
+       },
+       5 * p, 1, 7 * p},
       {"link past the end", [&](FileBytes& b) { Put32(b, BlockAt(big1) + next, count + 7); }, 2 * p, 1, 2 * p},
       {"loop", [&](FileBytes& b) { Put32(b, BlockAt(big5) + next, big1); }, 6 * p, 1, 6 * p},
       {"chain cut short", [&](FileBytes& b) { Put32(b, BlockAt(big5) + next, 0); }, 6 * p, 1, 6 * p},
@@ -169,7 +180,12 @@ TEST_F(Salvage, EachDamageGivesWhatStillReads) {
     const SalvageReport r = Run(bytes, nullptr, &got);
     ASSERT_TRUE(r.opened) << r.openError;
     EXPECT_EQ(r.lostAndFound.size(), c.lost);
-    EXPECT_EQ(r.Complete(), c.bigBytes == all && c.lost == 0);
+    EXPECT_EQ(r.Complete(), c.bigBytes == all && c.lost == 0 && !c.kept);
+    if (c.kept) {
+      ASSERT_EQ(r.damaged.size(), 1u);
+      EXPECT_EQ(r.damaged[0].lost, 0u);
+      EXPECT_NE(r.damaged[0].why.find("kept"), std::string::npos) << r.damaged[0].why;
+    }
     for (const auto& s : kStreams) {
       if (s.first == "big" && c.bigBytes != all) continue;
       if (c.bigBytes == 0) break;  // the names of block 1 are gone
