@@ -65,6 +65,27 @@ std::string SalvageWalk::HolderText(std::uint32_t n) const {
   return "another chain";
 }
 
+// The encrypted flag of block 1 and the password: false, with the report
+// saying why, when the file is encrypted and the password is missing or
+// wrong.
+bool SalvageWalk::Unlock(const bf::DirBlock& first, const char* password) {
+  if ((first.flags & bf::kFlagEncrypted) == 0) return true;
+  if (password == nullptr) {
+    r_.password = CheckReport::kNoPassword;
+    r_.openError = "encrypted; a password is needed";
+    return false;
+  }
+  MD5 digest(password);
+  if (std::memcmp(digest.GetRawDigest(), first.passwordDigest, bf::kDigestSize) != 0) {
+    r_.password = CheckReport::kPasswordWrong;
+    r_.openError = "encrypted; the password given is not the file's";
+    return false;
+  }
+  r_.password = CheckReport::kPasswordRight;
+  cipher_ = BlockFileCore::MakeCipher(password);
+  return true;
+}
+
 bool SalvageWalk::ReadDirectory(const char* password) {
   owner_.assign(static_cast<std::size_t>(blocks_) + 1, kNobody);
   if (blocks_ == 0) return true;
@@ -73,22 +94,20 @@ bool SalvageWalk::ReadDirectory(const char* password) {
   for (std::uint32_t n = 1; n != 0 && n <= blocks_ && owner_[n] == kNobody; n = block.nextBlock) {
     if (!Read(n, raw)) return false;
     bf::InitDirBlock(&block);
-    if (!bf::DecodeDirBlock(raw, &block) || block.blockNumber != n || !bf::HasSignature(block)) break;
-    if (n == 1 && (block.flags & bf::kFlagEncrypted) != 0) {
-      if (password == nullptr) {
-        r_.password = CheckReport::kNoPassword;
-        r_.openError = "encrypted; a password is needed";
-        return false;
-      }
-      MD5 digest(password);
-      if (std::memcmp(digest.GetRawDigest(), block.passwordDigest, bf::kDigestSize) != 0) {
-        r_.password = CheckReport::kPasswordWrong;
-        r_.openError = "encrypted; the password given is not the file's";
-        return false;
-      }
-      r_.password = CheckReport::kPasswordRight;
-      cipher_ = BlockFileCore::MakeCipher(password);
+    const bool decoded = bf::DecodeDirBlock(raw, &block);
+    if (block.blockNumber != n || !bf::HasSignature(block)) break;
+    if (!decoded) {
+      // Block 1 with a sound head and only its file signature spoilt still
+      // holds the flag and the first entries: read as if the signature
+      // were right, its entries taken as those of a found block (step 4).
+      if (n != 1) break;
+      std::memcpy(raw + bf::kOffFileSignature, bf::kFileSignature, bf::kFileSignatureSize);
+      bf::DecodeDirBlock(raw, &block);
+      firstFound_ = true;
+      owner_[1] = kDirectory;
+      return Unlock(block, password);
     }
+    if (n == 1 && !Unlock(block, password)) return false;
     owner_[n] = kDirectory;
     ++r_.directoryBlocks;
     AddEntries(raw, false);
@@ -298,6 +317,11 @@ bool SalvageWalk::Scan() {
 bool SalvageWalk::ReadFoundDirectories() {
   unsigned char raw[bf::kBlockSize];
   const std::size_t from = entries_.size();
+  if (firstFound_) {
+    if (!Read(1, raw)) return false;
+    ++r_.directoryBlocks;
+    AddEntries(raw, true);
+  }
   for (const std::uint32_t n : found_) {
     if (!Read(n, raw)) return false;
     owner_[n] = kDirectory;

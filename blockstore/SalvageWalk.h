@@ -4,14 +4,15 @@
 //
 // Order of the walks, each block taken by the first that reaches it:
 //   1. the directory chain from block 1 (block 1 is never data, whatever
-//      it holds);
+//      it holds; when only its file signature is spoilt, its flag is read
+//      and its entries wait for step 4);
 //   2. the streams of its entries, up to their sizes, in directory order;
 //      then the rest of each whole stream's chain (taken, not copied), so
 //      that the blocks a chain holds beyond its size are not found again
 //      as chains without an entry;
 //   3. one scan of every block: heads in use, their links, and blocks the
 //      directory chain did not reach that look like directory blocks;
-//   4. the entries of those blocks, as in 2;
+//   4. the entries of those blocks (and of such a block 1), as in 2;
 //   5. the chains without an entry, by their first blocks in file order.
 //
 // Invariants: (1) owner_[n] is 0 until one walk takes block n, and never
@@ -73,6 +74,7 @@ class SalvageWalk {
   };
 
   bool Read(std::uint32_t n, unsigned char* raw);
+  bool Unlock(const blockformat::DirBlock& first, const char* password);
     void AddEntries(const unsigned char* raw, bool found);
   bool CopyEntries(std::size_t from);
   bool Scan();
@@ -101,6 +103,7 @@ class SalvageWalk {
   std::vector<std::uint32_t> found_;  // unreached blocks that look like directory blocks
   std::unordered_set<std::string> names_;  // names given so far, case folded
   bool freeListSeen_ = false;
+  bool firstFound_ = false;  // block 1 is read in step 4: only its file signature is spoilt
 };
 
 #endif  // TESSELZOSTREAM_BLOCKSTORE_SALVAGEWALK_H_

@@ -33,8 +33,10 @@
 /// block without both signatures or with a wrong number ends it); blocks
 /// that the walk does not reach but that look like directory blocks (own
 /// number, both signatures) are read as directory blocks too, so a broken
-/// directory link loses no streams. Their entries are taken only when the
-/// name is complete and the first block is held by no chain.
+/// directory link loses no streams; so is block 1 when its head is sound
+/// and only its file signature is spoilt (its encrypted flag is read as
+/// well). Their entries are taken only when the name is complete and the
+/// first block is a block in use held by no chain.
 ///
 /// Names: a stream keeps its name unless it has none, or one that an
 /// earlier entry already has (names compare without regard to ASCII case),

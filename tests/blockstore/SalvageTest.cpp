@@ -167,9 +167,16 @@ TEST_F(Salvage, EachDamageGivesWhatStillReads) {
       {"stray bytes", [&](FileBytes& b) { b[BlockAt(freeBlock)] ^= 0x40; }, all, 0},
       {"directory link past the end", [&](FileBytes& b) { Put32(b, BlockAt(1) + next, count + 1); }, all, 0},
       {"directory loop", [&](FileBytes& b) { Put32(b, BlockAt(1) + next, 1); }, all, 0},
-      // Block 1 holds the first three entries: their streams lose their
-      // names (the empty one its only block too: a chain of 0 bytes).
-      {"directory signature", [&](FileBytes& b) { b[BlockAt(1) + bf::kOffFileSignature] = 'Q'; }, 0, 3},
+      // Block 1 is read still when only its file signature is spoilt; with
+      // its head spoilt too, its three streams lose their names (the empty
+      // one is found as a chain of 0 bytes).
+      {"directory signature", [&](FileBytes& b) { b[BlockAt(1) + bf::kOffFileSignature] = 'Q'; }, all, 0},
+      {"directory signature and head",
+       [&](FileBytes& b) {
+         b[BlockAt(1) + bf::kOffFileSignature] = 'Q';
+         b[BlockAt(1) + bf::kOffSignature] = 'Q';
+       },
+       0, 3},
       {"length", [&](FileBytes& b) { b.resize(b.size() - 100); }, all, 0},
   };
   for (const Case& c : cases) {
@@ -231,6 +238,7 @@ TEST_F(Salvage, EncryptedNeedsItsPasswordAndStaysEncrypted) {
   }
   FileBytes bytes = ReadAll(path);
   Put32(bytes, BlockAt(Nth(bytes, "big", 5)) + bf::kOffNextBlock, 0);
+  bytes[BlockAt(1) + bf::kOffFileSignature] = 'Q';  // the flag is still read
   Streams got;
   for (const char* wrong : {static_cast<const char*>(nullptr), "guess"}) {
     const SalvageReport r = Run(bytes, wrong, &got);
