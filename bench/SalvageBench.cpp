@@ -19,7 +19,9 @@
 //     block stream to its end, a stream counting when it reads without
 //     failure and equals the original, and after a failed one the file
 //     opened afresh. Streams that come back whole only under lost+found/
-//     (their entry lost) are counted apart. Times are the salvage's and the
+//     (their entry lost) are counted apart, and so are streams the salvage
+//     reports whole that hold other bytes (damage inside a payload, which
+//     no head or link shows; "false whole", per copy). Times are the salvage's and the
 //     unpack reads' (no files written for unpack, so its time is a floor).
 #include <algorithm>
 #include <chrono>
@@ -104,6 +106,7 @@ void MakeFile(const std::string& path, const Streams& streams) {
 struct Score {
   std::size_t byName = 0;     // whole under its own name
   std::size_t lostFound = 0;  // whole only under another name
+  std::size_t falseWhole = 0; // reported whole by the salvage, yet other bytes
   double seconds = 0;
 };
 
@@ -119,11 +122,14 @@ Score BySalvage(const std::string& damaged, const std::string& out, const Stream
   if (file.Open(out.c_str(), ZoStreamE::OpenReadOnly) != ZoStreamE::StatusOk) return score;
   std::vector<bool> back(streams.size(), false);
   std::unordered_map<std::string, std::size_t> byContent;
+  std::unordered_map<std::string, bool> reportedWhole;
+  for (const std::string& name : r.whole) reportedWhole[name] = true;
   for (std::size_t i = 0; i < streams.size(); ++i) {
     std::string got;
     back[i] = file.FindDirEntry(streams[i].first.c_str()) != nullptr &&
               file.ReadStream(streams[i].first.c_str(), got) && got == streams[i].second;
     score.byName += back[i];
+    score.falseWhole += !back[i] && reportedWhole.count(streams[i].first) != 0;
     if (!back[i] && !streams[i].second.empty()) byContent.emplace(streams[i].second, i);
   }
   std::vector<std::string> others;
@@ -295,7 +301,7 @@ void Damage(Bytes& b, int kind, std::mt19937& rng, const std::vector<std::uint32
 }
 
 struct Tally {
-  double salvage = 0, unpack = 0, found = 0;
+  double salvage = 0, unpack = 0, found = 0, falseWhole = 0;
   double minSalvage = 1, minUnpack = 1;
   double salvageSeconds = 0, unpackSeconds = 0;
   int copies = 0;
@@ -332,6 +338,7 @@ void LargeFile(const std::string& folder, int copies, int count) {
       t->salvage += shareS;
       t->unpack += shareU;
       t->found += static_cast<double>(s.lostFound) / count;
+      t->falseWhole += static_cast<double>(s.falseWhole);
       t->minSalvage = std::min(t->minSalvage, shareS);
       t->minUnpack = std::min(t->minUnpack, shareU);
       t->salvageSeconds += s.seconds;
@@ -339,13 +346,13 @@ void LargeFile(const std::string& folder, int copies, int count) {
       ++t->copies;
     }
   }
-  std::printf("  %-18s %6s %23s %23s %12s %16s\n", "damage", "copies", "salvage mean / min", "unpack mean / min",
-              "+lost+found", "s per copy S / U");
+  std::printf("  %-18s %6s %23s %23s %12s %11s %16s\n", "damage", "copies", "salvage mean / min",
+              "unpack mean / min", "+lost+found", "false whole", "s per copy S / U");
   for (const auto& [kind, t] : tallies) {
-    std::printf("  %-18s %6d %14.3f%% / %5.1f%% %14.3f%% / %5.1f%% %11.3f%% %8.3f / %.3f\n",
+    std::printf("  %-18s %6d %14.3f%% / %5.1f%% %14.3f%% / %5.1f%% %11.3f%% %11.2f %8.3f / %.3f\n",
                 kind < 0 ? "all" : kKinds[kind], t.copies, 100 * t.salvage / t.copies, 100 * t.minSalvage,
-                100 * t.unpack / t.copies, 100 * t.minUnpack, 100 * t.found / t.copies, t.salvageSeconds / t.copies,
-                t.unpackSeconds / t.copies);
+                100 * t.unpack / t.copies, 100 * t.minUnpack, 100 * t.found / t.copies, t.falseWhole / t.copies,
+                t.salvageSeconds / t.copies, t.unpackSeconds / t.copies);
   }
 }
 
