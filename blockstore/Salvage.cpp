@@ -39,7 +39,7 @@ bool Build(SalvageWalk* walk, const char* out, const char* password, SalvageRepo
     report->openError = std::string(Exists(out) ? "exists already: " : "cannot create ") + out;
     return false;
   }
-  std::fclose(made);
+  (void)std::fclose(made);
   *created = true;
   ZoStreamE::Status opened = ZoStreamE::StatusFailed;
   try {

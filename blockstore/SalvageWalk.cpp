@@ -50,7 +50,7 @@ bool SalvageWalk::TakeName(const std::string& name) { return names_.insert(Fold(
 
 std::string SalvageWalk::LostName(std::uint32_t first) {
   char base[40];
-  std::snprintf(base, sizeof base, "lost+found/block-%06u", static_cast<unsigned>(first));
+  (void)std::snprintf(base, sizeof base, "lost+found/block-%06u", static_cast<unsigned>(first));
   std::string name = base;
   // Each try that fails is a name already given: the loop ends within
   // their number.
