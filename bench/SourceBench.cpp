@@ -10,13 +10,26 @@
 //                  1 is linear, near 10 would be quadratic.
 //   whole file     SaveAs and CompactCompoundFile of a 1 GiB compound file
 //                  (64 streams of 16 MiB) against `cp` of the same file.
+//   in place       CompactInPlace of a 1 GiB compound file (4,096 streams
+//                  of 256 KiB, every second one deleted, so the free blocks
+//                  lie all through it), open to close, against `cp` of as
+//                  many bytes as it moved: moving a block costs at least a
+//                  read and a write of it, so that copy is the floor; and
+//                  against that copy plus the cut alone (resizing the holed
+//                  file to the compacted length), which gives the tail's
+//                  room back to the file system, a cost cp does not have.
+//                  Also against CompactCompoundFile and SQLite's VACUUM of
+//                  the same streams. Each run starts from a fresh copy of the
+//                  holed file; the result is checked (sound, no free block
+//                  left, the length reported, sample streams read back).
 //
-// Usage: tz_source_bench [--quick] [--repeat N] [--dir FOLDER]
+// Usage: tz_source_bench [--quick] [--repeat N] [--dir FOLDER] [--only SECTION]
 //   --quick     sizes and counts 16x smaller, for a smoke run.
 //   --repeat N  keep the fastest of N runs of each timing (default 3, 1 with
 //               --quick).
 //   --dir       where the scratch folder goes (default: the system's temp
 //               folder); it needs about 4 GiB at full size.
+//   --only      one section: save, linearity, whole or inplace.
 #include <unistd.h>
 
 #include <algorithm>
@@ -30,8 +43,13 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <tesselzostream/tesselzostream.h>
+
+#include "SourceBenchInPlace.h"
+#include "SourceBenchVacuum.h"
 
 namespace fs = std::filesystem;
 using Source = CompoundFileStreamSource;
@@ -42,6 +60,7 @@ struct Options {
   bool quick = false;
   int repeat = 3;
   std::string dir;
+  std::string only;  // one section's name, or empty for all
 };
 
 Options ParseOptions(int argc, char** argv) {
@@ -56,8 +75,13 @@ Options ParseOptions(int argc, char** argv) {
       repeatGiven = true;
     } else if (a == "--dir" && i + 1 < argc) {
       o.dir = argv[++i];
+    } else if (a == "--only" && i + 1 < argc) {
+      o.only = argv[++i];
     } else {
-      std::fprintf(stderr, "usage: %s [--quick] [--repeat N] [--dir FOLDER]\n", argv[0]);
+      std::fprintf(stderr,
+                   "usage: %s [--quick] [--repeat N] [--dir FOLDER] "
+                   "[--only save|linearity|whole|inplace]\n",
+                   argv[0]);
       std::exit(2);
     }
   }
@@ -197,15 +221,38 @@ void Linearity(const Options& o, const std::string& dir) {
   }
 }
 
+// CompactCompoundFile of `file` through a working-folder source, the
+// fastest of --repeat runs; `restore` (untimed) puts the file back first.
+double TimeCompactCompoundFile(const Options& o, const std::string& dir, const std::string& file,
+                               const std::function<void()>& restore) {
+  const std::string work = Source::GetTempFolderName(dir.c_str(), file.c_str());
+  std::unique_ptr<Source> source;
+  auto reopen = [&] {
+    if (source) source->Close(Source::DiscardChanges, false);
+    restore();
+    source.reset(new Source(file.c_str(), work.c_str()));
+    Check(source->Open(Source::NewDirectory, false) == Source::NoError, "open source");
+  };
+  const double best = Best(o.repeat, reopen, [&] { source->CompactCompoundFile(); });
+  source->Close(Source::DiscardChanges, false);
+  return best;
+}
+
+// `cp` of `from` to a new file, the fastest of --repeat runs, the copy of
+// the last run removed before the clock starts.
+double TimeCp(const Options& o, const std::string& from, const std::string& to) {
+  const std::string command = "cp '" + from + "' '" + to + "'";
+  const double best = Best(o.repeat, [&] { fs::remove(to); },
+                           [&] { Check(std::system(command.c_str()) == 0, "cp"); });
+  fs::remove(to);
+  return best;
+}
+
 void WholeFile(const Options& o, const std::string& dir) {
   const std::size_t size = (o.quick ? 1 : 16) * std::size_t(1) << 20;  // per stream
   const std::string file = dir + "/whole.tzcf";
   MakeCompoundFile(file, 64, size);
-  const std::string copy = dir + "/whole-copy.tzcf";
-  const std::string cpCommand = "cp '" + file + "' '" + copy + "'";
-  const double cp = Best(o.repeat, [&] { fs::remove(copy); },
-                         [&] { Check(std::system(cpCommand.c_str()) == 0, "cp"); });
-  fs::remove(copy);
+  const double cp = TimeCp(o, file, dir + "/whole-copy.tzcf");
   const std::string work = Source::GetTempFolderName(dir.c_str(), file.c_str());
   std::unique_ptr<Source> source;
   auto reopen = [&] {
@@ -220,12 +267,105 @@ void WholeFile(const Options& o, const std::string& dir) {
       o.repeat, [&] { fs::remove(saved); reopen(); },
       [&] { Check(source->SaveAs(saved.c_str()) == Source::NoError, "save as"); });
   fs::remove(saved);
-  const double compact = Best(o.repeat, reopen, [&] { source->CompactCompoundFile(); });
   source->Close(Source::DiscardChanges, false);
+  source.reset();
+  const double compact = TimeCompactCompoundFile(o, dir, file, [] {});
   const double mib = static_cast<double>(fs::file_size(file)) / (1 << 20);
+  fs::remove(file);
   std::printf("whole file (%.0f MiB): cp %.2f s, SaveAs %.2f s (%.2fx cp), "
               "CompactCompoundFile %.2f s (%.2fx cp) (goal <= 3x)\n",
               mib, cp, saveAs, saveAs / cp, compact, compact / cp);
+}
+
+// A plain file of exactly `bytes` bytes.
+void MakePlainFile(const std::string& path, std::uint64_t bytes) {
+  const std::string chunk = Bytes(1 << 20, 5);
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  for (std::uint64_t left = bytes; left > 0;) {
+    const std::uint64_t n = std::min<std::uint64_t>(left, chunk.size());
+    out.write(chunk.data(), static_cast<std::streamsize>(n));
+    left -= n;
+  }
+  out.close();
+  Check(out.good() && fs::file_size(path) == bytes, "plain file");
+}
+
+double MiB(std::uint64_t bytes) { return static_cast<double>(bytes) / (1 << 20); }
+
+// The figures of the in-place section, each the fastest of --repeat runs.
+struct InPlaceFigures {
+  int count = 0;
+  std::size_t size = 0;
+  InPlaceRun inPlace;
+  double saveAs = 0;  // CompactCompoundFile
+  std::uint64_t saveAsLength = 0;
+  double cut = 0;  // resizing a fresh copy to the compacted length
+  double cp = 0;   // cp of a plain file of the moved blocks' bytes
+  VacuumResult vacuum;
+};
+
+void PrintInPlace(const InPlaceFigures& f) {
+  const CompactProgress& p = f.inPlace.progress;
+  const InPlaceRun& r = f.inPlace;
+  const std::uint64_t movedBytes = std::uint64_t{p.moved} * tzformat::kBlockSize;
+  std::printf("compaction in place (%d streams of %zu KiB, every second deleted): "
+              "%.1f MiB -> %.1f MiB, moved %u blocks (%.1f MiB)\n",
+              f.count, f.size >> 10, MiB(p.lengthBefore), MiB(p.length), p.moved, MiB(movedBytes));
+  std::printf("  CompactInPlace %.3f s, cp of the moved bytes %.3f s: %.2fx cp (goal <= 1.5)\n",
+              r.total, f.cp, r.total / f.cp);
+  std::printf("  cut of the holed file to that length alone %.3f s: in place %.2fx cp and cut\n",
+              f.cut, r.total / (f.cp + f.cut));
+  std::printf("  CompactCompoundFile %.3f s (%.1f MiB -> %.1f MiB): in place %.2fx of it\n",
+              f.saveAs, MiB(p.lengthBefore), MiB(f.saveAsLength), r.total / f.saveAs);
+  if (f.vacuum.measured) {
+    std::printf("  SQLite VACUUM %.3f s (%.1f MiB -> %.1f MiB): in place %.2fx of it\n",
+                f.vacuum.seconds, MiB(f.vacuum.lengthBefore), MiB(f.vacuum.length),
+                r.total / f.vacuum.seconds);
+  } else {
+    std::printf("  SQLite VACUUM n/a (built without SQLite)\n");
+  }
+  const double perBatch = r.batches > 1 ? r.otherBatches / (r.batches - 1) : 0;
+  std::printf("  in place, fastest run: open %.1f ms, head walk and first batch %.1f ms, "
+              "%d more batches %.1f ms (%.2f ms each), to the return %.1f ms, close %.1f ms; "
+              "processor time %.3f s of %.3f s\n",
+              r.open * 1e3, r.firstBatch * 1e3, r.batches - 1, r.otherBatches * 1e3,
+              perBatch * 1e3, r.finish * 1e3, r.close * 1e3, r.processor, r.total);
+}
+
+void CompactionInPlace(const Options& o, const std::string& dir) {
+  InPlaceFigures f;
+  f.count = o.quick ? 256 : 4096;
+  f.size = std::size_t(256) << 10;  // per stream
+  const std::function<std::string(int)> bytesOf = [&](int i) {
+    return Bytes(f.size, static_cast<unsigned>(i) + 1);  // each stream its own bytes
+  };
+  const std::string holed = dir + "/holed.tzcf";
+  const std::string work = dir + "/holed-work.tzcf";
+  MakeHoledCompoundFile(holed, f.count, bytesOf);
+  auto restore = [&] { fs::copy_file(holed, work, fs::copy_options::overwrite_existing); };
+  for (int i = 0; i < o.repeat; ++i) {
+    restore();
+    ::sync();
+    const InPlaceRun r = CompactInPlaceOnce(work);
+    if (r.total < f.inPlace.total) f.inPlace = r;
+  }
+  CheckCompacted(work, f.inPlace, f.count, bytesOf);
+  const CompactProgress& p = f.inPlace.progress;
+
+  f.saveAs = TimeCompactCompoundFile(o, dir, work, restore);
+  f.saveAsLength = fs::file_size(work);
+  // Cutting the file gives back its tail's extents, a cost cp does not
+  // have; what the file system takes for that one cut, on the same file.
+  f.cut = Best(o.repeat, restore, [&] { fs::resize_file(work, p.length); });
+  fs::remove(work);
+
+  const std::string moved = dir + "/moved.bin";
+  MakePlainFile(moved, std::uint64_t{p.moved} * tzformat::kBlockSize);
+  f.cp = TimeCp(o, moved, dir + "/moved-copy.bin");
+  fs::remove(moved);
+  fs::remove(holed);  // before the database: the run stays within 4 GiB
+  f.vacuum = TimeVacuum(dir, f.count, o.repeat, bytesOf);
+  PrintInPlace(f);
 }
 
 }  // namespace
@@ -237,9 +377,18 @@ int main(int argc, char** argv) {
   const fs::path dir = base / ("tz-source-bench-" + std::to_string(::getpid()));
   try {
     fs::create_directories(dir);
-    SaveScaling(options, dir.string());
-    Linearity(options, dir.string());
-    WholeFile(options, dir.string());
+    const std::pair<const char*, void (*)(const Options&, const std::string&)> sections[] = {
+        {"save", SaveScaling},
+        {"linearity", Linearity},
+        {"whole", WholeFile},
+        {"inplace", CompactionInPlace}};
+    int ran = 0;
+    for (const auto& section : sections) {
+      if (!options.only.empty() && options.only != section.first) continue;
+      section.second(options, dir.string());
+      ++ran;
+    }
+    Check(ran > 0, "no section of that name");
   } catch (const std::exception& e) {
     std::fprintf(stderr, "benchmark failed: %s\n", e.what());
     fs::remove_all(dir);

@@ -64,9 +64,11 @@
 #include "utility/MD5.h"
 #include "utility/PagedArray.h"
 #include "utility/RecyclingAllocator.h"
+#include "blockstore/BlockGraph.h"
 #include "blockstore/BlockMap.h"
 #include "blockstore/DirBlockPool.h"
 #include "blockstore/DirectoryIndex.h"
+#include "tesselzostream/Compaction.h"
 #include "tesselzostream/Status.h"
 
 namespace BlowFish {
@@ -269,6 +271,12 @@ class BlockFileCore {
   // write (refusals, growth, the block map).
   ZoStreamE::Status WriteRawBlock(std::uint32_t n, std::uint8_t inUse, const unsigned char* raw);
 
+  // --- Compaction in place and scrubbing (BlockFileCoreCompact.cpp) ---
+  // What CompoundFile::CompactInPlace and ScrubFreeBlocks do; see there.
+  ZoStreamE::Status CompactInPlace(std::uint32_t maxMoves, CompactCallback callback, void* context,
+                                   CompactProgress* progress);
+  ZoStreamE::Status ScrubFreeBlocks(std::uint32_t* scrubbed);
+
   // --- Cipher (BlockFileCipher.cpp) ---
   // Encrypt and Decrypt rewrite every chain in place. Chains that leave the
   // file, loop or share blocks are refused (StatusFailed) before anything
@@ -333,6 +341,25 @@ class BlockFileCore {
   // The number for a new block: the map's lowest free one, confirmed by
   // the block's head when the map came from the saved list.
   std::uint32_t AllocBlockNumber();
+
+  // Helpers of compaction and scrubbing (BlockFileCoreCompact.cpp).
+  // BeginMaintenance refuses (StatusNotOpen, the failed status, or
+  // StatusFailed with the status unchanged for a read-only file, a batch or
+  // an open stream), else runs with the status Ok and payloads verbatim,
+  // the one it had in *before, until EndMaintenance.
+  ZoStreamE::Status BeginMaintenance(ZoStreamE::Status* before);
+  ZoStreamE::Status EndMaintenance(ZoStreamE::Status before);
+  bool BuildBlockGraph(BlockGraph& graph, const DirEntry* skip);
+  bool OnlySavedMapPast(const BlockGraph& graph, const DirEntry* list) const;
+  void GiveUpSavedMap(DirEntry* list);
+  void MoveDirBlockNumber(std::uint32_t index, std::uint32_t from, std::uint32_t to);
+  void CopyMovedBlocks(const BlockGraph& graph, const std::vector<BlockGraph::Move>& moves);
+  void RelinkMovedBlocks(const BlockGraph& graph, const std::vector<BlockGraph::Move>& moves);
+  void CutFile(std::uint32_t blocks);
+  void SettleAsAtClose(const BlockGraph& graph);
+  // While set, payloads go to and from the file as they lie there, without
+  // the cipher: compaction moves ciphertext verbatim.
+  bool verbatimPayloads = false;
 
   // Helpers of Open and the passes.
   void LoadDirectoryChain(const boost::shared_ptr<DirBlock>& first, bool exact);

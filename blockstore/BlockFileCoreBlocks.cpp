@@ -65,7 +65,7 @@ Status BlockFileCore::ReadDataBlockHeld(std::uint32_t n, DataBlock& block, unsig
     bf::FinishDataHead(target, &block);
   }
   RepairHeadForWriting(n, &block);
-  if (IsEncrypted()) {
+  if (IsEncrypted() && !verbatimPayloads) {
     if (cipher) {
       cipher->Decrypt(payload != nullptr ? payload : block.payload,
                       static_cast<unsigned>(CipherLength(block.usedLength)));
@@ -87,7 +87,7 @@ DataBlock* BlockFileCore::LoadDataBlock(std::uint32_t n) {
 }
 
 Status BlockFileCore::WriteDataBlock(const DataBlock& block, const unsigned char* payload) {
-  if (status == ZoStreamE::StatusOk && IsEncrypted()) {
+  if (status == ZoStreamE::StatusOk && IsEncrypted() && !verbatimPayloads) {
     if (!cipher) {
       Fail(ZoStreamE::StatusPasswordNeeded);
       return status;

@@ -72,6 +72,8 @@ void BlockFileCore::StartSession(bool cleanEnd) {
     if (file->ReadBlock(1, raw)) {
       dirOpenHash[0] = HashBlock(raw);
       dirHashState[0] = kHashSame;
+    } else {
+      Fail();
     }
   }
 }

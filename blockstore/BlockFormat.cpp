@@ -9,7 +9,6 @@ namespace blockformat {
 
 const char kSignature[kSignatureSize] = "BlockFile";
 const char kFileSignature[kFileSignatureSize] = "ZoCompoundFile";
-const char kFreeListName[] = "zorvanet_block_file_free_list";
 const unsigned char kUnfinishedMark[kUnfinishedMarkSize] = {'t', 'z', 'o', 'p', 'e', 'n', 0x5a, 0xa5};
 
 bool HasUnfinishedMark(const DirBlock& block) {

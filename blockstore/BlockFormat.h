@@ -53,6 +53,7 @@
 #include <cstdint>
 
 #include "tesselzostream/DirEntry.h"
+#include "tesselzostream/FormatFacts.h"
 
 namespace blockformat {
 
@@ -91,19 +92,31 @@ constexpr std::uint32_t kOffListDigest = 0;
 constexpr std::uint32_t kOffListHighest = 16;
 constexpr std::uint32_t kOffListMap = 20;
 constexpr std::uint32_t kListMapRoomFirst = kPayloadSize - kOffListMap;  // 983
+// The saved map's stream size is H + 20, the offset of its map bytes: the
+// chain is long enough once its payloads exceed that.
+constexpr std::uint32_t kListSizeOverHighest = kOffListMap;
 
 constexpr std::uint16_t kFlagEncrypted = 1;
 constexpr std::uint32_t kMaxNameLength = DirEntry::kNameSize - 1;  // 256
 
 extern const char kSignature[kSignatureSize];          // "BlockFile"
 extern const char kFileSignature[kFileSignatureSize];  // "ZoCompoundFile"
-extern const char kFreeListName[];  // "zorvanet_block_file_free_list"
+using tzformat::kFreeListName;  // the saved block map's stream
 constexpr std::uint32_t kUnfinishedMarkSize = 8;
 extern const unsigned char kUnfinishedMark[kUnfinishedMarkSize];
 
 // The head and the data block are packed: in memory they have the file's
 // layout, so on a little-endian host a data block goes to and from the file
 // as its own 1024 bytes, with no conversion (the hot path of every stream).
+// What callers are told of the layout is what this codec writes.
+static_assert(tzformat::kBlockSize == kBlockSize && tzformat::kPayloadSize == kPayloadSize &&
+                  tzformat::kEntriesPerDirBlock == kEntriesPerBlock && tzformat::kMaxNameLength == kMaxNameLength,
+              "format facts");
+static_assert(tzformat::kBlockSignatureOffset == kOffSignature && sizeof tzformat::kBlockSignature == kSignatureSize &&
+                  tzformat::kFileSignatureOffset == kOffFileSignature &&
+                  sizeof tzformat::kFileSignature == kFileSignatureSize,
+              "format facts");
+
 #pragma pack(push, 1)
 struct BlockHead {
   std::uint32_t blockNumber;

@@ -124,6 +124,18 @@ bool BlockIO::ReadBlockSplit(std::uint32_t n, unsigned char* head, std::size_t h
   return whole;
 }
 
+bool BlockIO::ReadRun(std::uint32_t first, std::uint32_t count, unsigned char* out) {
+  if (first == 0) return false;
+  const std::uint64_t offset = Offset(first);
+  const std::size_t length = std::size_t{count} * kBlock;
+  std::size_t got = 0;
+  if (!file_->ReadAt(offset, out, length, &got)) return false;
+  OverlayPending(offset, out, length);
+  const std::uint64_t pendingEnd = pendingStart_ + pendingLength_;
+  return got == length || (pendingLength_ != 0 && offset + got >= pendingStart_ &&
+                           offset + length <= pendingEnd);
+}
+
 bool BlockIO::WriteBlock(std::uint32_t n, const unsigned char* in) {
   return WriteBlockSplit(n, in, kBlock, nullptr);
 }
@@ -190,6 +202,20 @@ void BlockIO::CutTornTail() {
 // to blocks later in the run never reach the disk without them. After a
 // failure nothing more is written, so no write made after a failed one can
 // land (a link to a block that never got there).
+bool BlockIO::Truncate(std::uint32_t blocks) {
+  if (!Flush()) return false;
+  const std::uint64_t size = std::uint64_t{blocks} * kBlock;
+  if (!file_->Truncate(size)) {
+    failed_ = true;
+    return false;
+  }
+  diskSize_ = size;
+  reservedEnd_ = size;
+  aheadLength_ = 0;
+  lastRead_ = ~std::uint64_t{0};
+  return true;
+}
+
 bool BlockIO::Flush() {
   if (failed_) {
     pendingLength_ = 0;

@@ -43,6 +43,11 @@ class BlockIO {
   bool ReadBlockSplit(std::uint32_t n, unsigned char* head, std::size_t headLength,
                       unsigned char* tail);
 
+  // Blocks first .. first + count - 1 into out[count * 1024], in one read
+  // of the file (queued writes included). False on an I/O error or when a
+  // block is not wholly there. For a scan of the whole file.
+  bool ReadRun(std::uint32_t first, std::uint32_t count, unsigned char* out);
+
   // Queues block n (in[1024]) for writing. False, with nothing queued, when
   // an earlier queued write had to be flushed to make room and failed, or
   // any write has failed before.
@@ -64,6 +69,11 @@ class BlockIO {
   // emptied either way. After a failed write the object writes nothing any
   // more: every later write and flush is refused.
   bool Flush();
+
+  // Sends queued writes, then cuts the file to its first `blocks` blocks.
+  // False when either failed; a failed cut, like a failed write, ends all
+  // writing.
+  bool Truncate(std::uint32_t blocks);
 
  private:
   // After a failed write: cuts a part-block at the end of the file.

@@ -135,6 +135,20 @@ std::basic_iostream<char>* CompoundFile::GetIOStream(const char* name, const cha
   return core_->OpenStream(name, bits);
 }
 
+Status CompoundFile::CompactInPlace(CompactProgress* progress, std::uint32_t maxMoves,
+                                    CompactCallback callback, void* context) {
+  if (core_ == nullptr) {
+    if (progress != nullptr) *progress = CompactProgress();
+    return ZoStreamE::StatusNotOpen;
+  }
+  return core_->CompactInPlace(maxMoves, callback, context, progress);
+}
+
+Status CompoundFile::ScrubFreeBlocks(std::uint32_t* scrubbed) {
+  if (scrubbed != nullptr) *scrubbed = 0;
+  return core_ != nullptr ? core_->ScrubFreeBlocks(scrubbed) : ZoStreamE::StatusNotOpen;
+}
+
 Status CompoundFile::Encrypt(const char* password) {
   return core_ != nullptr ? core_->Encrypt(password) : ZoStreamE::StatusNotOpen;
 }

@@ -223,6 +223,7 @@ class Checker {
         Problem(CheckProblem::kHead, n, "",
                 "block " + std::to_string(n) + " has a wrong number or signature in its head");
       } else if (head.inUse != 0) {
+        ++r_.unreachedBlocks;
         Problem(CheckProblem::kUnreached, n, "",
                 "block " + std::to_string(n) + " is in use by its head, but no chain holds it");
       } else {

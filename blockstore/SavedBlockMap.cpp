@@ -148,7 +148,7 @@ void BlockFileCore::WriteFreeList() {
     entry->firstBlock = chain.back()->blockNumber;
     MarkEntryUsed(entry);
   }
-  while (static_cast<std::int64_t>(blockMap.highest()) + 20 >=
+  while (static_cast<std::int64_t>(blockMap.highest()) + bf::kListSizeOverHighest >=
          static_cast<std::int64_t>(chain.size()) * bf::kPayloadSize) {
     chain.emplace_back(AllocDataBlock(nullptr));
     chain[chain.size() - 2]->nextBlock = chain.back()->blockNumber;
@@ -157,7 +157,7 @@ void BlockFileCore::WriteFreeList() {
   if (status != ZoStreamE::StatusOk) return;
 
   const auto h = static_cast<std::uint32_t>(blockMap.highest());
-  entry->size = h + 20;
+  entry->size = h + bf::kListSizeOverHighest;
   EntryChanged(entry);
   unsigned char digest[bf::kDigestSize];
   ComputeDirectoryDigest(digest);

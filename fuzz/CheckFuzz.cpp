@@ -23,6 +23,7 @@
 
 #include "tesselzostream/CompoundFile.h"
 #include "tesselzostream/CompoundFileCheck.h"
+#include "tesselzostream/FormatFacts.h"
 
 namespace {
 
@@ -47,7 +48,7 @@ std::vector<char> ReadBack(const std::string& path) {
 
 void Expect(const CheckReport& r, std::size_t length) {
   if (!r.opened) Stop("a regular file could not be checked");
-  if (r.blocks != length / 1024) Stop("block count is not the file's");
+  if (r.blocks != length / tzformat::kBlockSize) Stop("block count is not the file's");
   if (r.heldBlocks > r.blocks || r.usedInHeads > r.blocks || r.skippedBlocks > r.blocks) {
     Stop("a count exceeds the blocks of the file");
   }

@@ -12,15 +12,16 @@
 #include "tesselzostream/Exception.h"
 #include "utility/Env.h"
 #include "utility/Path.h"
+#include "tesselzostream/FormatFacts.h"
 #include "utility/ZoString.h"
 
 namespace fs = boost::filesystem;
 
 namespace {
 
-constexpr std::uint32_t kPayload = 1003;      // stream bytes in one data block
-constexpr std::uint32_t kEntriesPerBlock = 3;  // directory entries in one block
-constexpr std::uint32_t kBlockSize = 1024;
+constexpr std::uint32_t kPayload = tzformat::kPayloadSize;
+constexpr std::uint32_t kEntriesPerBlock = tzformat::kEntriesPerDirBlock;
+constexpr std::uint32_t kBlockSize = tzformat::kBlockSize;
 
 std::uint32_t CeilDiv(std::uint32_t n, std::uint32_t d) { return n / d + (n % d != 0 ? 1 : 0); }
 

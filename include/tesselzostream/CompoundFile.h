@@ -30,6 +30,7 @@
 #include <istream>
 #include <string>
 
+#include "tesselzostream/Compaction.h"
 #include "tesselzostream/DirEntry.h"
 #include "tesselzostream/Export.h"
 #include "tesselzostream/Status.h"
@@ -161,6 +162,55 @@ class TZ_EXPORT CompoundFile {
   /// from the stream's device, which seekg and tellg turn into badbit but
   /// this standard library's seekp and tellp pass on to the caller.
   std::basic_iostream<char>* GetIOStream(const char* name, const char* mode);
+
+  /// @name Compaction in place and scrubbing
+  /// Two passes over the blocks that no stream holds. Both need a file
+  /// opened for writing, with no stream of it open and no batch running;
+  /// otherwise they return StatusFailed and change nothing, not even the
+  /// file's status (StatusNotOpen without a file, the status when it has
+  /// failed). Neither needs the password of an encrypted file: a payload's
+  /// cipher does not depend on the block it lies in, so blocks move
+  /// verbatim, and the file stays encrypted. Both first walk every chain
+  /// from the directory; a chain that leaves the file, loops, shares a block
+  /// with another or runs through a block whose head is not its own is
+  /// refused in the same way, before anything is written. Like every write,
+  /// neither may run beside any other call on the file, reads included:
+  /// blocks change their numbers under them.
+  ///
+  /// Both end by writing the directory and the saved block map as a close
+  /// writes them: a process that ends right after needs no repair at its
+  /// next open. A process killed while either runs leaves a file that opens
+  /// and in which every stream reads back as before; at worst copies of
+  /// moved blocks are left that no chain holds, which the next open for
+  /// writing frees.
+  /// @{
+
+  /// Moves the used blocks at the end of the file into the lowest free
+  /// blocks, relinks them, and cuts the file after its last used block.
+  /// Extra disk space: none beyond the saved block map's chain, which
+  /// goes after the last used block.
+  ///
+  /// `maxMoves` bounds the blocks moved by this call (0: no bound), so that
+  /// an application may compact a little at a time; a later call goes on
+  /// where this one stopped. `callback`, when given, is called with
+  /// `context` after each batch of moves and may stop the run by returning
+  /// false. `progress`, when given, receives the final count (`finished`
+  /// tells whether the file is now compact). A run that stops early leaves
+  /// the free blocks it did not reach as they were, old bytes included (see
+  /// ScrubFreeBlocks); a run that finishes leaves no free block in the
+  /// file. Returns the file's status.
+  ZoStreamE::Status CompactInPlace(CompactProgress* progress = nullptr, std::uint32_t maxMoves = 0,
+                                   CompactCallback callback = nullptr, void* context = nullptr);
+
+  /// Overwrites every block that no stream holds with the bytes of a
+  /// skipped block (its head, in use 0, no link, length and payload zero),
+  /// so that deleted content cannot be read back from the file; blocks
+  /// that hold those bytes already are left alone. Used blocks are not
+  /// touched, and every stream reads back as before. `scrubbed`, when
+  /// given, receives the number of blocks written. Returns the file's
+  /// status.
+  ZoStreamE::Status ScrubFreeBlocks(std::uint32_t* scrubbed = nullptr);
+  /// @}
 
   /// @name Encryption
   /// Encryption under a password. Encrypt enciphers every stream (after

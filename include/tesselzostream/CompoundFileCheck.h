@@ -100,6 +100,10 @@ struct TZ_EXPORT CheckReport {
   /// Blocks that no chain holds, whose head says free, and that hold exactly
   /// the filler written when a write lands beyond the end.
   std::uint32_t skippedBlocks = 0;
+  /// Blocks whose head says in use that no chain holds (each one is also a
+  /// kUnreached problem): what a run that did not finish leaves, and the
+  /// next open for writing frees.
+  std::uint32_t unreachedBlocks = 0;
   SavedMapState savedMap = kMapMissing;     ///< the saved block map's state
   /// The file carries the mark of a session that wrote to it and did not
   /// finish (killed before it wrote its directory): what that session left

@@ -3,12 +3,14 @@
 #ifndef TESSELZOSTREAM_TESSELZOSTREAM_H_
 #define TESSELZOSTREAM_TESSELZOSTREAM_H_
 
+#include "tesselzostream/Compaction.h"
 #include "tesselzostream/CompoundFile.h"
 #include "tesselzostream/CompoundFileCheck.h"
 #include "tesselzostream/DirEntry.h"
 #include "tesselzostream/Exception.h"
 #include "tesselzostream/Export.h"
 #include "tesselzostream/FactoryRepository.h"
+#include "tesselzostream/FormatFacts.h"
 #include "tesselzostream/OldStreamDirectory.h"
 #include "tesselzostream/Salvage.h"
 #include "tesselzostream/Status.h"

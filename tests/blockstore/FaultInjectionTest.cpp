@@ -196,6 +196,20 @@ TEST_F(FaultInjectionTest, EveryOperationSurvivesAFullDisk) {
          s->write(fresh.data() + 2500, static_cast<std::streamsize>(fresh.size() - 2500));
        },
        "fresh", false, fresh, false, false, fresh.substr(0, 2500)},
+      {"compact in place", [](CompoundFile& f) { f.CompactInPlace(); }, nullptr, false, "", false},
+      {"compact in place a step at a time",
+       [](CompoundFile& f) {
+         CompactProgress p;
+         while (f.CompactInPlace(&p, 1) == StatusOk && !p.finished) {
+         }
+       },
+       nullptr, false, "", false},
+      {"encrypt, then compact in place",
+       [](CompoundFile& f) {
+         if (f.Encrypt(kPassword) == StatusOk) f.CompactInPlace();
+       },
+       nullptr, false, "", true},
+      {"scrub", [](CompoundFile& f) { f.ScrubFreeBlocks(); }, nullptr, false, "", false},
   };
   for (const Fault kind : {Fault::kWrite, Fault::kPartialWrite, Fault::kRead, Fault::kOpen}) {
     for (const Operation& op : operations) RunUntilClean(op, kind);

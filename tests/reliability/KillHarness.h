@@ -33,6 +33,7 @@ enum class Op : std::uint16_t {
   kFail,     // the child met an unexpected result (offset: a code)
   kBatchBegin,
   kBatchEnd,
+  kScrub,
 };
 
 struct Record {

@@ -352,7 +352,10 @@ TEST_F(TzcfTest, PasswordsComeFromAFileTheEnvironmentOrATerminal) {
   const Result unpack = Run({"unpack", "a.tzcf", "out"}, "", "TZCF_PASSWORD=two");
   EXPECT_EQ(unpack.code, 0) << unpack.err;
   EXPECT_EQ(ReadFile(Path("out/secret.txt")), "the content");
-  EXPECT_EQ(Run({"compact", "a.tzcf"}).code, 2);  // a rewrite would come out clear
+  EXPECT_EQ(Run({"compact", "--copy", "a.tzcf"}).code, 2);  // a rewrite would come out clear
+  const Result inPlace = Run({"compact", "a.tzcf"});          // moves blocks as they lie
+  EXPECT_EQ(inPlace.code, 0) << inPlace.err;
+  EXPECT_EQ(Run({"cat", "a.tzcf", "secret.txt"}, "", "TZCF_PASSWORD=two").out, "the content");
 
   const Result prompted = RunOnTerminal({"cat", Path("a.tzcf").string(), "secret.txt"}, {"two"});
   EXPECT_EQ(prompted.code, 0) << prompted.out;
@@ -395,29 +398,52 @@ TEST_F(TzcfTest, CheckFindsADamagedChainAndNamesItsBlock) {
   EXPECT_EQ(Run({"check", "missing.tzcf"}).code, 2);
 }
 
+// In place and through a copy; scrub leaves the length and clears what
+// the removed stream held.
 TEST_F(TzcfTest, CompactGivesBackTheSpaceOfRemovedStreams) {
-  WriteFile(Path("in/big.bin"), Pattern(100 * 1003, 4));
-  WriteFile(Path("in/nested/kept.txt"), "kept\n");
-  WriteFile(Path("in/top.txt"), "top\n");
-  ASSERT_EQ(Run({"pack", "in", "a.tzcf"}).code, 0);
-  ASSERT_EQ(Run({"rm", "a.tzcf", "big.bin"}).code, 0);
-  fs::remove(Path("in/big.bin"));
+  const std::string big = Pattern(100 * 1003, 4);
+  auto holdsBig = [&]() {
+    const tztest::FileBytes raw = tztest::ReadAll(Path("a.tzcf").string());
+    return std::string(raw.begin(), raw.end()).find(big.substr(5100, 400)) != std::string::npos;
+  };
+  for (const std::vector<std::string>& command :
+       {std::vector<std::string>{"compact", "a.tzcf"}, {"compact", "--copy", "a.tzcf"}, {"scrub", "a.tzcf"}}) {
+    SCOPED_TRACE(command[1]);
+    fs::remove_all(Path("in"));
+    fs::remove_all(Path("out"));
+    fs::remove(Path("a.tzcf"));
+    WriteFile(Path("in/big.bin"), big);
+    WriteFile(Path("in/nested/kept.txt"), "kept\n");
+    WriteFile(Path("in/top.txt"), "top\n");
+    ASSERT_EQ(Run({"pack", "in", "a.tzcf"}).code, 0);
+    ASSERT_EQ(Run({"rm", "a.tzcf", "big.bin"}).code, 0);
+    fs::remove(Path("in/big.bin"));
+    ASSERT_TRUE(holdsBig());
 
-  const Result before = Run({"info", "a.tzcf"});
-  ASSERT_EQ(before.code, 0) << before.err;
-  EXPECT_NE(before.out.find("encrypted:     no"), std::string::npos) << before.out;
-  EXPECT_NE(before.out.find("reclaimable:   103424 bytes"), std::string::npos) << before.out;  // 101 blocks
+    const Result before = Run({"info", "a.tzcf"});
+    ASSERT_EQ(before.code, 0) << before.err;
+    EXPECT_NE(before.out.find("encrypted:     no"), std::string::npos) << before.out;
+    EXPECT_NE(before.out.find("reclaimable:   103424 bytes"), std::string::npos) << before.out;  // 101 blocks
 
-  const std::uintmax_t size = fs::file_size(Path("a.tzcf"));
-  const Result compact = Run({"compact", "a.tzcf"});
-  ASSERT_EQ(compact.code, 0) << compact.err;
-  EXPECT_LE(fs::file_size(Path("a.tzcf")), size - 103424);
-  EXPECT_NE(Run({"info", "a.tzcf"}).out.find("reclaimable:   0 bytes"), std::string::npos);
-  ASSERT_EQ(Run({"unpack", "a.tzcf", "out"}).code, 0);
-  EXPECT_EQ(Snapshot(Path("out")), Snapshot(Path("in")));
-  // No temporary file is left beside the compacted one.
-  for (fs::directory_iterator it(dir_), end; it != end; ++it) {
-    EXPECT_EQ(it->path().filename().string().find("kelvoptmp"), std::string::npos);
+    const std::uintmax_t size = fs::file_size(Path("a.tzcf"));
+    const Result run = Run(command);
+    ASSERT_EQ(run.code, 0) << run.err;
+    EXPECT_FALSE(holdsBig());
+    if (command[0] == "scrub") {
+      // Of the 101 free blocks one is a skipped block already.
+      EXPECT_EQ(run.out, "a.tzcf: 100 free blocks overwritten\n");
+      EXPECT_EQ(fs::file_size(Path("a.tzcf")), size);
+    } else {
+      EXPECT_LE(fs::file_size(Path("a.tzcf")), size - 103424);
+      EXPECT_NE(Run({"info", "a.tzcf"}).out.find("reclaimable:   0 bytes"), std::string::npos);
+    }
+    EXPECT_EQ(Run({"check", "a.tzcf"}).code, 0);
+    ASSERT_EQ(Run({"unpack", "a.tzcf", "out"}).code, 0);
+    EXPECT_EQ(Snapshot(Path("out")), Snapshot(Path("in")));
+    // No temporary file is left beside the compacted one.
+    for (fs::directory_iterator it(dir_), end; it != end; ++it) {
+      EXPECT_EQ(it->path().filename().string().find("kelvoptmp"), std::string::npos);
+    }
   }
 }
 

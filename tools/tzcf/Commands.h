@@ -31,7 +31,11 @@ Exit Remove(const std::string& file, const std::vector<std::string>& patterns, c
 // The file as a whole (FileCommands.cpp).
 Exit Check(const std::string& file, const Options& options);
 Exit Info(const std::string& file, const Options& options);
+// compact moves blocks in place (MaintenanceCommands.cpp), or, with
+// --copy, rewrites the file through the library's SaveAs (CompactByCopy).
 Exit Compact(const std::string& file, const Options& options);
+Exit CompactByCopy(const std::string& file, const Options& options);
+Exit Scrub(const std::string& file, const Options& options);
 Exit Encrypt(const std::string& file, const Options& options);
 Exit Decrypt(const std::string& file, const Options& options);
 Exit ChangePassword(const std::string& file, const Options& options);

@@ -73,14 +73,12 @@ std::string SpaceText(const std::string& path, int error, std::uint64_t wanted) 
 
 namespace {
 
-// The signatures every first block of a compound file carries (see
-// blockstore/BlockFormat.h): the block head's at offset 5, the directory's
-// at offset 970.
-constexpr char kBlockSignature[] = "BlockFile";
-constexpr std::size_t kBlockSignatureAt = 5;
-constexpr char kFileSignature[] = "ZoCompoundFile";
-constexpr std::size_t kFileSignatureAt = 970;
-constexpr std::size_t kBlockSize = 1024;
+// The signatures every first block of a compound file carries.
+using tzformat::kBlockSignature;
+constexpr std::size_t kBlockSignatureAt = tzformat::kBlockSignatureOffset;
+using tzformat::kFileSignature;
+constexpr std::size_t kFileSignatureAt = tzformat::kFileSignatureOffset;
+constexpr std::size_t kBlockSize = tzformat::kBlockSize;
 
 }  // namespace
 

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 
+#include <tesselzostream/FormatFacts.h>
 #include <tesselzostream/CompoundFile.h>
 
 namespace tzcf {
@@ -18,12 +19,11 @@ enum Exit { kOk = 0, kProblem = 1, kError = 2 };
 
 inline Exit Worse(Exit a, Exit b) { return a > b ? a : b; }
 
-// The directory's name field holds 256 characters and a terminating zero;
-// a longer name could only be stored cut short.
-constexpr std::size_t kMaxNameLength = 256;
+// A longer name could only be stored cut short.
+using tzformat::kMaxNameLength;
 // The stream in which the library saves its block map. The tool never lists,
 // unpacks, writes or deletes it.
-constexpr char kFreeListName[] = "zorvanet_block_file_free_list";
+using tzformat::kFreeListName;
 
 // Stream names compare without regard to ASCII case, as the library's
 // lookup does.
@@ -39,6 +39,7 @@ struct Options {
   bool details = false;         // ls -l
   bool human = false;           // ls -l --human: sizes as 1.5 MiB
   bool dereference = false;     // pack, add: follow symbolic links
+  bool copy = false;            // compact: through a copy, not in place
   std::string passwordFile;     // the password, or the old one for passwd
   std::string newPasswordFile;  // the new password for passwd
 };
@@ -84,9 +85,7 @@ bool OpenFile(CompoundFile& file, const std::string& path, ZoStreamE::OpenMode m
 bool Unlock(CompoundFile& file, const std::string& path, const Options& options,
             std::string* password = nullptr);
 
-// Blocks a stream of `size` bytes occupies: its chain always holds one
-// block more than the whole payloads it fills.
-inline std::uint64_t ChainBlocks(std::uint64_t size) { return size / 1003 + 1; }
+using tzformat::ChainBlocks;
 
 }  // namespace tzcf
 

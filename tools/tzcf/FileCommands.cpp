@@ -1,9 +1,9 @@
-// check, info, compact, encrypt, decrypt, passwd: the commands on a
+// check, info, compact --copy, encrypt, decrypt, passwd: the commands on a
 // compound file as a whole.
 //
 // check and info never write: info takes the blocks in use from the
-// read-only check. compact refuses an encrypted file, since the library's
-// rewrite produces a clear one.
+// read-only check. compact --copy refuses an encrypted file, since the
+// library's rewrite produces a clear one (compact in place does not).
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -236,9 +236,9 @@ Exit Info(const std::string& file, const Options& options) {
   const bool encrypted = report.password != CheckReport::kNotEncrypted;
   const std::uint64_t length = report.fileLength;
   const std::uint64_t used = report.heldBlocks;
-  const std::uint64_t reclaimable = length > used * 1024 ? length - used * 1024 : 0;
+  const std::uint64_t reclaimable = length > used * tzformat::kBlockSize ? length - used * tzformat::kBlockSize : 0;
   if (options.json) {
-    std::cout << "{" << JsonName("file", file) << ", \"length\": " << length << ", \"blocks\": " << length / 1024
+    std::cout << "{" << JsonName("file", file) << ", \"length\": " << length << ", \"blocks\": " << length / tzformat::kBlockSize
               << ", \"blocks_in_use\": " << used << ", \"streams\": " << streams << ", \"saved_map\": \""
               << SavedMapWord(report.savedMap) << "\", \"reclaimable\": " << reclaimable
               << ", \"encrypted\": " << (encrypted ? "true" : "false") << ", \"sound\": "
@@ -247,7 +247,7 @@ Exit Info(const std::string& file, const Options& options) {
   }
   std::cout << "file:          " << file << "\n"
             << "length:        " << length << " bytes (" << HumanBytes(length) << ")\n"
-            << "blocks:        " << length / 1024 << "\n"
+            << "blocks:        " << length / tzformat::kBlockSize << "\n"
             << "blocks in use: " << used << "\n"
             << "streams:       " << streams << "\n"
             << "saved map:     " << SavedMapText(report.savedMap) << "\n"
@@ -259,12 +259,12 @@ Exit Info(const std::string& file, const Options& options) {
   return kOk;
 }
 
-Exit Compact(const std::string& file, const Options& options) {
+Exit CompactByCopy(const std::string& file, const Options& options) {
   {
     CompoundFile reader;
     if (!OpenFile(reader, file, ZoStreamE::OpenReadOnly, true)) return kError;
     if (reader.IsEncrypted()) {
-      Report(file + " is encrypted: decrypt it, compact it and encrypt it again");
+      Report(file + " is encrypted: compact it in place (without --copy)");
       return kError;
     }
   }

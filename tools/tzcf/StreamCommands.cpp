@@ -134,7 +134,7 @@ bool DiskFull(int error) { return error == ENOSPC || error == EDQUOT; }
 // Why `name` cannot be a stream the user writes; empty when it can.
 std::string StreamNameProblem(const std::string& name) {
   if (name.empty()) return "empty stream name";
-  if (name.size() > kMaxNameLength) return "name longer than 256 characters";
+  if (name.size() > kMaxNameLength) return "name longer than " + std::to_string(kMaxNameLength) + " characters";
   if (IsFreeListName(name)) return "the name of the saved block map, which the library keeps";
   return std::string();
 }

@@ -119,10 +119,18 @@ int Main(int argc, char** argv) {
   json(info, "Print a JSON object, for scripts");
   info->callback([&] { run = [&] { return tzcf::Info(file, options); }; });
 
-  CLI::App* compact = app.add_subcommand("compact", "Rewrite FILE without its unused blocks");
+  CLI::App* compact = app.add_subcommand(
+      "compact", "Move the used blocks of FILE into its free ones and cut it short (encrypted files too)");
   fileArgument(compact);
   quiet(compact);
+  compact->add_flag("--copy", options.copy,
+                    "Rewrite FILE through a copy beside it instead (needs its size free; not for encrypted files)");
   compact->callback([&] { run = [&] { return tzcf::Compact(file, options); }; });
+
+  CLI::App* scrub = app.add_subcommand("scrub", "Overwrite the free blocks of FILE, so that deleted content is gone");
+  fileArgument(scrub);
+  quiet(scrub);
+  scrub->callback([&] { run = [&] { return tzcf::Scrub(file, options); }; });
 
   CLI::App* encrypt = app.add_subcommand("encrypt", "Encrypt the streams of FILE under a new password");
   fileArgument(encrypt);

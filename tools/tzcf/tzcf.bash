@@ -18,7 +18,7 @@ _tzcf() {
     cword=$COMP_CWORD
   fi
 
-  local commands="pack add unpack ls cat put rm check info salvage compact encrypt decrypt passwd help"
+  local commands="pack add unpack ls cat put rm check info salvage compact scrub encrypt decrypt passwd help"
   if [ "$cword" -eq 1 ]; then
     COMPREPLY=($(compgen -W "$commands -V --version -h --help" -- "$cur"))
     return
@@ -41,7 +41,8 @@ _tzcf() {
     cat | put) options="--password-file" ;;
     rm) options="--password-file" ;;
     check | info | salvage) options="-q --quiet --json --password-file" ;;
-    compact) options="-q --quiet" ;;
+    compact) options="-q --quiet --copy" ;;
+    scrub) options="-q --quiet" ;;
     encrypt | decrypt) options="-q --quiet --password-file" ;;
     passwd) options="-q --quiet --password-file --new-password-file" ;;
     help)
