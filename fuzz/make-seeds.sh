@@ -10,7 +10,7 @@
 set -eu
 build=$1
 src=$(cd "$(dirname "$0")" && pwd)
-for target in compoundfile check streamformats blockmap unpack; do
+for target in compoundfile check salvage streamformats blockmap unpack; do
   rm -rf "$src/seeds/$target"
   mkdir -p "$src/seeds/$target"
 done
@@ -18,6 +18,8 @@ done
 # The check reads the same format: the same dictionary.
 cp "$src/compoundfile.dict" "$src/check.dict"
 "$build/fuzz/tz_fuzz_check_seeds" "$src/seeds/check"
+cp "$src/compoundfile.dict" "$src/salvage.dict"
+"$build/fuzz/tz_fuzz_salvage_seeds" "$src/seeds/salvage"
 "$build/fuzz/tz_fuzz_streamformats_seeds" "$src/seeds/streamformats" "$src/streamformats.dict"
 "$build/fuzz/tz_fuzz_blockmap_seeds" "$src/seeds/blockmap" "$src/blockmap.dict"
 "$build/fuzz/tz_fuzz_unpack_seeds" "$src/seeds/unpack" "$src/unpack.dict"

@@ -12,6 +12,7 @@
 #include "tesselzostream/FactoryRepository.h"
 #include "tesselzostream/FormatFacts.h"
 #include "tesselzostream/OldStreamDirectory.h"
+#include "tesselzostream/Salvage.h"
 #include "tesselzostream/Status.h"
 #include "tesselzostream/StreamDirectory.h"
 #include "tesselzostream/ZStreamBase.h"

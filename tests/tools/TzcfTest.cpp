@@ -637,3 +637,36 @@ TEST_F(TzcfTest, NamesAndPatternsSelectStreams) {
 }
 
 }  // namespace
+
+TEST_F(TzcfTest, SalvageSaysWhatWasLostAndExitsByIt) {
+  MakeFile("a.tzcf", {{"first", Pattern(2500, 1)}, {"second", Pattern(4000, 2)}});
+  const Result whole = Run({"salvage", "a.tzcf", "whole.tzcf"});
+  EXPECT_EQ(whole.code, 0) << whole.err;
+  EXPECT_EQ(whole.out, "whole.tzcf: 2 streams whole, 0 damaged (0 bytes lost), 0 chains in lost+found\n");
+  const Result again = Run({"salvage", "a.tzcf", "whole.tzcf"});
+  EXPECT_EQ(again.code, 2);
+  EXPECT_NE(again.err.find("exists already"), std::string::npos) << again.err;
+
+  tztest::FileBytes bytes = tztest::ReadAll(Path("a.tzcf").string());
+  const std::uint32_t second = tztest::FirstBlockOf(bytes, "second");
+  tztest::Put32(bytes, tztest::BlockAt(second) + blockformat::kOffNextBlock, 0);  // cut after one block
+  tztest::WriteAll(Path("a.tzcf").string(), bytes);
+  const Result cut = Run({"salvage", "a.tzcf", "cut.tzcf"});
+  EXPECT_EQ(cut.code, 1) << cut.err;
+  ASSERT_LT(second + 1, 10u);  // the rest of its chain follows it
+  const std::string found = "lost+found/block-" + std::string(5, '0') + std::to_string(second + 1);
+  EXPECT_EQ(cut.out, "damaged 'second': 1003 bytes recovered, 2997 lost: the chain ends after 1 block\n"
+                     "found '" + found + "': 2997 bytes from block " + std::to_string(second + 1) +
+                     ": no entry reaches its chain of 3 blocks\n"
+                     "cut.tzcf: 1 streams whole, 1 damaged (2997 bytes lost), 1 chains in lost+found\n");
+  EXPECT_EQ(Run({"cat", "cut.tzcf", "second", found}).out, Pattern(4000, 2));
+  EXPECT_EQ(Run({"check", "cut.tzcf"}).code, 0);
+  const Result json = Run({"salvage", "--json", "a.tzcf", "json.tzcf"});
+  EXPECT_EQ(json.code, 1);
+  EXPECT_NE(json.out.find("\"complete\": false"), std::string::npos) << json.out;
+  // Nothing but the new files was written.
+  EXPECT_EQ(Entries(dir_), (std::vector<std::string>{".stderr", ".stdin", ".stdout", "a.tzcf", "cut.tzcf",
+                                                     "json.tzcf", "whole.tzcf"}));
+  EXPECT_EQ(Run({"salvage", "missing.tzcf", "m.tzcf"}).code, 2);
+  EXPECT_FALSE(fs::exists(Path("m.tzcf")));
+}

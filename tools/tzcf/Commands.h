@@ -40,6 +40,9 @@ Exit Encrypt(const std::string& file, const Options& options);
 Exit Decrypt(const std::string& file, const Options& options);
 Exit ChangePassword(const std::string& file, const Options& options);
 
+// What still reads out of a damaged FILE, into a new file OUT (SalvageCommand.cpp).
+Exit Salvage(const std::string& file, const std::string& out, const Options& options);
+
 }  // namespace tzcf
 
 #endif  // TESSELZOSTREAM_TOOLS_TZCF_COMMANDS_H_

@@ -35,7 +35,7 @@ bool IsFreeListName(const std::string& name);
 // Options that several commands take.
 struct Options {
   bool quiet = false;
-  bool json = false;            // ls, check, info: JSON for scripts
+  bool json = false;            // ls, check, info, salvage: JSON for scripts
   bool details = false;         // ls -l
   bool human = false;           // ls -l --human: sizes as 1.5 MiB
   bool dereference = false;     // pack, add: follow symbolic links

@@ -153,6 +153,17 @@ int Main(int argc, char** argv) {
       ->type_name("PATH");
   passwd->callback([&] { run = [&] { return tzcf::ChangePassword(file, options); }; });
 
+  std::string out;
+  CLI::App* salvage =
+      app.add_subcommand("salvage", "Copy what still reads out of a damaged FILE into a new compound file OUT");
+  fileArgument(salvage);
+  salvage->add_option("OUT", out, "The new file (must not exist)")->required();
+  quiet(salvage);
+  password(salvage);
+  json(salvage, "Print the report as a JSON object, for scripts");
+  salvage->footer("Exit status: 0 every stream whole; 1 something damaged, lost or found without a name; 2 error.");
+  salvage->callback([&] { run = [&] { return tzcf::Salvage(file, out, options); }; });
+
   app.add_subcommand("help", "Show this help, or a command's: tzcf help COMMAND")->allow_extras();
 
   // What CLI11 would answer with "A subcommand is required": a first word

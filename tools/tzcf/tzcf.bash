@@ -18,7 +18,7 @@ _tzcf() {
     cword=$COMP_CWORD
   fi
 
-  local commands="pack add unpack ls cat put rm check info compact scrub encrypt decrypt passwd help"
+  local commands="pack add unpack ls cat put rm check info salvage compact scrub encrypt decrypt passwd help"
   if [ "$cword" -eq 1 ]; then
     COMPREPLY=($(compgen -W "$commands -V --version -h --help" -- "$cur"))
     return
@@ -40,7 +40,7 @@ _tzcf() {
     ls) options="-l --human --json" ;;
     cat | put) options="--password-file" ;;
     rm) options="--password-file" ;;
-    check | info) options="-q --quiet --json --password-file" ;;
+    check | info | salvage) options="-q --quiet --json --password-file" ;;
     compact) options="-q --quiet --copy" ;;
     scrub) options="-q --quiet" ;;
     encrypt | decrypt) options="-q --quiet --password-file" ;;
