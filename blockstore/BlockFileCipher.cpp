@@ -4,27 +4,12 @@
 #include <vector>
 
 #include "blockstore/BlockFileCore.h"
+#include "blockstore/PayloadCipher.h"
 #include "utility/BlowFish.h"
 #include "utility/MD5.h"
 
 using ZoStreamE::Status;
 namespace bf = blockformat;
-
-namespace {
-constexpr std::int32_t kCipherBlock = 8;
-constexpr std::int32_t kMaxCipher = 1000;  // the payload has no room for 1008
-}  // namespace
-
-std::unique_ptr<BlowFish::Context> BlockFileCore::MakeCipher(const char* password) {
-  return std::unique_ptr<BlowFish::Context>(
-      new BlowFish::Context(password, static_cast<unsigned>(std::strlen(password))));
-}
-
-std::int32_t BlockFileCore::CipherLength(std::int32_t usedLength) {
-  if (usedLength <= 0) return 0;
-  if (usedLength > kMaxCipher) return kMaxCipher;
-  return (usedLength + kCipherBlock - 1) / kCipherBlock * kCipherBlock;
-}
 
 bool BlockFileCore::IsEncrypted() const {
   return status == ZoStreamE::StatusOk && !dirBlocks.empty() &&
@@ -45,7 +30,7 @@ bool BlockFileCore::SetPassword(const char* password) {
   // very key and stays, and a new one is put in under readLock, which every
   // read holds while it deciphers.
   std::lock_guard<std::recursive_mutex> hold(readLock);
-  if (!cipher) cipher = MakeCipher(password);
+  if (!cipher) cipher = bf::MakeCipher(password);
   if (status == ZoStreamE::StatusPasswordNeeded) status = ZoStreamE::StatusOk;
   return true;
 }
@@ -84,7 +69,7 @@ void BlockFileCore::RunCipherPass(bool encrypt) {
       for (std::uint32_t n = entry.firstBlock; n != 0; n = ChainNext(block)) {
         if (ReadDataBlock(n, block) != ZoStreamE::StatusOk) throw status;
         if (encrypt) {
-          cipher->Encrypt(block.payload, static_cast<unsigned>(CipherLength(block.usedLength)));
+          cipher->Encrypt(block.payload, static_cast<unsigned>(bf::CipherLength(block.usedLength)));
         }
         if (WriteRawDataBlock(block) != ZoStreamE::StatusOk) throw status;
       }
@@ -166,7 +151,7 @@ Status BlockFileCore::Encrypt(const char* password) {
   // A file without a directory block has no place for the flag: refused,
   // without making the refusal sticky.
   if (dirBlocks.empty()) return ZoStreamE::StatusFailed;
-  cipher = MakeCipher(password);
+  cipher = bf::MakeCipher(password);
   if (RunMarkedPass(true) != ZoStreamE::StatusOk) return status;
   DirBlock& first = *dirBlocks[0];
   first.flags = static_cast<std::uint16_t>(first.flags | bf::kFlagEncrypted);

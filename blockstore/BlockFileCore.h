@@ -282,12 +282,6 @@ class BlockFileCore {
   // file, loop or share blocks are refused (StatusFailed) before anything
   // changes. While a pass runs, the file on disk carries a mark that makes
   // every open refuse it; a pass that completes removes the mark with its
-  // last write and flushes, one that fails leaves it.
-  static std::int32_t CipherLength(std::int32_t usedLength);
-  // The cipher of payloads under `password` (its key is the password text).
-  static std::unique_ptr<BlowFish::Context> MakeCipher(const char* password);
-  // Feeds one directory block, field by field, to the directory digest.
-  static void FeedDirectoryDigest(MD5& md5, const DirBlock& block);
   bool IsEncrypted() const;
   bool SetPassword(const char* password);
   ZoStreamE::Status Encrypt(const char* password);

@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "blockstore/BlockFileCore.h"
+#include "blockstore/PayloadCipher.h"
 #include "utility/BlowFish.h"
 
 using ZoStreamE::Status;
@@ -68,7 +69,7 @@ Status BlockFileCore::ReadDataBlockHeld(std::uint32_t n, DataBlock& block, unsig
   if (IsEncrypted() && !verbatimPayloads) {
     if (cipher) {
       cipher->Decrypt(payload != nullptr ? payload : block.payload,
-                      static_cast<unsigned>(CipherLength(block.usedLength)));
+                      static_cast<unsigned>(bf::CipherLength(block.usedLength)));
     } else {
       Fail(ZoStreamE::StatusPasswordNeeded);
     }
@@ -94,7 +95,7 @@ Status BlockFileCore::WriteDataBlock(const DataBlock& block, const unsigned char
     }
     DataBlock copy = block;
     if (payload != nullptr) std::memcpy(copy.payload, payload, bf::kPayloadSize);
-    cipher->Encrypt(copy.payload, static_cast<unsigned>(CipherLength(copy.usedLength)));
+    cipher->Encrypt(copy.payload, static_cast<unsigned>(bf::CipherLength(copy.usedLength)));
     return WriteRawDataBlock(copy);
   }
   return WriteRawDataBlock(block, payload);

@@ -17,7 +17,8 @@
 
 #include <boost/filesystem.hpp>
 
-#include "blockstore/BlockFileCore.h"
+#include "blockstore/DirectoryDigest.h"
+#include "blockstore/PayloadCipher.h"
 #include "blockstore/BlockFormat.h"
 #include "blockstore/BlockIO.h"
 #include "utility/Env.h"
@@ -114,7 +115,7 @@ class Checker {
     MD5 digest(password);
     if (std::memcmp(digest.GetRawDigest(), dir_[0]->passwordDigest, bf::kDigestSize) == 0) {
       r_.password = CheckReport::kPasswordRight;
-      cipher_ = BlockFileCore::MakeCipher(password);
+      cipher_ = bf::MakeCipher(password);
     } else {
       r_.password = CheckReport::kPasswordWrong;
       Problem(CheckProblem::kPassword, 1, "", "the password given is not the file's");
@@ -240,7 +241,7 @@ class Checker {
     bf::DecodeDataBlock(raw, block);
     if (cipher_) {
       cipher_->Decrypt(block->payload,
-                       static_cast<unsigned>(BlockFileCore::CipherLength(block->usedLength)));
+                       static_cast<unsigned>(bf::CipherLength(block->usedLength)));
     }
     return true;
   }
@@ -257,7 +258,7 @@ class Checker {
     std::uint32_t highest = 0;
     bf::DecodeFreeListHead(block.payload, saved, &highest);
     MD5 md5;
-    for (const auto& dirBlock : dir_) BlockFileCore::FeedDirectoryDigest(md5, *dirBlock);
+    for (const auto& dirBlock : dir_) bf::FeedDirectoryDigest(md5, *dirBlock);
     md5.Finalize();
     // An open for writing trusts the map only under a matching digest and a
     // highest block within the file; otherwise it rebuilds the map.

@@ -6,7 +6,8 @@
 #include <cstring>
 #include <limits>
 
-#include "blockstore/BlockFileCore.h"
+#include "blockstore/DirectoryDigest.h"
+#include "blockstore/PayloadCipher.h"
 #include "utility/MD5.h"
 
 namespace bf = blockformat;
@@ -82,7 +83,7 @@ bool SalvageWalk::Unlock(const bf::DirBlock& first, const char* password) {
     return false;
   }
   r_.password = CheckReport::kPasswordRight;
-  cipher_ = BlockFileCore::MakeCipher(password);
+  cipher_ = bf::MakeCipher(password);
   return true;
 }
 
@@ -185,7 +186,7 @@ bool SalvageWalk::Follow(std::uint32_t n, std::uint32_t id, std::uint64_t limit,
     }
     if (out != nullptr && chunk != 0) {
       if (cipher_) {
-        cipher_->Decrypt(block.payload, static_cast<unsigned>(BlockFileCore::CipherLength(block.usedLength)));
+        cipher_->Decrypt(block.payload, static_cast<unsigned>(bf::CipherLength(block.usedLength)));
       }
       out->write(reinterpret_cast<const char*>(block.payload), static_cast<std::streamsize>(chunk));
     }

@@ -6,59 +6,12 @@
 #include <vector>
 
 #include "blockstore/BlockFileCore.h"
+#include "blockstore/DirectoryDigest.h"
 #include "utility/Endian.h"
 #include "utility/MD5.h"
 
 namespace bf = blockformat;
 
-namespace {
-
-// The bytes one directory block feeds to the directory digest, gathered
-// into one buffer so that the digest takes them in one call: numbers as
-// their little-endian bytes, texts up to their zero.
-class DigestInput {
- public:
-  void Number(std::uint32_t value) {
-    tz::EncodeFixed32(at_, value);
-    at_ += 4;
-  }
-  void Bytes(const void* data, std::size_t n) {
-    std::memcpy(at_, data, n);
-    at_ += n;
-  }
-  void Text(const char* text, std::uint32_t width) { Bytes(text, bf::FieldLength(text, width)); }
-  const unsigned char* data() const { return buffer_; }
-  unsigned size() const { return static_cast<unsigned>(at_ - buffer_); }
-
- private:
-  // Every field at its full width, which no block exceeds.
-  unsigned char buffer_[bf::kBlockSize + 64];
-  unsigned char* at_ = buffer_;
-};
-
-}  // namespace
-
-void BlockFileCore::FeedDirectoryDigest(MD5& md5, const DirBlock& block) {
-  DigestInput in;
-  in.Number(block.blockNumber);
-  in.Bytes(&block.inUse, 1);
-  in.Text(block.signature, bf::kSignatureSize);
-  in.Number(block.nextBlock);
-  for (const DirEntry& entry : block.entries) {
-    in.Text(entry.name, DirEntry::kNameSize);
-    in.Text(entry.created, DirEntry::kTimeSize);
-    in.Text(entry.modified, DirEntry::kTimeSize);
-    in.Number(entry.firstBlock);
-    in.Number(entry.size);
-  }
-  in.Text(block.fileSignature, bf::kFileSignatureSize);
-  in.Bytes(block.reserved, bf::kReservedSize);
-  in.Bytes(block.passwordDigest, bf::kDigestSize);
-  unsigned char flags[2];
-  tz::EncodeFixed16(flags, block.flags);
-  in.Bytes(flags, sizeof flags);
-  md5.Update(in.data(), in.size());
-}
 
 namespace {
 
@@ -73,7 +26,7 @@ std::uint32_t MapOffset(std::size_t k) { return k == 0 ? bf::kOffListMap : 0; }
 
 void BlockFileCore::ComputeDirectoryDigest(unsigned char out[bf::kDigestSize]) const {
   MD5 md5;
-  for (const auto& block : dirBlocks) FeedDirectoryDigest(md5, *block);
+  for (const auto& block : dirBlocks) bf::FeedDirectoryDigest(md5, *block);
   md5.Finalize();
   std::memcpy(out, md5.GetRawDigest(), bf::kDigestSize);
 }

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "blockstore/BlockFileCore.h"
+#include "blockstore/PayloadCipher.h"
 #include "tests/TestUtil.h"
 #include "utility/BlowFish.h"
 #include "utility/Endian.h"
@@ -38,7 +39,7 @@ class EncryptionTest : public ::testing::Test {
 TEST(CipherLength, RoundsUpToEightAndStopsAtOneThousand) {
   const std::pair<int, int> cases[] = {{0, 0},       {1, 8},       {8, 8},       {9, 16},
                                        {1000, 1000}, {1001, 1000}, {1002, 1000}, {1003, 1000}};
-  for (const auto& c : cases) EXPECT_EQ(BlockFileCore::CipherLength(c.first), c.second) << c.first;
+  for (const auto& c : cases) EXPECT_EQ(blockformat::CipherLength(c.first), c.second) << c.first;
 }
 
 TEST_F(EncryptionTest, HeadsDirectoryAndTailsStayClear) {
@@ -59,7 +60,7 @@ TEST_F(EncryptionTest, HeadsDirectoryAndTailsStayClear) {
   for (std::uint32_t n : fullBlocks) {
     EXPECT_EQ(std::memcmp(&f[BlockAt(n)], &clear_[BlockAt(n)], bf::kOffPayload), 0) << "head and usedLength stay clear";
     const std::uint16_t used = Get16(f, BlockAt(n) + bf::kOffUsedLength);
-    const int length = BlockFileCore::CipherLength(used);
+    const int length = blockformat::CipherLength(used);
     std::vector<unsigned char> plain(Payload(f, n), Payload(f, n) + bf::kPayloadSize);
     cipher.Decrypt(plain.data(), static_cast<unsigned>(length));
     EXPECT_EQ(std::memcmp(plain.data(), Payload(clear_, n), bf::kPayloadSize), 0) << "block " << n;
