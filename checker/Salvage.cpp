@@ -10,7 +10,7 @@
 
 #include "blockstore/BlockFormat.h"
 #include "blockstore/BlockIO.h"
-#include "blockstore/SalvageWalk.h"
+#include "checker/SalvageWalk.h"
 #include "utility/Env.h"
 
 namespace bf = blockformat;

@@ -1,5 +1,5 @@
 // The walks of a salvage; their order and bounds are in SalvageWalk.h.
-#include "blockstore/SalvageWalk.h"
+#include "checker/SalvageWalk.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -23,8 +23,8 @@
 //
 // Ownership: borrows the BlockIO and the report for its life. Thread
 // safety: one thread.
-#ifndef TESSELZOSTREAM_BLOCKSTORE_SALVAGEWALK_H_
-#define TESSELZOSTREAM_BLOCKSTORE_SALVAGEWALK_H_
+#ifndef TESSELZOSTREAM_CHECKER_SALVAGEWALK_H_
+#define TESSELZOSTREAM_CHECKER_SALVAGEWALK_H_
 
 #include <cstdint>
 #include <memory>
@@ -106,4 +106,4 @@ class SalvageWalk {
   bool firstFound_ = false;  // block 1 is read in step 4: only its file signature is spoilt
 };
 
-#endif  // TESSELZOSTREAM_BLOCKSTORE_SALVAGEWALK_H_
+#endif  // TESSELZOSTREAM_CHECKER_SALVAGEWALK_H_
