@@ -117,10 +117,12 @@ class Env {
   // clear when nothing is (no such entry, or a component that is no
   // folder); false with the reason in `error` when the path cannot be
   // examined (no permission, an I/O error, a loop of links).
+  // REQUIRES: info != nullptr.
   virtual bool Stat(const std::string& path, bool followLinks, FileInfo* info,
                     boost::system::error_code& error);
   // Stat with links followed, for the answer alone: a link that leads
-  // nowhere does not exist. REQUIRES: `error` is read only after false.
+  // nowhere does not exist. False with `error` clear: nothing is there;
+  // with `error` set: the path could not be examined.
   bool Exists(const std::string& path, boost::system::error_code& error) {
     FileInfo info;
     return Stat(path, true, &info, error);
@@ -129,6 +131,7 @@ class Env {
   // the file system gives them; `entries` is replaced. False, with the
   // reason in `error`, when the folder cannot be read to its end (or an
   // entry's kind cannot be taken); `entries` is then unspecified.
+  // REQUIRES: entries != nullptr.
   virtual bool ListFolder(const std::string& path, std::vector<FolderEntry>* entries,
                           boost::system::error_code& error);
   // Makes the folder at path (one level, its parent must exist). True when
