@@ -2,13 +2,11 @@
 // working directory's name, creation and removal.
 #include "tesselzostream/CompoundFileStreamSource.h"
 
-#include <unistd.h>
-
 #include <memory>
 
-#include <boost/filesystem.hpp>
-
+#include "sources/FileCalls.h"
 #include "sources/SourceConstants.h"
+#include "sources/SourceImpl.h"
 #include "utility/Env.h"
 #include "utility/MD5.h"
 #include "utility/Path.h"
@@ -25,6 +23,7 @@ CompoundFileStreamSource::CompoundFileStreamSource(const char* compoundFileName,
       mDeletedFiles(new std::set<std::string>()),
       mExtractedFiles(new std::set<std::string>()),
       mTempFiles(new std::set<std::string>()),
+      mImpl(new Impl),
       mOpenMode(NotOpened) {
   SetDirectoryName(directoryName);
 }
@@ -48,23 +47,24 @@ void CompoundFileStreamSource::SetDirectoryName(const char* name) {
 
 CompoundFileStreamSource::Error CompoundFileStreamSource::Open(OpenMode mode, bool readOnly) {
   Error result = NoError;
-  const fs::path folder(mDirectoryName != nullptr ? mDirectoryName : "");
+  const std::string folder(mDirectoryName != nullptr ? mDirectoryName : "");
   mIsReadOnly = readOnly;
   const ZoStreamE::OpenMode fileMode = readOnly ? ZoStreamE::OpenReadOnly
                                                 : ZoStreamE::OpenReadWrite;
   try {
     if (mode == NewDirectory) {
-      if (fs::exists(folder)) {
+      boost::system::error_code error;
+      if (tz::ExistsOrThrow(folder)) {
         result = DirectoryExists;
       } else {
-        fs::create_directory(folder);
+        if (!tz::CurrentEnv()->MakeFolder(folder, error)) tz::ThrowFileError("create_directory", folder, error);
         if (mCompoundFile.Open(mCompoundFileName, fileMode) != ZoStreamE::StatusOk)
           result = CompoundFileNotAvailable;
       }
     } else {
       if (mCompoundFile.Open(mCompoundFileName, fileMode) != ZoStreamE::StatusOk)
         result = CompoundFileNotAvailable;
-      else if (!fs::exists(folder))
+      else if (!tz::ExistsOrThrow(folder))
         result = DirectoryMissing;
     }
     if (result == NoError) {
@@ -126,5 +126,6 @@ bool CompoundFileStreamSource::PreviousDeleteOfTempDirUnsuccessfull(const char* 
   std::string marker(folder);
   if (marker.back() != '/') marker += '/';
   marker += tz::kMarkerName;
-  return ::access(marker.c_str(), F_OK) == 0;
+  boost::system::error_code error;
+  return tz::CurrentEnv()->Exists(marker, error);
 }

@@ -1,17 +1,15 @@
 // CompoundFileStreamSource: the save of the working-folder model. Deletions
 // reach the compound file, then each working file that may differ from its
 // stored stream replaces that stream whole.
+#include <map>
 #include <memory>
 
-#include <boost/filesystem.hpp>
-
+#include "sources/FileCalls.h"
 #include "sources/SourceConstants.h"
 #include "tesselzostream/CompoundFileStreamSource.h"
 #include "utility/ByteIO.h"
 #include "utility/Env.h"
 #include "utility/ZoString.h"
-
-namespace fs = boost::filesystem;
 
 namespace {
 bool IsMarker(const std::string& leaf) {
@@ -43,7 +41,6 @@ CompoundFileStreamSource::Error CompoundFileStreamSource::CopyToBlockFile(bool c
   if (mIsReadOnly) return CompoundFileNotAvailable;
   if (mCompoundFile.GetStatus() != ZoStreamE::StatusOk) return CompoundFileNotAvailable;
   const std::string folderName(mDirectoryName != nullptr ? mDirectoryName : "");
-  const fs::path folder(folderName);
 
   // Copies one working file; its leaf name is the stream's name.
   auto copyFile = [&](const std::string& path, const std::string& leaf) -> Error {
@@ -54,28 +51,28 @@ CompoundFileStreamSource::Error CompoundFileStreamSource::CopyToBlockFile(bool c
   };
 
   if (copyAll) {
-    for (fs::directory_iterator it(folder), end; it != end; ++it) {
-      if (fs::is_directory(it->status())) continue;
-      const std::string leaf = it->path().filename().string();
+    for (const tz::FolderEntry& entry : tz::ListOrThrow(folderName)) {
+      if (entry.kind == tz::FileKind::kFolder) continue;
+      const std::string& leaf = entry.name;
       if (IsMarker(leaf)) continue;
-      const Error result = copyFile(it->path().string(), leaf);
+      const Error result = copyFile(tz::JoinLeaf(folderName, leaf), leaf);
       if (result != NoError) return result;
     }
   } else {
     for (const std::string& name : *mDeletedFiles) mCompoundFile.DeleteCFFile(name.c_str());
     mDeletedFiles->clear();
-    // Full paths as the walk gives them, in ascending order.
-    std::set<std::string> changed;
-    for (fs::directory_iterator it(folder), end; it != end; ++it) {
-      if (fs::is_directory(it->status())) continue;
-      const std::string leaf = it->path().filename().string();
+    // Full paths, in ascending order, to their leaf names.
+    std::map<std::string, std::string> changed;
+    for (tz::FolderEntry& entry : tz::ListOrThrow(folderName)) {
+      if (entry.kind == tz::FileKind::kFolder) continue;
+      const std::string& leaf = entry.name;
       if (mExtractedFiles->count(leaf) != 0 || mTempFiles->count(leaf) != 0 || IsMarker(leaf))
         continue;
-      changed.insert(it->path().string());
+      changed.emplace(tz::JoinLeaf(folderName, leaf), std::move(entry.name));
     }
-    for (const std::string& path : changed) {
-      const std::string leaf = fs::path(path).filename().string();
-      const Error result = copyFile(path, leaf);
+    for (const auto& file : changed) {
+      const std::string& leaf = file.second;
+      const Error result = copyFile(file.first, leaf);
       if (result != NoError) return result;
       mExtractedFiles->insert(leaf);
     }

@@ -2,15 +2,9 @@
 #include <cstring>
 #include <memory>
 
-#include <sys/stat.h>
-
-#include <boost/filesystem.hpp>
-
 #include "sources/SourceConstants.h"
 #include "tesselzostream/CompoundFileStreamSource.h"
 #include "utility/Env.h"
-
-namespace fs = boost::filesystem;
 
 namespace {
 
@@ -34,9 +28,11 @@ bool CopyOut(std::istream& input, const std::string& path, std::size_t chunk, bo
   return !input.bad() && output->good();
 }
 
-bool IsPresent(const std::string& path) {
-  struct stat info;
-  return ::lstat(path.c_str(), &info) == 0;
+// Whether anything, a link that leads nowhere included, is at path; false
+// when the path cannot be examined, with the reason in `error`.
+bool IsPresent(const std::string& path, boost::system::error_code& error) {
+  tz::FileInfo info;
+  return tz::CurrentEnv()->Stat(path, false, &info, error);
 }
 
 }  // namespace
@@ -64,7 +60,9 @@ bool CompoundFileStreamSource::ExtractFile(const char* name) const {
 
   const std::string folder(mDirectoryName != nullptr ? mDirectoryName : "");
   bool opened = false;
-  if (IsPresent(path) || folder.empty()) {
+  const bool present = IsPresent(path, error);
+  if (error) return false;  // unknown whether there is a file to keep
+  if (present || folder.empty()) {
     if (CopyOut(*input, path, chunk, &opened)) return true;
     if (opened) env->Remove(path, error);  // what could not be opened stays as it was
     return false;
@@ -82,9 +80,14 @@ bool CompoundFileStreamSource::ExtractAllFiles() const {
   const boost::shared_ptr<const std::set<std::string>> names = GetFileNames();
   for (const std::string& name : *names) {
     std::string path;
+    bool unsure = false;
     // A stored stream whose working file would lie outside the folder stays
-    // where it is, in the compound file.
-    if (!WorkingFile(name.c_str(), &path)) continue;
+    // where it is, in the compound file; one whose path could not be
+    // examined is a stream that could not be extracted.
+    if (!WorkingFile(name.c_str(), &path, &unsure)) {
+      if (unsure) return false;
+      continue;
+    }
     if (!ExtractFile(name.c_str())) return false;
   }
   return true;

@@ -4,26 +4,28 @@
 // file counts.
 #include <cstring>
 
-#include <boost/filesystem.hpp>
 #include <boost/thread/locks.hpp>
-#include <sys/stat.h>
 
+#include "sources/FileCalls.h"
+#include "sources/SourceImpl.h"
 #include "sources/SourceConstants.h"
 #include "sources/WorkingPath.h"
 #include "tesselzostream/CompoundFileStreamSource.h"
 #include "utility/Env.h"
 
-#include <unistd.h>
-
-namespace fs = boost::filesystem;
-
 namespace {
-bool PathExists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
+// Whether a working file is there (a link followed); a path that cannot be
+// examined counts as none, so that the compound file answers for it.
+bool PathExists(const std::string& path) {
+  boost::system::error_code error;
+  return tz::CurrentEnv()->Exists(path, error);
+}
 }  // namespace
 
-bool CompoundFileStreamSource::WorkingFile(const char* name, std::string* path) const {
+bool CompoundFileStreamSource::WorkingFile(const char* name, std::string* path,
+                                           bool* unsure) const {
   const std::string folder(mDirectoryName != nullptr ? mDirectoryName : "");
-  if (!tz::IsInsideFolder(folder, name)) return false;
+  if (!tz::IsInsideFolder(folder, name, unsure)) return false;
   *path = folder + name;
   return true;
 }
@@ -54,7 +56,7 @@ std::basic_istream<char>* CompoundFileStreamSource::GetIStream(const char* name)
   if (!PathExists(path) && mDeletedFiles->count(name) == 0) {
     if (ExtractFile(name)) mExtractedFiles->insert(name);
   }
-  if (!fs::exists(fs::path(path))) return nullptr;  // throws on a file system error
+  if (!tz::ExistsOrThrow(path)) return nullptr;
   return tz::OpenFileStream<std::ifstream>(path, std::ios::in | std::ios::binary);
 }
 
@@ -115,27 +117,26 @@ std::uint32_t CompoundFileStreamSource::GetStreamSize(const char* name) const {
   std::string path;
   if (!JoinedWorkingFile(name, &path)) return 0;
   if (mDeletedFiles->count(name) != 0) return 0;
-  if (fs::exists(fs::path(path))) {
-    struct stat info;
-    return ::stat(path.c_str(), &info) == 0 ? static_cast<std::uint32_t>(info.st_size) : 0;
-  }
+  tz::FileInfo info;
+  boost::system::error_code error;
+  if (tz::CurrentEnv()->Stat(path, true, &info, error)) return static_cast<std::uint32_t>(info.size);
+  if (error) tz::ThrowFileError("status", path, error);
   const DirEntry* entry = mCompoundFile.FindDirEntry(name);
   return entry != nullptr ? entry->size : 0;
 }
 
 boost::shared_ptr<const std::set<std::string>> CompoundFileStreamSource::GetFileNames() const {
-  boost::lock_guard<boost::mutex> lock(mFileSetMutex);
+  boost::lock_guard<boost::mutex> lock(mImpl->mFileSetMutex);
   BuildCurrentFileSet();
   return mCurrentFileSet;
 }
 
 void CompoundFileStreamSource::BuildCurrentFileSet() const {
   mCurrentFileSet.reset(new std::set<std::string>());
-  const fs::path folder(mDirectoryName != nullptr ? mDirectoryName : "");
-  for (fs::directory_iterator it(folder), end; it != end; ++it) {
-    if (fs::is_directory(it->status())) continue;
-    std::string leaf = it->path().filename().string();
-    if (mDeletedFiles->count(leaf) == 0) mCurrentFileSet->insert(std::move(leaf));
+  const std::string folder(mDirectoryName != nullptr ? mDirectoryName : "");
+  for (tz::FolderEntry& entry : tz::ListOrThrow(folder)) {
+    if (entry.kind == tz::FileKind::kFolder) continue;
+    if (mDeletedFiles->count(entry.name) == 0) mCurrentFileSet->insert(std::move(entry.name));
   }
   if (mCompoundFile.GetStatus() != ZoStreamE::StatusOk) return;
   unsigned long cursor = 0;

@@ -1,12 +1,9 @@
 // CompoundFileStreamSource: operations on the file as a whole: SaveAs,
 // GetUnUsedFileSpace and CompactCompoundFile.
-#include <sys/stat.h>
-
 #include <cstdint>
 #include <memory>
 
-#include <boost/filesystem.hpp>
-
+#include "sources/FileCalls.h"
 #include "sources/SourceConstants.h"
 #include "tesselzostream/CompoundFileStreamSource.h"
 #include "tesselzostream/Exception.h"
@@ -15,7 +12,7 @@
 #include "tesselzostream/FormatFacts.h"
 #include "utility/ZoString.h"
 
-namespace fs = boost::filesystem;
+namespace fs = boost::filesystem;  // paths and their exception only
 
 namespace {
 
@@ -27,8 +24,9 @@ std::uint32_t CeilDiv(std::uint32_t n, std::uint32_t d) { return n / d + (n % d 
 
 // Size by stat, cut to 32 bits; 0 when the file cannot be examined.
 std::uint32_t StatSize32(const std::string& path) {
-  struct stat info;
-  return ::stat(path.c_str(), &info) == 0 ? static_cast<std::uint32_t>(info.st_size) : 0;
+  tz::FileInfo info;
+  boost::system::error_code error;
+  return tz::CurrentEnv()->Stat(path, true, &info, error) ? static_cast<std::uint32_t>(info.size) : 0;
 }
 
 // True when `name` is the directory entry of the open file `openName`
@@ -54,8 +52,12 @@ bool IsOpenFile(const char* name, const char* openName) {
 
 // True when `name` is another link to the open file `openName`.
 bool IsOtherNameOf(const char* name, const char* openName) {
+  if (openName == nullptr) return false;
+  tz::Env* env = tz::CurrentEnv();
   boost::system::error_code error;
-  return openName != nullptr && fs::equivalent(fs::path(name), fs::path(openName), error) && !error;
+  tz::FileInfo one, other;
+  return env->Stat(name, true, &one, error) && env->Stat(openName, true, &other, error) &&
+         one.device == other.device && one.node == other.node;
 }
 
 // Removes the file at path through the platform layer; a failure throws
@@ -63,7 +65,7 @@ bool IsOtherNameOf(const char* name, const char* openName) {
 void RemoveOrThrow(const std::string& path) {
   boost::system::error_code error;
   if (!tz::CurrentEnv()->Remove(path, error))
-    throw fs::filesystem_error("remove", fs::path(path), error);
+    tz::ThrowFileError("remove", path, error);
 }
 
 }  // namespace
@@ -75,9 +77,14 @@ CompoundFileStreamSource::Error CompoundFileStreamSource::SaveAs(const char* new
 
 std::istream* CompoundFileStreamSource::OpenForCopy(const char* name) {
   std::string path;
-  if (WorkingFile(name, &path)) {
+  bool unsure = false;
+  if (WorkingFile(name, &path, &unsure)) {
     if (std::istream* input = GetIStream(name)) return input;
-    if (fs::exists(fs::symlink_status(fs::path(path)))) return nullptr;
+    if (tz::ExistsOrThrow(path, false)) return nullptr;
+  } else if (unsure) {
+    // Not known to be refused: the working file may hold changes that the
+    // stored stream lacks.
+    tz::ThrowFileError("status", name, boost::system::error_code(EIO, boost::system::system_category()));
   }
   // No working file can serve: the stored stream, straight from the file.
   return mCompoundFile.GetIOStream(name, "rb");
@@ -133,12 +140,12 @@ unsigned long CompoundFileStreamSource::GetUnUsedFileSpace() const {
   for (const std::string& name : *mDeletedFiles) forgetStored(name.c_str());
 
   const std::string folderName(mDirectoryName != nullptr ? mDirectoryName : "");
-  for (fs::directory_iterator it{fs::path(folderName)}, end; it != end; ++it) {
-    const std::string leaf = it->path().filename().string();
+  for (const tz::FolderEntry& entry : tz::ListOrThrow(folderName)) {
+    const std::string& leaf = entry.name;
     if (mExtractedFiles->count(leaf) != 0 || mTempFiles->count(leaf) != 0 ||
         ZoString::StrICmp(leaf.c_str(), tz::kMarkerName) == 0)
       continue;
-    dataBlocks += CeilDiv(StatSize32(it->path().string()), kPayload);
+    dataBlocks += CeilDiv(StatSize32(tz::JoinLeaf(folderName, leaf)), kPayload);
     liveEntries += 1;
     forgetStored(leaf.c_str());
   }
@@ -161,7 +168,7 @@ void CompoundFileStreamSource::CompactCompoundFile() {
     ++letter;
     if (letter == 'Z' + 1) throw Exception("Temporary file name could not be generated.");
     tempPath = folder / (stem + ".zvp");
-    if (!fs::exists(tempPath)) break;
+    if (!tz::ExistsOrThrow(tempPath.string())) break;
   }
   const std::string tempName = tempPath.string();
 
@@ -181,7 +188,7 @@ void CompoundFileStreamSource::CompactCompoundFile() {
     oldGone = true;
     boost::system::error_code error;
     if (!tz::CurrentEnv()->Rename(tempName, filePath.string(), error))
-      throw fs::filesystem_error("rename", tempPath, filePath, error);
+      throw fs::filesystem_error("rename", tempPath, filePath, error);  // as the file system's own
     if (Open(NewDirectory, false) != NoError) throw Exception("The compacted file could not be opened");
   } catch (const fs::filesystem_error&) {
     std::string text = oldGone ? "The temporary file could not be renamed."

@@ -1,10 +1,9 @@
 #include "sources/WorkingPath.h"
 
-#include <sys/stat.h>
-
 #include <cstring>
 #include <vector>
 
+#include "utility/Env.h"
 #include "utility/Path.h"
 
 namespace tz {
@@ -18,7 +17,8 @@ bool IsWithin(const std::string& path, const std::string& root) {
 
 }  // namespace
 
-bool IsInsideFolder(const std::string& folder, const char* name) {
+bool IsInsideFolder(const std::string& folder, const char* name, bool* unsure) {
+  if (unsure != nullptr) *unsure = false;
   if (name == nullptr) return false;
   // Lexical test: the components of the name, without "" and ".".
   std::vector<std::string> parts;
@@ -36,20 +36,30 @@ bool IsInsideFolder(const std::string& folder, const char* name) {
   // Symbolic links: walk the existing prefix of the path.
   std::string root;  // canonical folder, computed at the first link
   std::string prefix = folder;
+  Env* env = CurrentEnv();
+  boost::system::error_code error;
+  // A path that cannot be examined is refused: it might hold a link.
+  auto cannotTell = [&]() {
+    if (unsure != nullptr) *unsure = true;
+    return false;
+  };
   for (std::size_t i = 0; i < parts.size(); ++i) {
     if (i > 0) prefix += '/';
     prefix += parts[i];
-    struct stat info;
-    if (::lstat(prefix.c_str(), &info) != 0) return true;  // nothing below exists
-    if (!S_ISLNK(info.st_mode)) continue;
+    FileInfo info;
+    if (!env->Stat(prefix, false, &info, error)) {
+      if (error) return cannotTell();
+      return true;  // nothing below exists
+    }
+    if (info.kind != FileKind::kLink) continue;
     if (root.empty()) {
       root = ZoGetCanonicalPath(folder.c_str());
       if (root.empty()) return false;
     }
     // A link leads out unless its fully resolved target lies inside the
     // folder; a dangling link could make a file anywhere, so it is refused.
-    struct stat target;
-    if (::stat(prefix.c_str(), &target) != 0) return false;
+    FileInfo target;
+    if (!env->Stat(prefix, true, &target, error)) return error ? cannotTell() : false;
     const std::string resolved = ZoGetCanonicalPath(prefix.c_str());
     if (resolved.empty() || !IsWithin(resolved, root)) return false;
     if (resolved == root && i + 1 == parts.size()) return false;  // the folder

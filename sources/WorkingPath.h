@@ -14,10 +14,14 @@
 namespace tz {
 
 // True when `folder` + `name` names a file strictly inside `folder`, as told
-// above. `folder` ends in '/'. Looks at the disk only for the components of
-// the path that exist (one lstat each) and resolves a symbolic link only
-// when it meets one. Never throws.
-bool IsInsideFolder(const std::string& folder, const char* name);
+// above. `folder` ends in '/'. Looks at the disk (through the platform
+// layer) only for the components of the path that exist, one Stat each,
+// and resolves a symbolic link only when it meets one. A component that
+// cannot be examined (no permission, an I/O error) makes the answer false
+// too, since it might be a link leading out; `*unsure`, when given, then
+// becomes true (false otherwise), so that a caller can tell a name the
+// rule refuses from one that could not be checked. Never throws.
+bool IsInsideFolder(const std::string& folder, const char* name, bool* unsure = nullptr);
 
 }  // namespace tz
 

@@ -157,7 +157,8 @@ std::string Pattern(std::size_t length, std::uint32_t seed) {
 }
 
 const char* FaultName(Fault kind) {
-  static const char* const names[] = {"write", "partial write", "read", "flush", "open", "rename", "remove"};
+  static const char* const names[] = {"write", "partial write", "read", "flush", "open", "rename", "remove",
+                                      "stat", "list", "mkdir"};
   static_assert(sizeof names / sizeof names[0] == sizeof kAllFaults / sizeof kAllFaults[0], "a name for each");
   return names[static_cast<int>(kind)];
 }
@@ -286,6 +287,22 @@ bool FaultyEnv::MakeUniqueFolder(const std::string& prefix, std::string* made,
                                  boost::system::error_code& error) {
   return Allow(Fault::kOpen) ? tz::Env::Default()->MakeUniqueFolder(prefix, made, error)
                              : Failed(error);
+}
+
+// A path that cannot be examined, a folder that cannot be read, a folder
+// that cannot be made: each as an I/O error reports it.
+bool FaultyEnv::Stat(const std::string& path, bool followLinks, tz::FileInfo* info,
+                     boost::system::error_code& error) {
+  return Allow(Fault::kStat) ? tz::Env::Default()->Stat(path, followLinks, info, error) : Failed(error);
+}
+
+bool FaultyEnv::ListFolder(const std::string& path, std::vector<tz::FolderEntry>* entries,
+                           boost::system::error_code& error) {
+  return Allow(Fault::kList) ? tz::Env::Default()->ListFolder(path, entries, error) : Failed(error);
+}
+
+bool FaultyEnv::MakeFolder(const std::string& path, boost::system::error_code& error) {
+  return Allow(Fault::kMkdir) ? tz::Env::Default()->MakeFolder(path, error) : Failed(error);
 }
 
 }  // namespace tztest

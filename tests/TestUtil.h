@@ -96,11 +96,15 @@ std::string Pattern(std::size_t length, std::uint32_t seed);
 // count block-file writes and working-file puts; under kPartialWrite the
 // failing call puts half of its bytes first, as a disk filling up part-way
 // (a block-file write only when it grows the file). kSync is a working
-// file's flush; kOpen counts opens of block and working files alike.
-enum class Fault { kWrite, kPartialWrite, kRead, kSync, kOpen, kRename, kRemove };
+// file's flush; kOpen counts opens of block and working files alike, and
+// MakeUniqueFolder. kRemove counts Remove and RemoveAll; kStat counts Stat
+// (so Exists too); kList counts ListFolder; kMkdir counts MakeFolder.
+enum class Fault { kWrite, kPartialWrite, kRead, kSync, kOpen, kRename, kRemove, kStat, kList, kMkdir };
 const char* FaultName(Fault kind);
-constexpr Fault kAllFaults[] = {Fault::kWrite, Fault::kPartialWrite, Fault::kRead, Fault::kSync,
-                                Fault::kOpen,  Fault::kRename,       Fault::kRemove};
+constexpr Fault kAllFaults[] = {Fault::kWrite,  Fault::kPartialWrite, Fault::kRead,
+                                Fault::kSync,   Fault::kOpen,         Fault::kRename,
+                                Fault::kRemove, Fault::kStat,         Fault::kList,
+                                Fault::kMkdir};
 
 // The default Env, but failing call number `failAt` (from 1 since the last
 // Reset) of the armed kind and every later one, as a full disk or a dead
@@ -117,6 +121,11 @@ class FaultyEnv : public tz::Env {
               boost::system::error_code& error) override;
   bool MakeUniqueFolder(const std::string& prefix, std::string* made,
                         boost::system::error_code& error) override;
+  bool Stat(const std::string& path, bool followLinks, tz::FileInfo* info,
+            boost::system::error_code& error) override;
+  bool ListFolder(const std::string& path, std::vector<tz::FolderEntry>* entries,
+                  boost::system::error_code& error) override;
+  bool MakeFolder(const std::string& path, boost::system::error_code& error) override;
   std::int64_t Now() override { return tz::Env::Default()->Now(); }
 
   void Reset(Fault kind, int failAt) { kind_ = kind; failAt_ = failAt; calls_ = 0; }

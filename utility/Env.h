@@ -3,11 +3,15 @@
 //
 // RandomAccessFile is one open file: positional reads and writes and its
 // size. Env opens such files (creating and locking them), opens ordinary
-// files as stream buffers (the working folder's files), makes folders,
-// removes and renames files, and reads the clock. CurrentEnv() is the process-wide instance;
-// SetEnv() lets a test put its own in place (for instance one that fails
-// the Nth write, read, sync, open, rename or remove) and put the default
-// back with null.
+// files as stream buffers (the working folder's files), examines paths
+// (Stat, Exists), lists folders, makes and removes folders, removes and
+// renames files, and reads the clock. Every file-system call of the block
+// store and of the working-folder source goes through it; path arithmetic
+// (joining, taking a leaf) is no call and stays with the callers.
+// CurrentEnv() is the process-wide instance; SetEnv() lets a test put its
+// own in place (for instance one that fails the Nth write, read, sync,
+// open, rename, remove, stat, listing or folder creation) and put the
+// default back with null.
 //
 // How failures show, so that a test's Env can imitate the real one:
 // - RandomAccessFile: false from ReadAt, WriteAt or Size.
@@ -16,8 +20,9 @@
 //   standard file buffer's own read errors); a write error is a short put
 //   or eof from overflow; a failed sync returns -1.
 // - OpenLocked: null; OpenFileBuffer: false.
-// - Remove, RemoveAll, MakeUniqueFolder and Rename: false, with the reason
-//   in `error`.
+// - Stat, ListFolder, MakeFolder, Remove, RemoveAll, MakeUniqueFolder and
+//   Rename: false, with the reason in `error`. Stat alone also gives false
+//   with `error` clear: nothing is at the path.
 //
 // Thread safety: the default Env and its files may be used from several
 // threads; a RandomAccessFile itself is used by one thread at a time (the
@@ -34,6 +39,7 @@
 #include <streambuf>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <boost/system/error_code.hpp>
 
@@ -61,6 +67,26 @@ class RandomAccessFile {
   virtual bool Reserve(std::uint64_t offset, std::uint64_t length);
 };
 
+// What a path leads to.
+enum class FileKind { kRegular, kFolder, kLink, kOther };
+
+// What Stat tells of a path. `device` and `node` together name the file
+// itself: two paths with equal pairs are two names of one file.
+struct FileInfo {
+  FileKind kind = FileKind::kOther;
+  std::uint64_t size = 0;       // bytes (of the link itself when not followed)
+  std::int64_t modified = 0;    // seconds since the epoch
+  std::uint64_t device = 0;
+  std::uint64_t node = 0;
+};
+
+// One entry of a folder: its leaf name and the kind of what it leads to
+// (a symbolic link is followed; one that leads nowhere is kOther).
+struct FolderEntry {
+  std::string name;
+  FileKind kind = FileKind::kOther;
+};
+
 class Env {
  public:
   virtual ~Env();
@@ -85,6 +111,33 @@ class Env {
   virtual bool OpenFileBuffer(std::filebuf& buffer, const std::string& path,
                               std::ios_base::openmode mode,
                               std::unique_ptr<std::streambuf>* wrapper);
+
+  // Examines path, following a symbolic link at its end when `followLinks`.
+  // True with `info` filled when something is there; false with `error`
+  // clear when nothing is (no such entry, or a component that is no
+  // folder); false with the reason in `error` when the path cannot be
+  // examined (no permission, an I/O error, a loop of links).
+  // REQUIRES: info != nullptr.
+  virtual bool Stat(const std::string& path, bool followLinks, FileInfo* info,
+                    boost::system::error_code& error);
+  // Stat with links followed, for the answer alone: a link that leads
+  // nowhere does not exist. False with `error` clear: nothing is there;
+  // with `error` set: the path could not be examined.
+  bool Exists(const std::string& path, boost::system::error_code& error) {
+    FileInfo info;
+    return Stat(path, true, &info, error);
+  }
+  // The entries of the folder at path, without "." and "..", in the order
+  // the file system gives them; `entries` is replaced. False, with the
+  // reason in `error`, when the folder cannot be read to its end (or an
+  // entry's kind cannot be taken); `entries` is then unspecified.
+  // REQUIRES: entries != nullptr.
+  virtual bool ListFolder(const std::string& path, std::vector<FolderEntry>* entries,
+                          boost::system::error_code& error);
+  // Makes the folder at path (one level, its parent must exist). True when
+  // it was made or a folder was there already; false, with the reason in
+  // `error`, otherwise (a file in its place among them).
+  virtual bool MakeFolder(const std::string& path, boost::system::error_code& error);
 
   // True when a file exists at path and an open of it holds its lock (see
   // OpenLocked), in this process or another.

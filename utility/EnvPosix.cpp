@@ -131,6 +131,72 @@ bool Env::IsLocked(const std::string& path) {
   return held;
 }
 
+namespace {
+boost::system::error_code LastError() {
+  return boost::system::error_code(errno, boost::system::system_category());
+}
+
+FileKind KindOf(mode_t mode) {
+  if (S_ISREG(mode)) return FileKind::kRegular;
+  if (S_ISDIR(mode)) return FileKind::kFolder;
+  if (S_ISLNK(mode)) return FileKind::kLink;
+  return FileKind::kOther;
+}
+}  // namespace
+
+bool Env::Stat(const std::string& path, bool followLinks, FileInfo* info,
+               boost::system::error_code& error) {
+  struct stat st;
+  const int r = followLinks ? ::stat(path.c_str(), &st) : ::lstat(path.c_str(), &st);
+  if (r != 0) {
+    // Absence is an answer, not a failure: as the file system's own
+    // existence test takes it.
+    if (errno == ENOENT || errno == ENOTDIR) error.clear();
+    else error = LastError();
+    return false;
+  }
+  info->kind = KindOf(st.st_mode);
+  info->size = static_cast<std::uint64_t>(st.st_size);
+  info->modified = static_cast<std::int64_t>(st.st_mtime);
+  info->device = static_cast<std::uint64_t>(st.st_dev);
+  info->node = static_cast<std::uint64_t>(st.st_ino);
+  error.clear();
+  return true;
+}
+
+bool Env::ListFolder(const std::string& path, std::vector<FolderEntry>* entries,
+                     boost::system::error_code& error) {
+  namespace fs = boost::filesystem;
+  entries->clear();
+  fs::directory_iterator it(fs::path(path), error), end;
+  if (error) return false;
+  for (; it != end; it.increment(error)) {
+    boost::system::error_code kindError;
+    const fs::file_status status = it->status(kindError);
+    // A link that leads nowhere is an entry all the same.
+    if (kindError && status.type() != fs::file_not_found) {
+      error = kindError;
+      return false;
+    }
+    FolderEntry entry;
+    entry.name = it->path().filename().string();
+    switch (status.type()) {
+      case fs::regular_file: entry.kind = FileKind::kRegular; break;
+      case fs::directory_file: entry.kind = FileKind::kFolder; break;
+      default: entry.kind = FileKind::kOther; break;
+    }
+    entries->push_back(std::move(entry));
+  }
+  if (error) return false;
+  error.clear();
+  return true;
+}
+
+bool Env::MakeFolder(const std::string& path, boost::system::error_code& error) {
+  boost::filesystem::create_directory(boost::filesystem::path(path), error);
+  return !error;
+}
+
 bool Env::Remove(const std::string& path, boost::system::error_code& error) {
   boost::filesystem::remove(boost::filesystem::path(path), error);
   return !error;

@@ -48,16 +48,18 @@
 /// Thread rules: GetFileNames takes mFileSetMutex, so two threads may list at
 /// once; the sets and flags are otherwise unprotected, and a source belongs
 /// to one thread at a time. A set handed out by GetFileNames never changes.
+/// The mutex lives in the source's private part (Impl, behind a pointer), so
+/// that this header needs no threading header.
 #ifndef TESSELZOSTREAM_COMPOUNDFILESTREAMSOURCE_H_
 #define TESSELZOSTREAM_COMPOUNDFILESTREAMSOURCE_H_
 
 #include <cstdint>
 #include <istream>
+#include <memory>
 #include <set>
 #include <string>
 
 #include <boost/shared_ptr.hpp>
-#include <boost/thread/mutex.hpp>
 
 #include "tesselzostream/CompundFileBase.h"
 #include "tesselzostream/Export.h"
@@ -295,7 +297,9 @@ class TZ_EXPORT CompoundFileStreamSource : public CompundFileBase {
  private:
   // Full path of the working file of `name`, or false for a name refused by
   // the safety rule.
-  bool WorkingFile(const char* name, std::string* path) const;
+  // `*unsure`, when given, tells a name the rule refuses (false) from one
+  // whose path could not be examined (true).
+  bool WorkingFile(const char* name, std::string* path, bool* unsure = nullptr) const;
   // The same, with the folder and the name joined as paths: a separator
   // between them even where the folder's name lacks its trailing '/'.
   bool JoinedWorkingFile(const char* name, std::string* path) const;
@@ -323,7 +327,8 @@ class TZ_EXPORT CompoundFileStreamSource : public CompundFileBase {
   std::set<std::string>* mExtractedFiles;
   mutable boost::shared_ptr<std::set<std::string>> mCurrentFileSet;
   std::set<std::string>* mTempFiles;
-  mutable boost::mutex mFileSetMutex;
+  struct Impl;                  // the mutex of GetFileNames (mFileSetMutex)
+  std::unique_ptr<Impl> mImpl;  // owned; never null
   OpenMode mOpenMode;
 };
 

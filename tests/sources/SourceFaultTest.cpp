@@ -1,10 +1,14 @@
-// Saves of the working-folder source (copy back, SaveAs, compaction) with
-// the Nth platform call of each kind failing, and every later one, for
-// N = 1, 2, ... until the save runs clean. Every stream then holds its saved
-// or its new content, but for the one in flight (a copy frees the old chain
-// first), which may hold part of its new content or be gone. A failed copy
-// back or SaveAs, made again, saves it all; a failed compaction leaves the
-// streams whole under the file's name or the temporary name it reports.
+// Saves of the working-folder source (copy back, SaveAs, compaction) and
+// extraction with the Nth platform call of each kind failing (file calls,
+// and the stat, listing and folder calls of the working folder), and every
+// later one, for N = 1, 2, ... until the operation runs clean. A file-system
+// error may leave as the file system's exception where the source lets it
+// pass; that counts as a failure like any other. Every stream then holds its
+// saved or its new content, but for the one in flight (a copy frees the old
+// chain first), which may hold part of its new content or be gone. A failed
+// copy back or SaveAs, made again, saves it all; a failed compaction leaves
+// the streams whole under the file's name or the temporary name it reports;
+// a failed extraction leaves no working file with a part of its stream.
 #include <functional>
 
 #include "tests/sources/SourceFixture.h"
@@ -102,7 +106,11 @@ class SourceFaultTest : public SourceFixture {
           tztest::ScopedEnv scoped(&env);
           source = Edited();
           env.Reset(kind, n);
-          succeeded = save(*source);
+          try {
+            succeeded = save(*source);
+          } catch (const fs::filesystem_error&) {
+            succeeded = false;
+          }
           hit = env.hit();
           env.Reset(kind, 0);
         }
@@ -176,6 +184,8 @@ TEST_F(SourceFaultTest, SaveAsLeavesTheOriginalAndCanBeRepeated) {
 TEST_F(SourceFaultTest, CompactionKeepsAWholeFile) {
   EveryFault(
       [&](Source& s) {
+        movedTo_.clear();
+        failedCopy_ = false;
         try {
           s.CompactCompoundFile();
           return true;
@@ -219,6 +229,25 @@ TEST_F(SourceFaultTest, CompactionKeepsAWholeFile) {
         EXPECT_TRUE(stored == kBefore || stored == kAfter) << "neither the old file nor the new one";
         RemoveCompactionLeftovers();
       });
+}
+
+TEST_F(SourceFaultTest, ExtractionLeavesWholeFilesOrNone) {
+  // "fresh" goes first: a name only in the folder would end the run.
+  EveryFault([](Source& s) { s.DeleteSource("fresh"); return s.ExtractAllFiles(); },
+             [&](std::unique_ptr<Source>&, bool succeeded, bool) {
+               // A working file is whole: the stored stream (extraction
+               // writes over a change) or, until then, the change.
+               for (const char* name : {"alpha", "beta", "gamma", "steady"}) {
+                 if (!fs::exists(work + "/" + name)) {
+                   EXPECT_FALSE(succeeded) << name << " not extracted";
+                   continue;
+                 }
+                 const tztest::FileBytes bytes = tztest::ReadAll(work + "/" + name);
+                 const std::string got(bytes.begin(), bytes.end());
+                 EXPECT_TRUE(got == kBefore.at(name) || (!succeeded && got == kAfter.at(name))) << name;
+               }
+               EXPECT_STREAMS(kBefore, StoredAt(file));
+             });
 }
 
 // A working file's stream reports a failed put or flush in its state.
