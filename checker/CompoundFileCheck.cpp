@@ -15,8 +15,6 @@
 #include <string>
 #include <vector>
 
-#include <boost/filesystem.hpp>
-
 #include "blockstore/DirectoryDigest.h"
 #include "blockstore/PayloadCipher.h"
 #include "blockstore/BlockFormat.h"
@@ -312,7 +310,8 @@ CheckReport CheckCompoundFile(const char* path, const char* password) {
     return report;
   }
   boost::system::error_code error;
-  if (!boost::filesystem::is_regular_file(path, error)) {
+  tz::FileInfo info;
+  if (!tz::CurrentEnv()->Stat(path, true, &info, error) || info.kind != tz::FileKind::kRegular) {
     report.openError = std::string("not a regular file: ") + path;
     return report;
   }

@@ -6,25 +6,23 @@
 #include <memory>
 #include <string>
 
-#include <boost/filesystem.hpp>
-
 #include "blockstore/BlockFormat.h"
 #include "blockstore/BlockIO.h"
 #include "checker/SalvageWalk.h"
 #include "utility/Env.h"
 
 namespace bf = blockformat;
-namespace fs = boost::filesystem;
 
 namespace {
 
 constexpr std::uint64_t kMaxBlocks = 0x7fffffff;  // block numbers are signed 32-bit
 
-// Anything at `path`, a dangling link too.
+// Anything at `path`, a dangling link too; a path that cannot be examined
+// counts as taken.
 bool Exists(const char* path) {
   boost::system::error_code error;
-  const fs::file_status status = fs::symlink_status(path, error);
-  return status.type() != fs::file_not_found || (error && error != boost::system::errc::no_such_file_or_directory);
+  tz::FileInfo info;
+  return tz::CurrentEnv()->Stat(path, false, &info, error) || error;
 }
 
 // The new file, written; false with the report's openError. When `created`
@@ -79,7 +77,8 @@ SalvageReport SalvageCompoundFile(const char* damaged, const char* out, const ch
     return report;
   }
   boost::system::error_code error;
-  if (!fs::is_regular_file(damaged, error)) {
+  tz::FileInfo info;
+  if (!tz::CurrentEnv()->Stat(damaged, true, &info, error) || info.kind != tz::FileKind::kRegular) {
     report.openError = std::string("not a regular file: ") + damaged;
     return report;
   }
