@@ -47,6 +47,8 @@
 //
 // Decoding never trusts a text to be terminated: each text field is cut at
 // its last byte, so an in-memory text always ends within its array.
+//
+// Thread safety: the codec keeps no state; any thread may call it.
 #ifndef TESSELZOSTREAM_BLOCKSTORE_BLOCKFORMAT_H_
 #define TESSELZOSTREAM_BLOCKSTORE_BLOCKFORMAT_H_
 

@@ -1,4 +1,6 @@
 // Constants shared by the parts of CompoundFileStreamSource.
+//
+// Thread safety: constants only.
 #ifndef TESSELZOSTREAM_SOURCES_SOURCECONSTANTS_H_
 #define TESSELZOSTREAM_SOURCES_SOURCECONSTANTS_H_
 

@@ -6,6 +6,9 @@
 // IsInsideFolder: the name must not climb out with "..", must name
 // something below the folder rather than the folder itself, and must not
 // pass through a symbolic link that leads out of the folder.
+//
+// Thread safety: no state of its own; the file system may change between
+// the check and the use, which the folder's owner rules out by owning it.
 #ifndef TESSELZOSTREAM_SOURCES_WORKINGPATH_H_
 #define TESSELZOSTREAM_SOURCES_WORKINGPATH_H_
 

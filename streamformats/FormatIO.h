@@ -4,6 +4,9 @@
 // The formats keep stream positions in 32 bits and refuse a stream by
 // setting badbit; these helpers are the one place that does either, so the
 // directories read the same way on files, string streams and block streams.
+//
+// Thread safety: no state of their own; a stream belongs to one thread at
+// a time.
 #ifndef TESSELZOSTREAM_STREAMFORMATS_FORMATIO_H_
 #define TESSELZOSTREAM_STREAMFORMATS_FORMATIO_H_
 

@@ -5,6 +5,8 @@
 // little-endian) and the name field of 12 bytes. The table is sorted by
 // NamedEntryBefore, so a name is found by a binary search on its hash with
 // byte compares only among equal hashes.
+//
+// Thread safety: the functions keep no state; any thread may call them.
 #ifndef TESSELZOSTREAM_STREAMFORMATS_NAMEDTABLE_H_
 #define TESSELZOSTREAM_STREAMFORMATS_NAMEDTABLE_H_
 

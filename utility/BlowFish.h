@@ -10,6 +10,9 @@
 // bytes, so bytes beyond that have no effect. An empty key is taken as one
 // zero byte, which the key schedule treats exactly as "no key bytes mixed
 // in": an empty password is a valid, if weak, password.
+//
+// Thread safety: a Context is read-only after its construction, so
+// several threads may cipher with one Context at once.
 #ifndef TESSELZOSTREAM_UTILITY_BLOWFISH_H_
 #define TESSELZOSTREAM_UTILITY_BLOWFISH_H_
 

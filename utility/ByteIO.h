@@ -3,6 +3,9 @@
 // Numbers are written little-endian, two or four bytes each, whatever the
 // machine. Every helper returns false when the stream did not take or give
 // all the bytes; the stream's state bits then tell the cause.
+//
+// Thread safety: no state of their own; a stream belongs to one thread at
+// a time.
 #ifndef TESSELZOSTREAM_UTILITY_BYTEIO_H_
 #define TESSELZOSTREAM_UTILITY_BYTEIO_H_
 

@@ -7,6 +7,8 @@
 // method for the machine at run time. The block store's hot copies call
 // this instead; being defined in its own translation unit, the length is
 // never known at the call.
+//
+// Thread safety: no state; any thread may call them.
 #ifndef TESSELZOSTREAM_UTILITY_COPY_H_
 #define TESSELZOSTREAM_UTILITY_COPY_H_
 

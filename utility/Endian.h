@@ -2,6 +2,8 @@
 //
 // Every number this library puts in a file goes through these, so files move
 // between machines. Callers guarantee the buffer has room for the width.
+//
+// Thread safety: no state; any thread may call them.
 #ifndef TESSELZOSTREAM_UTILITY_ENDIAN_H_
 #define TESSELZOSTREAM_UTILITY_ENDIAN_H_
 

@@ -1,4 +1,6 @@
 // Canonical paths: one text for all the forms of a path to one file.
+//
+// Thread safety: no state of its own; any thread may call it.
 #ifndef TESSELZOSTREAM_UTILITY_PATH_H_
 #define TESSELZOSTREAM_UTILITY_PATH_H_
 

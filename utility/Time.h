@@ -1,4 +1,7 @@
 // Time helpers: local time and its 26-byte text.
+//
+// Thread safety: the helpers use the reentrant forms of the C library's
+// time calls; any thread may call them.
 #ifndef TESSELZOSTREAM_UTILITY_TIME_H_
 #define TESSELZOSTREAM_UTILITY_TIME_H_
 

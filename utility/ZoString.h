@@ -1,6 +1,8 @@
 // Text helpers: owned C strings and ASCII case folding.
 //
 // Owned texts are plain arrays from new[], freed with delete[].
+//
+// Thread safety: no state of their own; a text belongs to its owner.
 #ifndef TESSELZOSTREAM_UTILITY_ZOSTRING_H_
 #define TESSELZOSTREAM_UTILITY_ZOSTRING_H_
 

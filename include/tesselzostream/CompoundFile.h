@@ -45,12 +45,15 @@ class TZ_EXPORT CompoundFile {
   CompoundFile();
   /// A handle on the file of `other`, without a new reference (see
   /// CompoundFile.h on copying).
+  /// REQUIRES: of `other` and its copies, only one is closed or destroyed
+  /// while it holds the file.
   CompoundFile(const CompoundFile& other);
   /// Gives up the handle's reference, if it has a file; the last holder's
   /// release closes the file.
   ~CompoundFile();
   /// Takes the file of `other` without a new reference, and without giving
   /// up the reference of the file this handle held before.
+  /// REQUIRES: as for the copy constructor.
   CompoundFile& operator=(const CompoundFile& other);
 
   /// Opens or creates the file at `name`. A missing file is created empty.
@@ -114,6 +117,7 @@ class TZ_EXPORT CompoundFile {
   /// do, with the same bytes on disk, and false where that would fail (no
   /// file, read-only, a null or over-long name, a failed write, more bytes
   /// than a stream holds).
+  /// REQUIRES: `data` points to `size` bytes (it may be null for 0).
   bool WriteStream(const char* name, const void* data, std::size_t size);
   /// The whole of stream `name` into `out`; false when it is missing or a
   /// read fails (the file's status then says why). Several threads may read
@@ -199,6 +203,8 @@ class TZ_EXPORT CompoundFile {
   /// the free blocks it did not reach as they were, old bytes included (see
   /// ScrubFreeBlocks); a run that finishes leaves no free block in the
   /// file. Returns the file's status.
+  /// REQUIRES: no other call on this file runs meanwhile, on any thread;
+  /// `callback` does not use the file.
   ZoStreamE::Status CompactInPlace(CompactProgress* progress = nullptr, std::uint32_t maxMoves = 0,
                                    CompactCallback callback = nullptr, void* context = nullptr);
 
@@ -209,6 +215,7 @@ class TZ_EXPORT CompoundFile {
   /// touched, and every stream reads back as before. `scrubbed`, when
   /// given, receives the number of blocks written. Returns the file's
   /// status.
+  /// REQUIRES: no other call on this file runs meanwhile, on any thread.
   ZoStreamE::Status ScrubFreeBlocks(std::uint32_t* scrubbed = nullptr);
   /// @}
 

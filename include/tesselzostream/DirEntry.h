@@ -5,6 +5,9 @@
 /// when firstBlock is not 0. Pointers handed out by CompoundFile stay valid
 /// until the last holder of the file has gone: directory blocks are never
 /// released while a file is open.
+///
+/// Thread safety: a plain record, changed by the file's writes; read it
+/// while no write of the file runs (see CompoundFile.h).
 #ifndef TESSELZOSTREAM_DIRENTRY_H_
 #define TESSELZOSTREAM_DIRENTRY_H_
 

@@ -3,6 +3,8 @@
 ///
 /// Thrown by value where an operation reports in words rather than by a
 /// status. what() gives the text. Copyable and assignable; no other state.
+///
+/// Thread safety: not changed after it is made; any thread may read it.
 #ifndef TESSELZOSTREAM_EXCEPTION_H_
 #define TESSELZOSTREAM_EXCEPTION_H_
 

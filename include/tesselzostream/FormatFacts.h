@@ -30,8 +30,11 @@ constexpr char kFreeListName[] = "zorvanet_block_file_free_list";
 /// of every compound file at kFileSignatureOffset too, each with a zero
 /// after it: enough to recognise a compound file without opening it.
 constexpr char kBlockSignature[] = "BlockFile";
+/// Where kBlockSignature lies in every block.
 constexpr std::uint32_t kBlockSignatureOffset = 5;
+/// What every directory block carries, the first block of the file among them.
 constexpr char kFileSignature[] = "ZoCompoundFile";
+/// Where kFileSignature lies in a directory block.
 constexpr std::uint32_t kFileSignatureOffset = 970;
 
 /// Blocks of the chain of a stream of `size` bytes: every stream has one

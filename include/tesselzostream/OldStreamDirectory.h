@@ -79,6 +79,7 @@ class TZ_EXPORT OldOutputStreamDirectory {
  public:
   /// Writes the head at the stream's position; the stream then stands at the
   /// first data byte.
+  /// REQUIRES: `stream` is seekable and outlives the directory and its copies.
   explicit OldOutputStreamDirectory(std::ostream& stream);
   /// A second writer on the same stream and head: each copy closes by itself
   /// and appends its own table, and the head names the last one closed.
@@ -118,6 +119,7 @@ class TZ_EXPORT OldInputStreamDirectory {
   OldInputStreamDirectory();
   /// Runs Open; its result shows in the stream's state and in what GetInput
   /// gives.
+  /// REQUIRES: `stream` is seekable and outlives the directory and its copies.
   explicit OldInputStreamDirectory(std::istream& stream);
   /// Copies share the stream and the table.
   OldInputStreamDirectory(const OldInputStreamDirectory&) = default;

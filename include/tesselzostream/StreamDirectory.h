@@ -71,6 +71,7 @@ class TZ_EXPORT OutputStreamDirectory {
   /// position; the stream then stands at the first data byte.
   /// A capacity above kMaxSlots is refused: nothing is written, badbit is set
   /// on the stream, and the directory counts as closed.
+  /// REQUIRES: `stream` is seekable and outlives the directory.
   OutputStreamDirectory(std::ostream& stream, std::uint16_t capacity);
   /// Runs Close and never throws: a failure shows in the stream's state
   /// only, also on a stream with exceptions enabled.
@@ -111,6 +112,7 @@ class TZ_EXPORT InputStreamDirectory {
  public:
   /// Clears the fields and runs Open; its result shows in the stream's state
   /// and in what GetInput gives.
+  /// REQUIRES: `stream` is seekable and outlives the directory and its copies.
   explicit InputStreamDirectory(std::istream& stream);
   /// Runs Close and never throws: a failure shows in the stream's state
   /// only, also on a stream with exceptions enabled.

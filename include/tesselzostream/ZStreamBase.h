@@ -41,6 +41,7 @@
 class TZ_EXPORT ZStreamableData {
  public:
   /// The pair `version` and `magic`; no version read yet.
+  /// REQUIRES: `magic`, when not null, outlives the object.
   constexpr ZStreamableData(std::int16_t version, const char* magic)
       : myVersion(version), magicString(magic), readVersion(0) {}
   /// Copies the pair (the magic as a pointer) and the version last read.

@@ -5,6 +5,8 @@
 /// The library itself never throws it; applications throw it from their own
 /// stream code and catch it as Exception or std::exception as well. It adds
 /// no state to Exception: what() gives the text.
+///
+/// Thread safety: as Exception's: not changed after it is made.
 #ifndef TESSELZOSTREAM_ZOSTREAMERROR_H_
 #define TESSELZOSTREAM_ZOSTREAMERROR_H_
 

@@ -17,6 +17,10 @@
 ///   sets, dirty flag, files on disk); const is a promise to callers holding a
 ///   const source, not a statement that nothing changes.
 ///
+/// Thread safety: each implementation states its own rule; unless it says
+/// more, a source and the streams it hands out belong to one thread at a
+/// time.
+///
 /// The class holds no data. The order of the virtual operations below is part
 /// of the interface and is kept by every class derived from it.
 #ifndef TESSELZOSTREAM_ZOSTREAMSOURCE_H_

@@ -9,6 +9,9 @@
 // way is replaced by a new one (its old name removed first, so a hard link
 // to a file elsewhere is cut, never written through). Missing folders
 // between are created.
+//
+// Ownership: the object owns its open handle on the folder and closes it
+// when destroyed. Thread safety: one thread at a time per object.
 #ifndef TESSELZOSTREAM_TOOLS_TZCF_CONFINEDFOLDER_H_
 #define TESSELZOSTREAM_TOOLS_TZCF_CONFINEDFOLDER_H_
 

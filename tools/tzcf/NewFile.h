@@ -3,6 +3,10 @@
 // target's name only once it is complete and on disk. A failure, or the
 // process's end by SIGINT, SIGTERM or SIGHUP, removes the temporary file
 // and leaves the target as it was.
+//
+// Ownership: the object owns the temporary file until it is renamed into
+// place or removed. Thread safety: one NewFile at a time in a process (the
+// signal handlers know one temporary file).
 #ifndef TESSELZOSTREAM_TOOLS_TZCF_NEWFILE_H_
 #define TESSELZOSTREAM_TOOLS_TZCF_NEWFILE_H_
 

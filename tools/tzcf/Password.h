@@ -7,6 +7,9 @@
 // kMaxPasswordLength bytes; a line end ("\n" or "\r\n") is not part of it.
 // The terminal's settings are restored after the prompt, also when the
 // process is interrupted at it.
+//
+// Thread safety: the prompt owns the terminal while it runs; call it from
+// one thread at a time.
 #ifndef TESSELZOSTREAM_TOOLS_TZCF_PASSWORD_H_
 #define TESSELZOSTREAM_TOOLS_TZCF_PASSWORD_H_
 

@@ -1,5 +1,7 @@
 // Texts for scripts and terminals: JSON strings that are valid whatever
 // bytes a name holds, ISO 8601 times, and names made visible.
+//
+// Thread safety: the functions keep no state; any thread may call them.
 #ifndef TESSELZOSTREAM_TOOLS_TZCF_TEXT_H_
 #define TESSELZOSTREAM_TOOLS_TZCF_TEXT_H_
 
