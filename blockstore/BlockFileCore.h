@@ -344,6 +344,9 @@ class BlockFileCore {
   ZoStreamE::Status BeginMaintenance(ZoStreamE::Status* before);
   ZoStreamE::Status EndMaintenance(ZoStreamE::Status before);
   bool BuildBlockGraph(BlockGraph& graph, const DirEntry* skip, bool full);
+  // The graph for a pass, `list` (the saved map's entry) left out; false
+  // when a chain cannot be held.
+  bool GraphOfFile(BlockGraph& graph, const DirEntry* list, bool partial);
   ZoStreamE::Status WriteRawRun(std::uint32_t first, std::uint32_t count, const unsigned char* data);
   bool OnlySavedMapPast(const BlockGraph& graph, const DirEntry* list) const;
   void GiveUpSavedMap(DirEntry* list);

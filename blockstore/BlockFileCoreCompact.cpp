@@ -107,6 +107,15 @@ bool BlockFileCore::BuildBlockGraph(BlockGraph& graph, const DirEntry* skip, boo
   return true;
 }
 
+// With `partial`, only the blocks the map calls used are read at first; a
+// chain through a block the map calls free, or damage, then has every
+// block read, which tells which.
+bool BlockFileCore::GraphOfFile(BlockGraph& graph, const DirEntry* list, bool partial) {
+  if (partial && BuildBlockGraph(graph, list, false)) return true;
+  if (partial) graph = BlockGraph(BlockCount());
+  return status == ZoStreamE::StatusOk && BuildBlockGraph(graph, list, true);
+}
+
 // Directory block `index` now lies at `to`.
 void BlockFileCore::MoveDirBlockNumber(std::uint32_t index, std::uint32_t from, std::uint32_t to) {
   dirIndexByNumber[from] = kNoDirBlock;
@@ -293,14 +302,9 @@ Status BlockFileCore::CompactInPlace(std::uint32_t maxMoves, CompactCallback cal
 
   DirEntry* list = FindDirEntry(bf::kFreeListName);
   BlockGraph graph(BlockCount());
-  if (!BuildBlockGraph(graph, list, false)) {
-    // A chain through a block the map calls free, or damage: the heads of
-    // every block tell which.
-    graph = BlockGraph(BlockCount());
-    if (status != ZoStreamE::StatusOk || !BuildBlockGraph(graph, list, true)) {
-      EndMaintenance(before);
-      return ZoStreamE::StatusFailed;  // damaged chains: refused, nothing written
-    }
+  if (!GraphOfFile(graph, list, true)) {
+    EndMaintenance(before);
+    return ZoStreamE::StatusFailed;  // damaged chains: refused, nothing written
   }
   const std::uint32_t toMove = graph.CountToMove();
   p.toMove = maxMoves == 0 ? toMove : std::min(toMove, maxMoves);
@@ -340,7 +344,9 @@ Status BlockFileCore::ScrubFreeBlocks(std::uint32_t* scrubbed) {
   if (begun != ZoStreamE::StatusOk) return begun;
   DirEntry* list = FindDirEntry(bf::kFreeListName);
   BlockGraph graph(BlockCount());
-  if (!BuildBlockGraph(graph, list, true)) {
+  // Every block is read: a free block that holds a skipped block's bytes
+  // already is left alone.
+  if (!GraphOfFile(graph, list, false)) {
     EndMaintenance(before);
     return ZoStreamE::StatusFailed;
   }

@@ -19,13 +19,13 @@
 #include "blockstore/PayloadCipher.h"
 #include "blockstore/BlockFormat.h"
 #include "blockstore/BlockIO.h"
+#include "checker/ReadOnlyFile.h"
 #include "utility/Env.h"
 
 namespace bf = blockformat;
 
 namespace {
 
-constexpr std::uint32_t kMaxBlocks = 0x7fffffff;  // block numbers are signed 32-bit
 
 std::string Quoted(const std::string& name) { return "\"" + name + "\""; }
 
@@ -305,32 +305,10 @@ class Checker {
 
 CheckReport CheckCompoundFile(const char* path, const char* password) {
   CheckReport report;
-  if (path == nullptr || *path == '\0') {
-    report.openError = "no file name";
-    return report;
-  }
-  boost::system::error_code error;
-  tz::FileInfo info;
-  if (!tz::CurrentEnv()->Stat(path, true, &info, error) || info.kind != tz::FileKind::kRegular) {
-    report.openError = std::string("not a regular file: ") + path;
-    return report;
-  }
-  std::unique_ptr<tz::RandomAccessFile> file = tz::CurrentEnv()->OpenLocked(path, false);
-  if (!file) {
-    report.openError = std::string("cannot open (missing, no permission, or open elsewhere): ") + path;
-    return report;
-  }
-  BlockIO io(std::move(file));
   std::uint64_t length = 0;
-  if (!io.DiskSize(&length)) {
-    report.openError = std::string("cannot tell the length of ") + path;
-    return report;
-  }
+  const std::unique_ptr<BlockIO> io = checker::OpenForReading(path, &report.openError, &length);
   report.fileLength = length;
-  if (length / bf::kBlockSize > kMaxBlocks) {
-    report.openError = "more blocks than a compound file can number";
-    return report;
-  }
+  if (!io) return report;
   report.opened = true;
   report.blocks = static_cast<std::uint32_t>(length / bf::kBlockSize);
   if (length % bf::kBlockSize != 0) {
@@ -339,6 +317,6 @@ CheckReport CheckCompoundFile(const char* path, const char* password) {
         CheckProblem::kFileLength, 0, "",
         "the file's length, " + std::to_string(length) + " bytes, is not a whole number of blocks"});
   }
-  Checker(&io, &report).Run(password);
+  Checker(io.get(), &report).Run(password);
   return report;
 }

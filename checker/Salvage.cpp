@@ -8,6 +8,7 @@
 
 #include "blockstore/BlockFormat.h"
 #include "blockstore/BlockIO.h"
+#include "checker/ReadOnlyFile.h"
 #include "checker/SalvageWalk.h"
 #include "utility/Env.h"
 
@@ -15,7 +16,6 @@ namespace bf = blockformat;
 
 namespace {
 
-constexpr std::uint64_t kMaxBlocks = 0x7fffffff;  // block numbers are signed 32-bit
 
 // Anything at `path`, a dangling link too; a path that cannot be examined
 // counts as taken.
@@ -76,36 +76,19 @@ SalvageReport SalvageCompoundFile(const char* damaged, const char* out, const ch
     report.openError = "no file name";
     return report;
   }
-  boost::system::error_code error;
-  tz::FileInfo info;
-  if (!tz::CurrentEnv()->Stat(damaged, true, &info, error) || info.kind != tz::FileKind::kRegular) {
-    report.openError = std::string("not a regular file: ") + damaged;
-    return report;
-  }
+  std::uint64_t length = 0;
+  const std::unique_ptr<BlockIO> io = checker::OpenForReading(damaged, &report.openError, &length);
+  if (!io) return report;
   if (Exists(out)) {
     report.openError = std::string("exists already: ") + out;
     return report;
   }
-  std::unique_ptr<tz::RandomAccessFile> file = tz::CurrentEnv()->OpenLocked(damaged, false);
-  if (!file) {
-    report.openError = std::string("cannot open (missing, no permission, or open elsewhere): ") + damaged;
-    return report;
-  }
-  BlockIO io(std::move(file));
-  std::uint64_t length = 0;
-  if (!io.DiskSize(&length)) {
-    report.openError = std::string("cannot tell the length of ") + damaged;
-    return report;
-  }
-  if (length / bf::kBlockSize > kMaxBlocks) {
-    report.openError = "more blocks than a compound file can number";
-    return report;
-  }
   report.blocks = static_cast<std::uint32_t>(length / bf::kBlockSize);
-  SalvageWalk walk(&io, report.blocks, &report);
+  SalvageWalk walk(io.get(), report.blocks, &report);
   if (!walk.ReadDirectory(password)) return report;
   bool created = false;
   if (!Build(&walk, out, password, &report, &created)) {
+    boost::system::error_code error;
     if (created) tz::CurrentEnv()->Remove(out, error);
     return report;
   }
