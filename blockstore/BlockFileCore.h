@@ -351,7 +351,11 @@ class BlockFileCore {
   bool OnlySavedMapPast(const BlockGraph& graph, const DirEntry* list) const;
   void GiveUpSavedMap(DirEntry* list);
   void MoveDirBlockNumber(std::uint32_t index, std::uint32_t from, std::uint32_t to);
+  void MoveInBatches(BlockGraph& graph, CompactProgress* p, CompactCallback callback, void* context);
   void CopyMovedBlocks(const BlockGraph& graph, const std::vector<BlockGraph::Move>& moves);
+  void RewriteMovedHeads(const BlockGraph& graph, const std::vector<BlockGraph::Move>& moves, std::size_t first,
+                         std::uint32_t count, unsigned char* buffer,
+                         std::vector<std::pair<std::uint32_t, std::uint32_t>>* movedDirBlocks);
   void RelinkMovedBlocks(const BlockGraph& graph, const std::vector<BlockGraph::Move>& moves);
   void CutFile(std::uint32_t blocks);
   void SettleAsAtClose(const BlockGraph& graph);

@@ -37,6 +37,23 @@ namespace {
 constexpr std::uint32_t kScanRun = 1024;     // blocks read by one call of the scan
 constexpr std::uint32_t kMoveBatch = 1024;   // moves between the flushes of a batch
 constexpr std::uint32_t kMoveRun = 256;      // blocks copied by one read and one write
+// The heads of blocks first .. first + count - 1, read into `run`, into
+// the graph.
+void SetHeads(BlockGraph& graph, std::uint32_t first, std::uint32_t count, const unsigned char* run) {
+  unsigned char skipped[bf::kBlockSize];
+  for (std::uint32_t k = 0; k < count; ++k) {
+    const unsigned char* raw = run + std::size_t{k} * bf::kBlockSize;
+    bf::BlockHead head;
+    bf::DecodeHead(raw, &head);
+    bool isSkipped = false;
+    if (head.inUse == 0) {
+      bf::EncodeSkippedBlock(first + k, skipped);
+      isSkipped = std::memcmp(raw, skipped, bf::kBlockSize) == 0;
+    }
+    graph.SetHead(first + k, head, isSkipped);
+  }
+}
+
 }  // namespace
 
 Status BlockFileCore::BeginMaintenance(Status* before) {
@@ -68,7 +85,6 @@ Status BlockFileCore::EndMaintenance(Status before) {
 bool BlockFileCore::BuildBlockGraph(BlockGraph& graph, const DirEntry* skip, bool full) {
   const std::uint32_t count = graph.blocks();
   std::unique_ptr<unsigned char[]> run(new unsigned char[std::size_t{kScanRun} * bf::kBlockSize]);
-  unsigned char skipped[bf::kBlockSize];
   auto used = [&](std::uint32_t b) { return full || blockMap.Get(static_cast<std::int32_t>(b)) != 0; };
   for (std::uint32_t first = 1; first <= count;) {
     if (!used(first)) {
@@ -84,17 +100,7 @@ bool BlockFileCore::BuildBlockGraph(BlockGraph& graph, const DirEntry* skip, boo
         return false;
       }
     }
-    for (std::uint32_t k = 0; k < n; ++k) {
-      const unsigned char* raw = run.get() + std::size_t{k} * bf::kBlockSize;
-      bf::BlockHead head;
-      bf::DecodeHead(raw, &head);
-      bool isSkipped = false;
-      if (head.inUse == 0) {
-        bf::EncodeSkippedBlock(first + k, skipped);
-        isSkipped = std::memcmp(raw, skipped, bf::kBlockSize) == 0;
-      }
-      graph.SetHead(first + k, head, isSkipped);
-    }
+    SetHeads(graph, first, n, run.get());
     first += n;
   }
   if (!graph.HoldDirectory(dirBlockNumberAt)) return false;
@@ -145,28 +151,7 @@ void BlockFileCore::CopyMovedBlocks(const BlockGraph& graph, const std::vector<B
       }
     }
     movedDirBlocks.clear();
-    for (std::uint32_t j = 0; j < k; ++j) {
-      const BlockGraph::Move& m = moves[i + j];
-      unsigned char* raw = buffer + std::size_t{j} * bf::kBlockSize;
-      const std::uint32_t after = graph.Next(m.from);
-      // Mostly the next block of the run, which moves along.
-      const std::uint32_t next = j + 1 < k && after == m.from + 1 ? m.to + 1 : BlockGraph::Destination(moves, after);
-      if (graph.IsDirectory(m.from)) {
-        const std::uint32_t index = DirIndexOf(m.from);
-        DirBlock& block = *dirBlocks[index];
-        block.blockNumber = m.to;
-        block.nextBlock = next;
-        bf::EncodeDirBlock(block, raw);
-        movedDirBlocks.emplace_back(index, m.from);
-        continue;
-      }
-      bf::BlockHead head;
-      bf::DecodeHead(raw, &head);
-      head.blockNumber = m.to;
-      head.inUse = 1;
-      head.nextBlock = next;
-      bf::EncodeHead(head, raw);
-    }
+    RewriteMovedHeads(graph, moves, i, k, buffer, &movedDirBlocks);
     if (WriteRawRun(moves[i].to, k, buffer) == ZoStreamE::StatusOk) {
       for (const auto& moved : movedDirBlocks) {
         MoveDirBlockNumber(moved.first, moved.second, dirBlocks[moved.first]->blockNumber);
@@ -175,6 +160,38 @@ void BlockFileCore::CopyMovedBlocks(const BlockGraph& graph, const std::vector<B
     i += k;
   }
   FlushFile();
+}
+
+// The heads of moves[first .. first + count) as their copies carry them,
+// in `buffer`, which holds the blocks as read; a directory block is encoded
+// from its record, renumbered, and noted in `movedDirBlocks` as
+// (index, old number).
+void BlockFileCore::RewriteMovedHeads(const BlockGraph& graph, const std::vector<BlockGraph::Move>& moves,
+                                      std::size_t first, std::uint32_t count, unsigned char* buffer,
+                                      std::vector<std::pair<std::uint32_t, std::uint32_t>>* movedDirBlocks) {
+  for (std::uint32_t j = 0; j < count; ++j) {
+    const BlockGraph::Move& m = moves[first + j];
+    unsigned char* raw = buffer + std::size_t{j} * bf::kBlockSize;
+    const std::uint32_t after = graph.Next(m.from);
+    // Mostly the next block of the run, which moves along.
+    const std::uint32_t next =
+        j + 1 < count && after == m.from + 1 ? m.to + 1 : BlockGraph::Destination(moves, after);
+    if (graph.IsDirectory(m.from)) {
+      const std::uint32_t index = DirIndexOf(m.from);
+      DirBlock& block = *dirBlocks[index];
+      block.blockNumber = m.to;
+      block.nextBlock = next;
+      bf::EncodeDirBlock(block, raw);
+      movedDirBlocks->emplace_back(index, m.from);
+      continue;
+    }
+    bf::BlockHead head;
+    bf::DecodeHead(raw, &head);
+    head.blockNumber = m.to;
+    head.inUse = 1;
+    head.nextBlock = next;
+    bf::EncodeHead(head, raw);
+  }
 }
 
 // The steps of WriteRawBlock for `count` blocks inside the file, from
@@ -291,6 +308,22 @@ void BlockFileCore::GiveUpSavedMap(DirEntry* list) {
   FlushFile();
 }
 
+// Batches of moves until p->toMove are made, the status fails or the
+// callback asks to stop.
+void BlockFileCore::MoveInBatches(BlockGraph& graph, CompactProgress* p, CompactCallback callback, void* context) {
+  while (status == ZoStreamE::StatusOk && p->moved < p->toMove) {
+    const std::vector<BlockGraph::Move> moves = graph.NextMoves(std::min(kMoveBatch, p->toMove - p->moved));
+    if (moves.empty()) break;
+    CopyMovedBlocks(graph, moves);
+    RelinkMovedBlocks(graph, moves);
+    if (status != ZoStreamE::StatusOk) break;
+    graph.ApplyMoves(moves);
+    p->moved += static_cast<std::uint32_t>(moves.size());
+    p->length = static_cast<std::uint64_t>(fileSize);
+    if (callback != nullptr && !callback(*p, context)) break;
+  }
+}
+
 Status BlockFileCore::CompactInPlace(std::uint32_t maxMoves, CompactCallback callback, void* context,
                                      CompactProgress* progress) {
   CompactProgress p;
@@ -316,17 +349,7 @@ Status BlockFileCore::CompactInPlace(std::uint32_t maxMoves, CompactCallback cal
     return EndMaintenance(before);
   }
   GiveUpSavedMap(list);
-  while (status == ZoStreamE::StatusOk && p.moved < p.toMove) {
-    const std::vector<BlockGraph::Move> moves = graph.NextMoves(std::min(kMoveBatch, p.toMove - p.moved));
-    if (moves.empty()) break;
-    CopyMovedBlocks(graph, moves);
-    RelinkMovedBlocks(graph, moves);
-    if (status != ZoStreamE::StatusOk) break;
-    graph.ApplyMoves(moves);
-    p.moved += static_cast<std::uint32_t>(moves.size());
-    p.length = static_cast<std::uint64_t>(fileSize);
-    if (callback != nullptr && !callback(p, context)) break;
-  }
+  MoveInBatches(graph, &p, callback, context);
   if (status == ZoStreamE::StatusOk) {
     CutFile(graph.HighestHeld());
     SettleAsAtClose(graph);
