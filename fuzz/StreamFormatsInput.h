@@ -1,0 +1,28 @@
+// What the stream formats fuzz target and its seeds program share: the
+// size of the header in front of every input.
+#ifndef TESSELZOSTREAM_FUZZ_STREAMFORMATSINPUT_H_
+#define TESSELZOSTREAM_FUZZ_STREAMFORMATSINPUT_H_
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tesselzostream/OldStreamDirectory.h"
+#include "tesselzostream/StreamDirectory.h"
+#include "tesselzostream/ZStreamBase.h"
+#include "utility/Endian.h"
+
+namespace tzfuzz::streamformats {
+
+constexpr std::size_t kHeaderSize = 4;
+
+}  // namespace tzfuzz::streamformats
+
+#endif  // TESSELZOSTREAM_FUZZ_STREAMFORMATSINPUT_H_
