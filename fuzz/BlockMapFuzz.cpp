@@ -58,12 +58,11 @@
 #include <boost/filesystem.hpp>
 
 #include "blockstore/BlockFormat.h"
+#include "fuzz/BlockMapInput.h"
 #include "fuzz/FuzzUtil.h"
 #include "tesselzostream/CompoundFile.h"
 #include "tesselzostream/CompoundFileCheck.h"
 #include "utility/Endian.h"
-
-#include "fuzz/BlockMapInput.h"
 
 using namespace tzfuzz::blockmap;
 using tzfuzz::Fail;

@@ -123,8 +123,6 @@ bool Put(CompoundFile& file, const std::string& name, const std::string& text) {
   return static_cast<bool>(*out);
 }
 
-
-
 const std::vector<Template>& Templates() {
   static const std::vector<Template> all = [] {
     std::vector<Template> built;

@@ -14,13 +14,12 @@
 #include <boost/filesystem.hpp>
 
 #include "blockstore/BlockFormat.h"
+#include "fuzz/BlockMapInput.h"
 #include "fuzz/FuzzUtil.h"
 #include "tesselzostream/CompoundFile.h"
 #include "tesselzostream/CompoundFileCheck.h"
-#include "utility/Endian.h"
-
-#include "fuzz/BlockMapInput.h"
 #include "testsupport/SeedArguments.h"
+#include "utility/Endian.h"
 
 using namespace tzfuzz::blockmap;
 

@@ -20,12 +20,11 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/CheckInput.h"
+#include "fuzz/FuzzUtil.h"
 #include "tesselzostream/CompoundFile.h"
 #include "tesselzostream/CompoundFileCheck.h"
 #include "tesselzostream/FormatFacts.h"
-
-#include "fuzz/CheckInput.h"
-#include "fuzz/FuzzUtil.h"
 #include "testsupport/FileBytes.h"
 
 using namespace tzfuzz::check;
@@ -49,7 +48,6 @@ void Expect(const CheckReport& r, std::size_t length) {
 }
 
 }  // namespace
-
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const std::string path = tzfuzz::ScratchPath("tz-check-fuzz") + ".cf";

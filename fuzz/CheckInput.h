@@ -3,22 +3,6 @@
 #ifndef TESSELZOSTREAM_FUZZ_CHECKINPUT_H_
 #define TESSELZOSTREAM_FUZZ_CHECKINPUT_H_
 
-#include <unistd.h>
-
-#include <algorithm>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
-#include <iterator>
-#include <memory>
-#include <string>
-#include <vector>
-
-#include "tesselzostream/CompoundFile.h"
-#include "tesselzostream/CompoundFileCheck.h"
-#include "tesselzostream/FormatFacts.h"
-
 namespace tzfuzz::check {
 
 const char kPassword[] = "pw";

@@ -14,11 +14,10 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/CheckInput.h"
 #include "tesselzostream/CompoundFile.h"
 #include "tesselzostream/CompoundFileCheck.h"
 #include "tesselzostream/FormatFacts.h"
-
-#include "fuzz/CheckInput.h"
 #include "testsupport/SeedArguments.h"
 
 using namespace tzfuzz::check;

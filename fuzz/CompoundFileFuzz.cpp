@@ -38,15 +38,13 @@
 
 #include "blockstore/BlockFormat.h"
 #include "blockstore/FileServer.h"
+#include "fuzz/CompoundFileInput.h"
 #include "tesselzostream/CompoundFile.h"
+#include "testsupport/FileBytes.h"
 #include "utility/Env.h"
 #include "utility/Path.h"
 
-#include "fuzz/CompoundFileInput.h"
-#include "testsupport/FileBytes.h"
-
 using namespace tzfuzz::compoundfile;
-
 
 namespace {
 

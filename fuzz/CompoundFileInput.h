@@ -4,28 +4,15 @@
 #ifndef TESSELZOSTREAM_FUZZ_COMPOUNDFILEINPUT_H_
 #define TESSELZOSTREAM_FUZZ_COMPOUNDFILEINPUT_H_
 
-#include <sys/types.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <fstream>
-#include <iostream>
-#include <memory>
 #include <string>
-#include <vector>
 
 #include <boost/filesystem.hpp>
 
 #include "blockstore/BlockFormat.h"
-#include "blockstore/FileServer.h"
-#include "tesselzostream/CompoundFile.h"
-#include "utility/Env.h"
-#include "utility/Path.h"
 #include "fuzz/FuzzUtil.h"
+#include "tesselzostream/CompoundFile.h"
 #include "testsupport/TestData.h"
 
 namespace tzfuzz::compoundfile {

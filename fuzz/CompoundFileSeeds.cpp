@@ -19,14 +19,13 @@
 
 #include "blockstore/BlockFormat.h"
 #include "blockstore/FileServer.h"
-#include "tesselzostream/CompoundFile.h"
-#include "utility/Env.h"
-#include "utility/Path.h"
-
 #include "fuzz/CompoundFileInput.h"
 #include "fuzz/FuzzUtil.h"
+#include "tesselzostream/CompoundFile.h"
 #include "testsupport/FileBytes.h"
 #include "testsupport/SeedArguments.h"
+#include "utility/Env.h"
+#include "utility/Path.h"
 
 using namespace tzfuzz::compoundfile;
 

@@ -23,11 +23,10 @@
 
 #include "blockstore/BlockFormat.h"
 #include "fuzz/FuzzUtil.h"
+#include "fuzz/SalvageInput.h"
 #include "tesselzostream/CompoundFile.h"
 #include "tesselzostream/CompoundFileCheck.h"
 #include "tesselzostream/Salvage.h"
-
-#include "fuzz/SalvageInput.h"
 
 using namespace tzfuzz::salvage;
 
@@ -83,7 +82,6 @@ void SalvageOnce(const std::string& path, const std::string& out, const char* pa
 }
 
 }  // namespace
-
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const std::string path = tzfuzz::ScratchPath("tz-salvage-fuzz") + ".cf";

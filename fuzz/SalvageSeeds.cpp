@@ -14,11 +14,10 @@
 
 #include "blockstore/BlockFormat.h"
 #include "fuzz/FuzzUtil.h"
+#include "fuzz/SalvageInput.h"
 #include "tesselzostream/CompoundFile.h"
 #include "tesselzostream/CompoundFileCheck.h"
 #include "tesselzostream/Salvage.h"
-
-#include "fuzz/SalvageInput.h"
 #include "testsupport/SeedArguments.h"
 
 using namespace tzfuzz::salvage;

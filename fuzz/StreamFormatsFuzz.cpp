@@ -48,15 +48,13 @@
 #include <utility>
 #include <vector>
 
+#include "fuzz/StreamFormatsInput.h"
 #include "tesselzostream/OldStreamDirectory.h"
 #include "tesselzostream/StreamDirectory.h"
 #include "tesselzostream/ZStreamBase.h"
 #include "utility/Endian.h"
 
-#include "fuzz/StreamFormatsInput.h"
-
 using namespace tzfuzz::streamformats;
-
 
 namespace {
 

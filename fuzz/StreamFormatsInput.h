@@ -3,21 +3,7 @@
 #ifndef TESSELZOSTREAM_FUZZ_STREAMFORMATSINPUT_H_
 #define TESSELZOSTREAM_FUZZ_STREAMFORMATSINPUT_H_
 
-#include <algorithm>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <memory>
-#include <sstream>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include "tesselzostream/OldStreamDirectory.h"
-#include "tesselzostream/StreamDirectory.h"
-#include "tesselzostream/ZStreamBase.h"
-#include "utility/Endian.h"
+#include <cstddef>
 
 namespace tzfuzz::streamformats {
 

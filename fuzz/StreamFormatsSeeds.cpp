@@ -12,13 +12,12 @@
 #include <utility>
 #include <vector>
 
+#include "fuzz/StreamFormatsInput.h"
 #include "tesselzostream/OldStreamDirectory.h"
 #include "tesselzostream/StreamDirectory.h"
 #include "tesselzostream/ZStreamBase.h"
-#include "utility/Endian.h"
-
-#include "fuzz/StreamFormatsInput.h"
 #include "testsupport/SeedArguments.h"
+#include "utility/Endian.h"
 
 using namespace tzfuzz::streamformats;
 

@@ -44,14 +44,12 @@
 
 #include "Commands.h"
 #include "fuzz/FuzzUtil.h"
-#include "tesselzostream/CompoundFile.h"
-
 #include "fuzz/UnpackInput.h"
+#include "tesselzostream/CompoundFile.h"
 #include "testsupport/FileBytes.h"
 
 namespace fs = boost::filesystem;
 using namespace tzfuzz::unpack;
-
 
 namespace {
 
@@ -76,7 +74,6 @@ std::vector<std::string> StreamNames(CompoundFile& file) {
   }
   return names;
 }
-
 
 std::string ReadText(const fs::path& path) { return tzsupport::ReadFileText(path.string()); }
 

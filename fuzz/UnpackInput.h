@@ -4,25 +4,6 @@
 #ifndef TESSELZOSTREAM_FUZZ_UNPACKINPUT_H_
 #define TESSELZOSTREAM_FUZZ_UNPACKINPUT_H_
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cstdint>
-#include <cstdio>
-#include <cstring>
-#include <fstream>
-#include <iostream>
-#include <memory>
-#include <set>
-#include <string>
-#include <vector>
-
-#include <boost/filesystem.hpp>
-
-#include "Commands.h"
-#include "fuzz/FuzzUtil.h"
-#include "tesselzostream/CompoundFile.h"
-
 namespace tzfuzz::unpack {
 
 using tzfuzz::Fail;

@@ -19,9 +19,8 @@
 
 #include "Commands.h"
 #include "fuzz/FuzzUtil.h"
-#include "tesselzostream/CompoundFile.h"
-
 #include "fuzz/UnpackInput.h"
+#include "tesselzostream/CompoundFile.h"
 #include "testsupport/SeedArguments.h"
 
 namespace fs = boost::filesystem;

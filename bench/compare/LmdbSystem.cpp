@@ -1,8 +1,8 @@
-// The LMDB system: one key per stream, written with MDB_RESERVE; built
-// only where pkg-config finds lmdb.
-#include <fcntl.h>
-#include <unistd.h>
-
+// The LMDB system ("lmdb"): one key per stream, values written in place
+// with MDB_RESERVE, one transaction per phase. Built only where pkg-config
+// finds lmdb.
+// Registered with System.h's registry; see CompareBench.cpp for what it
+// does in each phase.
 #include <algorithm>
 #include <cstdint>
 #include <cstring>

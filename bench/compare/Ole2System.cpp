@@ -1,8 +1,9 @@
-// The OLE2 system: a compound document through libgsf; built only where
-// pkg-config finds libgsf-1.
-#include <fcntl.h>
+// The OLE2 system ("ole2"): a compound document through libgsf (default
+// sector sizes); its reader recurses, so the children raise their stack
+// limit first. Built only where pkg-config finds libgsf-1.
+// Registered with System.h's registry; see CompareBench.cpp for what it
+// does in each phase.
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -33,7 +34,6 @@ void RaiseStackLimit(rlim_t bytes) {
     ::setrlimit(RLIMIT_STACK, &limit);
   }
 }
-
 
 class Ole2 : public System {
  public:

@@ -1,5 +1,8 @@
-// The plain-files system: one file per stream in one folder, POSIX
-// open/write/read/close; the reference every other system is held against.
+// The plain-files system ("plain"): one file per stream in one folder, POSIX
+// open/write/read/close (one file for W1); the reference every other
+// system is held against, so it is always built and always runs.
+// Registered with System.h's registry; see CompareBench.cpp for what it
+// does in each phase.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,8 +1,8 @@
-// The SQLite system: one table (name TEXT PRIMARY KEY, data BLOB), every
-// write in one transaction, blobs written and read in chunks.
-#include <fcntl.h>
-#include <unistd.h>
-
+// The SQLite system ("sqlite"): one table (name TEXT PRIMARY KEY, data
+// BLOB), every write in one transaction, blobs written and read in chunks.
+// Built only where pkg-config finds sqlite3.
+// Registered with System.h's registry; see CompareBench.cpp for what it
+// does in each phase.
 #include <algorithm>
 #include <cstdint>
 #include <cstring>

@@ -13,7 +13,6 @@
 namespace tzcompare {
 namespace {
 
-
 // The same streams written inside one batch (BeginBatch after the open,
 // EndBatch before the close): the flush points of the stream closes wait
 // for its end. With `whole`, through WriteStream and ReadStream instead of

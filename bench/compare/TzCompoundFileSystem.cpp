@@ -12,8 +12,6 @@
 namespace tzcompare {
 namespace {
 
-
-
 }  // namespace
 
 const Registration kRegisterCompoundFiles(5, [] { return std::unique_ptr<System>(new CompoundFiles); });

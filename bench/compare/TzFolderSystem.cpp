@@ -14,7 +14,6 @@
 namespace tzcompare {
 namespace {
 
-
 // The working-folder source: only the edit and the compaction, on a copy of
 // the tz-cf file.
 class FolderSource : public CompoundFiles {

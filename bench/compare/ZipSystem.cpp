@@ -1,8 +1,8 @@
-// The ZIP system: an archive through libzip, every entry stored; built
-// only where pkg-config finds libzip.
-#include <fcntl.h>
-#include <unistd.h>
-
+// The ZIP system ("zip"): an archive through libzip, every entry stored,
+// fed from a callback source chunk by chunk. Built only where pkg-config
+// finds libzip.
+// Registered with System.h's registry; see CompareBench.cpp for what it
+// does in each phase.
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
