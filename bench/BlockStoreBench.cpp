@@ -49,7 +49,9 @@
 
 #include <tesselzostream/tesselzostream.h>
 
-#include "ScratchFolder.h"
+#include "testsupport/Checksum.h"
+#include "testsupport/ScratchFolder.h"
+#include "testsupport/TestData.h"
 
 namespace fs = std::filesystem;
 
@@ -68,38 +70,16 @@ struct Workload {
   std::size_t streamSize;
 };
 
-// One checksum per stream, mixed over the stream's chunks; the sums of the
-// 8-byte words of a chunk vectorise, so the check costs little next to I/O.
-std::uint64_t MixChunk(std::uint64_t state, const unsigned char* data, std::size_t n) {
-  std::uint64_t sum = 0;
-  std::size_t i = 0;
-  for (; i + 8 <= n; i += 8) {
-    std::uint64_t word;
-    std::memcpy(&word, data + i, 8);
-    sum += word;
-  }
-  for (; i < n; ++i) sum += static_cast<std::uint64_t>(data[i]) << ((i % 8) * 8);
-  return (state ^ (sum + n)) * 0x100000001b3ull;
-}
-
+// Stream i's bytes: the same chunk of one pseudo-random buffer, at a place
+// that depends on i, for every chunk of the stream.
 class Pattern {
  public:
-  Pattern() : bytes_(kChunk + kPatternShift) {
-    std::uint64_t x = 0x9e3779b97f4a7c15ull;
-    for (unsigned char& b : bytes_) {  // xorshift: cheap, not compressible
-      x ^= x << 13;
-      x ^= x >> 7;
-      x ^= x << 17;
-      b = static_cast<unsigned char>(x >> 24);
-    }
-  }
+  Pattern() : bytes_(kChunk + kPatternShift) {}
   // Where stream i's chunks come from; every chunk of a stream is the same.
-  const char* For(std::size_t i) const {
-    return reinterpret_cast<const char*>(bytes_.data()) + (i * 8) % kPatternShift;
-  }
+  const char* For(std::size_t i) const { return bytes_.data() + (i * 8) % kPatternShift; }
 
  private:
-  std::vector<unsigned char> bytes_;
+  tzsupport::NoiseBuffer bytes_;
 };
 
 // Calls f(length) for each chunk of a stream of `size` bytes, in order.
@@ -115,9 +95,9 @@ void ForEachChunk(std::size_t size, F&& f) {
 std::uint64_t ExpectedChecksum(const Pattern& pattern, const Workload& w) {
   std::uint64_t total = 0;
   for (std::size_t i = 0; i < w.streams; ++i) {
-    std::uint64_t state = 0xcbf29ce484222325ull;
+    std::uint64_t state = tzsupport::kChecksumSeed;
     const auto* src = reinterpret_cast<const unsigned char*>(pattern.For(i));
-    ForEachChunk(w.streamSize, [&](std::size_t n) { state = MixChunk(state, src, n); });
+    ForEachChunk(w.streamSize, [&](std::size_t n) { state = tzsupport::MixChecksum(state, src, n); });
     total += state;  // order of streams does not matter
   }
   return total;
@@ -183,11 +163,11 @@ std::uint64_t LibraryRead(const fs::path& file, const Workload& w, std::vector<c
     const std::string name = StreamName(i);
     std::unique_ptr<std::iostream> in(cf.GetIOStream(name.c_str(), "rb"));
     if (!in) Fail("GetIOStream rb failed for " + name);
-    std::uint64_t state = 0xcbf29ce484222325ull;
+    std::uint64_t state = tzsupport::kChecksumSeed;
     ForEachChunk(w.streamSize, [&](std::size_t n) {
       in->read(buffer.data(), static_cast<std::streamsize>(n));
       if (static_cast<std::size_t>(in->gcount()) != n) Fail("library short read of " + name);
-      state = MixChunk(state, reinterpret_cast<const unsigned char*>(buffer.data()), n);
+      state = tzsupport::MixChecksum(state, buffer.data(), n);
     });
     total += state;
   }
@@ -217,11 +197,11 @@ std::uint64_t PlainRead(const fs::path& folder, const Workload& w, std::vector<c
     const fs::path path = folder / StreamName(i);
     std::ifstream in(path, std::ios::binary);
     if (!in) Fail("cannot open " + path.string());
-    std::uint64_t state = 0xcbf29ce484222325ull;
+    std::uint64_t state = tzsupport::kChecksumSeed;
     ForEachChunk(w.streamSize, [&](std::size_t n) {
       in.read(buffer.data(), static_cast<std::streamsize>(n));
       if (static_cast<std::size_t>(in.gcount()) != n) Fail("plain short read of " + path.string());
-      state = MixChunk(state, reinterpret_cast<const unsigned char*>(buffer.data()), n);
+      state = tzsupport::MixChecksum(state, buffer.data(), n);
     });
     total += state;
   }
@@ -341,9 +321,10 @@ int Run(const Options& o) {
   const Workload b{"(b)", 10000 / scale, 4 * kKiB};
   const Workload c{"(c)", 100000 / scale, 1 * kKiB};
 
-  const ScratchFolder scratch(o.dir.empty() ? fs::temp_directory_path() : fs::path(o.dir), "tz-bench-");
+  const tzsupport::ScratchFolder folder(o.dir.empty() ? fs::temp_directory_path().string() : o.dir, "tz-bench-");
+  const fs::path scratch = folder.path();
   std::printf("block store vs plain files%s, best of %d, scratch %s\n", o.quick ? " (quick: 1/16 size)" : "",
-              o.repeat, scratch.path().c_str());
+              o.repeat, scratch.c_str());
   std::printf("ratio = plain seconds / library seconds (> 1: library faster)\n\n");
   std::fflush(stdout);  // before any --verbose lines on stderr
 
@@ -351,7 +332,7 @@ int Run(const Options& o) {
   const Workload workloads[] = {a, b, c};
   Timing t[3];
   for (int k = 0; k < 3; ++k) {
-    t[k] = RunWorkload(scratch.path(), pattern, workloads[k], o.repeat, o.verbose);
+    t[k] = RunWorkload(scratch, pattern, workloads[k], o.repeat, o.verbose);
   }
 
   std::printf("%-4s %-28s %-6s %10s %10s %8s  %s\n", "case", "workload", "phase", "library s", "plain s", "ratio",

@@ -28,6 +28,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iterator>
@@ -40,8 +41,10 @@
 
 #include <tesselzostream/tesselzostream.h>
 
-#include "bench/ScratchFolder.h"
 #include "blockstore/BlockFormat.h"
+#include "testsupport/FileBytes.h"
+#include "testsupport/ScratchFolder.h"
+#include "testsupport/TestData.h"
 #include "utility/Endian.h"
 
 namespace bf = blockformat;
@@ -54,15 +57,8 @@ using Clock = std::chrono::steady_clock;
 
 double Since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
-Bytes ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-void WriteFile(const std::string& path, const Bytes& bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-}
+Bytes ReadFile(const std::string& path) { return tzsupport::ReadFileBytes(path); }
+void WriteFile(const std::string& path, const Bytes& bytes) { tzsupport::WriteFileBytes(path, bytes); }
 
 std::size_t BlockAt(std::uint32_t n) { return std::size_t{n - 1} * bf::kBlockSize; }
 std::uint32_t BlockCount(const Bytes& b) { return static_cast<std::uint32_t>(b.size() / bf::kBlockSize); }
@@ -210,12 +206,7 @@ Score ByUnpack(const std::string& damaged, const Streams& streams) {
 
 // (a) -------------------------------------------------------------------
 
-std::string Pattern(std::size_t length, std::uint32_t seed) {
-  std::mt19937 rng(seed);
-  std::string s(length, '\0');
-  for (char& c : s) c = static_cast<char>(rng());
-  return s;
-}
+std::string Pattern(std::size_t length, std::uint32_t seed) { return tzsupport::RandomBytes(length, seed); }
 
 void CheckKinds(const std::string& folder) {
   const Streams streams = {{"empty", ""}, {"exact", Pattern(1003, 1)}, {"big", Pattern(20 * 1003 + 5, 2)},
@@ -374,9 +365,9 @@ int main(int argc, char** argv) {
       return 2;
     }
   }
-  ScratchFolder scratch(dir.empty() ? std::filesystem::temp_directory_path() : std::filesystem::path(dir),
-                        "tz-salvage-bench-");
-  CheckKinds(scratch.path().string());
-  LargeFile(scratch.path().string(), copies, count);
+  tzsupport::ScratchFolder scratch(dir.empty() ? std::filesystem::temp_directory_path().string() : dir,
+                                   "tz-salvage-bench-");
+  CheckKinds(scratch.path());
+  LargeFile(scratch.path(), copies, count);
   return 0;
 }

@@ -50,6 +50,7 @@
 
 #include "SourceBenchInPlace.h"
 #include "SourceBenchVacuum.h"
+#include "testsupport/ScratchFolder.h"
 
 namespace fs = std::filesystem;
 using Source = CompoundFileStreamSource;
@@ -373,10 +374,9 @@ void CompactionInPlace(const Options& o, const std::string& dir) {
 int main(int argc, char** argv) {
   const Options options = ParseOptions(argc, argv);
   std::setvbuf(stdout, nullptr, _IOLBF, 0);  // each figure as soon as it is known
-  const fs::path base = options.dir.empty() ? fs::temp_directory_path() : fs::path(options.dir);
-  const fs::path dir = base / ("tz-source-bench-" + std::to_string(::getpid()));
+  const std::string base = options.dir.empty() ? fs::temp_directory_path().string() : options.dir;
   try {
-    fs::create_directories(dir);
+    const tzsupport::ScratchFolder dir(base, "tz-source-bench-");
     const std::pair<const char*, void (*)(const Options&, const std::string&)> sections[] = {
         {"save", SaveScaling},
         {"linearity", Linearity},
@@ -385,15 +385,13 @@ int main(int argc, char** argv) {
     int ran = 0;
     for (const auto& section : sections) {
       if (!options.only.empty() && options.only != section.first) continue;
-      section.second(options, dir.string());
+      section.second(options, dir.path());
       ++ran;
     }
     Check(ran > 0, "no section of that name");
   } catch (const std::exception& e) {
     std::fprintf(stderr, "benchmark failed: %s\n", e.what());
-    fs::remove_all(dir);
     return 1;
   }
-  fs::remove_all(dir);
   return 0;
 }

@@ -48,6 +48,8 @@
 
 #include <tesselzostream/tesselzostream.h>
 
+#include "testsupport/ScratchFolder.h"
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -235,10 +237,10 @@ int main(int argc, char** argv) {
   const Items smallItems = MakeItems(small);
   const Items largeItems = MakeItems(large);
 
-  const fs::path folder = fs::temp_directory_path() / ("tz-dirbench-" + std::to_string(::getpid()));
-  fs::create_directories(folder);
   int status = 0;
   try {
+    const tzsupport::ScratchFolder scratch(fs::temp_directory_path().string(), "tz-dirbench-");
+    const fs::path folder = scratch.path();
     StringPlace stringPlace;
     BlockPlace blockPlace(folder / "bench.cf");
     std::printf("named stream directory: %zu and %zu sub-streams of %zu bytes, fastest of %d runs\n",
@@ -263,7 +265,5 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "failed: %s\n", e.what());
     status = 1;
   }
-  std::error_code ec;
-  fs::remove_all(folder, ec);
   return status;
 }

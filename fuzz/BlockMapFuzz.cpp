@@ -43,8 +43,8 @@
 // - a second session after a close with StatusOk gives StatusOk again, and
 //   the same checks hold.
 //
-// Built with -DTZ_FUZZ_SEEDS, the same file is a program that writes a seed
-// corpus (each file's own map, with several step choices) and a dictionary.
+// The seeds program is BlockMapSeeds.cpp; what both know of the input is in
+// BlockMapInput.h.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -58,165 +58,14 @@
 #include <boost/filesystem.hpp>
 
 #include "blockstore/BlockFormat.h"
+#include "fuzz/BlockMapInput.h"
 #include "fuzz/FuzzUtil.h"
 #include "tesselzostream/CompoundFile.h"
 #include "tesselzostream/CompoundFileCheck.h"
 #include "utility/Endian.h"
 
-namespace {
-
-namespace bf = blockformat;
+using namespace tzfuzz::blockmap;
 using tzfuzz::Fail;
-
-constexpr std::size_t kHeaderSize = 6;
-constexpr unsigned kTemplates = 4;
-// Where the input starts in the map's stream: behind the digest.
-constexpr std::size_t kOffH = bf::kOffListHighest;
-constexpr std::size_t kOffTable = bf::kOffListMap;
-
-const std::string& Path() {
-  static const std::string path = tzfuzz::ScratchPath("tz-blockmap-fuzz") + ".cf";
-  return path;
-}
-
-void RemoveTemp() { std::remove(Path().c_str()); }
-
-// Bytes that differ from stream to stream and block to block.
-std::string Text(std::size_t length, std::uint32_t seed) {
-  std::string text(length, '\0');
-  std::uint32_t x = seed * 2654435761u + 1;
-  for (char& c : text) {
-    x = x * 1103515245u + 12345u;
-    c = static_cast<char>(x >> 24);
-  }
-  return text;
-}
-
-std::uint32_t Seed(const std::string& name) {
-  std::uint32_t h = 5381;
-  for (const char c : name) h = h * 33 + static_cast<unsigned char>(c);
-  return h;
-}
-
-ZoStreamE::Status OpenFile(CompoundFile& file, ZoStreamE::OpenMode mode) {
-  try {
-    return file.Open(Path().c_str(), mode);
-  } catch (ZoStreamE::Status thrown) {
-    return thrown;
-  } catch (const boost::filesystem::filesystem_error&) {
-    return ZoStreamE::StatusFailed;
-  }
-}
-
-bool Put(CompoundFile& file, const std::string& name, const std::string& text) {
-  std::unique_ptr<std::iostream> out(file.GetIOStream(name.c_str(), "wb"));
-  if (!out) return false;
-  out->write(text.data(), static_cast<std::streamsize>(text.size()));
-  out->flush();
-  return static_cast<bool>(*out);
-}
-
-// One of the sound files the inputs are put into, as the library wrote it.
-struct Template {
-  std::vector<std::uint8_t> bytes;
-  std::vector<std::uint32_t> mapChain;  // the free-list stream's blocks
-  std::vector<bool> held;               // by block number: its head says in use
-  std::map<std::string, std::string> streams;
-
-  std::uint32_t Blocks() const { return static_cast<std::uint32_t>(bytes.size() / bf::kBlockSize); }
-  std::size_t MapRoom() const { return mapChain.size() * bf::kPayloadSize; }
-  // Offset in the file of byte `p` of the free-list stream.
-  std::size_t MapByte(std::size_t p) const {
-    return std::size_t{mapChain[p / bf::kPayloadSize] - 1} * bf::kBlockSize + bf::kOffPayload +
-           p % bf::kPayloadSize;
-  }
-};
-
-// One session of writes and deletions, closed with StatusOk.
-template <typename Steps>
-void Session(std::map<std::string, std::string>* streams, Steps steps) {
-  CompoundFile file;
-  if (OpenFile(file, ZoStreamE::OpenReadWrite) != ZoStreamE::StatusOk) Fail("template: open failed");
-  auto put = [&](const std::string& name, std::size_t length) {
-    const std::string text = Text(length, Seed(name));
-    if (!Put(file, name, text)) Fail("template: write failed");
-    (*streams)[name] = text;
-  };
-  auto remove = [&](const std::string& name) {
-    if (!file.DeleteCFFile(name.c_str())) Fail("template: delete failed");
-    streams->erase(name);
-  };
-  steps(put, remove);
-  if (file.Close() != ZoStreamE::StatusOk) Fail("template: close failed");
-}
-
-Template Build(unsigned which) {
-  Template t;
-  RemoveTemp();
-  using Put = std::function<void(const std::string&, std::size_t)>;
-  using Remove = std::function<void(const std::string&)>;
-  switch (which) {
-    case 0:  // holes left by deletions, one of them filled again
-      Session(&t.streams, [](Put put, Remove) {
-        put("alpha", 2500), put("beta", 10), put("gamma", 5000), put("delta", 1200), put("eps", 3100);
-      });
-      Session(&t.streams, [](Put put, Remove remove) { remove("beta"), remove("delta"), put("zeta", 700); });
-      break;
-    case 1:  // four directory blocks
-      Session(&t.streams, [](Put put, Remove) {
-        for (int i = 0; i < 10; ++i) put("dir/s" + std::to_string(i), static_cast<std::size_t>(i) * 400);
-      });
-      Session(&t.streams, [](Put, Remove remove) { remove("dir/s3"), remove("dir/s7"); });
-      break;
-    case 2:  // one small stream
-      Session(&t.streams, [](Put put, Remove) { put("x", 40); });
-      break;
-    default:  // more blocks than the map's first block has room for, most of them free
-      Session(&t.streams, [](Put put, Remove) { put("bulk", 1010000), put("s1", 3000), put("s2", 10); });
-      Session(&t.streams, [](Put put, Remove remove) { remove("bulk"), put("s3", 500); });
-      break;
-  }
-  t.bytes = tzfuzz::ReadBytes(Path());
-  t.held.assign(t.Blocks() + 1, false);
-  for (std::uint32_t n = 1; n <= t.Blocks(); ++n) {
-    bf::BlockHead head;
-    bf::DecodeHead(&t.bytes[std::size_t{n - 1} * bf::kBlockSize], &head);
-    if (head.blockNumber != n || !bf::HasSignature(head)) Fail("template: a damaged head");
-    t.held[n] = head.inUse != 0;
-  }
-  CompoundFile file;
-  if (OpenFile(file, ZoStreamE::OpenReadOnly) != ZoStreamE::StatusOk) Fail("template: reopen failed");
-  const DirEntry* entry = file.FindDirEntry(bf::kFreeListName);
-  if (entry == nullptr) Fail("template: no saved map");
-  for (std::uint32_t n = entry->firstBlock; n != 0 && t.mapChain.size() < t.Blocks();) {
-    t.mapChain.push_back(n);
-    bf::BlockHead head;
-    bf::DecodeHead(&t.bytes[std::size_t{n - 1} * bf::kBlockSize], &head);
-    n = head.nextBlock;
-  }
-  file.Close();
-  // The file's own map says what its heads say.
-  const std::uint32_t h = tz::DecodeFixed32(&t.bytes[t.MapByte(kOffH)]);
-  if (h > t.Blocks()) Fail("template: H beyond the file");
-  for (std::uint32_t n = 1; n <= h; ++n) {
-    if ((t.bytes[t.MapByte(kOffTable + n)] != 0) != t.held[n]) Fail("template: map and heads disagree");
-  }
-  RemoveTemp();
-  return t;
-}
-
-const std::vector<Template>& Templates() {
-  static const std::vector<Template> all = [] {
-    std::vector<Template> built;
-    for (unsigned i = 0; i < kTemplates; ++i) built.push_back(Build(i));
-    return built;
-  }();
-  return all;
-}
-
-}  // namespace
-
-#ifndef TZ_FUZZ_SEEDS
 
 namespace {
 
@@ -536,42 +385,3 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   RemoveTemp();
   return 0;
 }
-
-#else  // TZ_FUZZ_SEEDS: the seed corpus and the dictionary.
-
-int main(int argc, char** argv) {
-  if (argc != 3) {
-    std::fprintf(stderr, "usage: %s CORPUS_DIR DICTIONARY_FILE\n", argv[0]);
-    return 2;
-  }
-  const std::string dir = argv[1];
-  boost::filesystem::create_directories(dir);
-  // Step choices: everything with a second session; reads around new
-  // streams; a stale digest (the scan); deletions and replacements.
-  const std::uint8_t headers[][2] = {{0x50, 0x2F}, {0x80, 0xB0}, {0x48, 0x4D}, {0x20, 0x0C}};
-  std::string dict = "# Written by tz_fuzz_blockmap_seeds: map bytes and each file's H.\n";
-  dict += "used_run=" + tzfuzz::Quoted(std::string(8, '\x01')) + "\nfree_run=" +
-          tzfuzz::Quoted(std::string(8, '\0')) + "\nmax_u32=" + tzfuzz::Quoted("\xFF\xFF\xFF\xFF") + "\n";
-  for (unsigned which = 0; which < kTemplates; ++which) {
-    const Template& t = Templates()[which];
-    const std::uint32_t h = tz::DecodeFixed32(&t.bytes[t.MapByte(kOffH)]);
-    std::string map;
-    for (std::size_t p = kOffH; p < kOffTable + h + 1; ++p) map += static_cast<char>(t.bytes[t.MapByte(p)]);
-    for (unsigned k = 0; k < sizeof headers / sizeof headers[0]; ++k) {
-      const std::uint8_t header[kHeaderSize] = {static_cast<std::uint8_t>(headers[k][0] | which), headers[k][1],
-                                                static_cast<std::uint8_t>(0x31 * (k + 1)), 20, 0x90, 0x01};
-      std::string seed(reinterpret_cast<const char*>(header), kHeaderSize);
-      // The big file's map is long: one seed with all of it, the others
-      // with the first bytes only (the rest stays the file's own).
-      seed += which == 3 && k != 0 ? map.substr(0, 200) : map;
-      const std::string path = dir + "/map-" + std::to_string(which) + "-" + std::to_string(k);
-      tzfuzz::WriteBytes(path, reinterpret_cast<const std::uint8_t*>(seed.data()), seed.size());
-    }
-    dict += "h_" + std::to_string(which) + "=" + tzfuzz::Quoted(map.substr(0, 4)) + "\n";
-  }
-  std::ofstream(argv[2]) << dict;
-  RemoveTemp();
-  return 0;
-}
-
-#endif  // TZ_FUZZ_SEEDS

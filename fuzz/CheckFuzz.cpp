@@ -6,9 +6,8 @@
 // count, at most the listed number of problems, every listed problem
 // counted), and it must leave every byte of the file as it was.
 //
-// Built with -DTZ_FUZZ_SEEDS, the same file is a program that writes a seed
-// corpus (a sound file, one with a stream deleted, an encrypted one) into
-// the folder given as its argument.
+// The seeds program is CheckSeeds.cpp; what both know of the input is in
+// CheckInput.h.
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,25 +20,16 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/CheckInput.h"
+#include "fuzz/FuzzUtil.h"
 #include "tesselzostream/CompoundFile.h"
 #include "tesselzostream/CompoundFileCheck.h"
 #include "tesselzostream/FormatFacts.h"
+#include "testsupport/FileBytes.h"
+
+using namespace tzfuzz::check;
 
 namespace {
-
-const char kPassword[] = "pw";
-
-#ifndef TZ_FUZZ_SEEDS
-std::string TempPath() {
-  const char* dir = std::getenv("TZ_FUZZ_DIR");
-  std::string base = dir != nullptr && *dir != '\0' ? dir : (::access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp");
-  return base + "/tz-check-fuzz-" + std::to_string(static_cast<long>(::getpid())) + ".cf";
-}
-
-std::vector<char> ReadBack(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::vector<char>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 
 [[noreturn]] void Stop(const char* what) {
   std::fprintf(stderr, "check fuzz: %s\n", what);
@@ -56,52 +46,17 @@ void Expect(const CheckReport& r, std::size_t length) {
     Stop("problem list and count disagree");
   }
 }
-#endif
 
 }  // namespace
 
-#ifndef TZ_FUZZ_SEEDS
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const std::string path = TempPath();
-  {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
-  }
+  static const std::string path = tzfuzz::ScratchPath("tz-check-fuzz") + ".cf";
+  tzsupport::WriteFileBytes(path, data, size);  // a failed write leaves nothing to check, as before
   Expect(CheckCompoundFile(path.c_str()), size);
   Expect(CheckCompoundFile(path.c_str(), kPassword), size);
-  const std::vector<char> after = ReadBack(path);
-  if (after.size() != size || !std::equal(after.begin(), after.end(), reinterpret_cast<const char*>(data))) {
+  const tzsupport::FileBytes after = tzsupport::ReadFileBytes(path);
+  if (after.size() != size || !std::equal(after.begin(), after.end(), data)) {
     Stop("the check changed the file");
   }
   return 0;
 }
-
-#else
-
-int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: %s CORPUS_FOLDER\n", argv[0]);
-    return 2;
-  }
-  const std::string folder = argv[1];
-  auto make = [&](const char* name, bool deleteOne, bool encrypt) {
-    const std::string path = folder + "/" + name;
-    std::remove(path.c_str());
-    CompoundFile file;
-    if (file.Open(path.c_str(), ZoStreamE::OpenReadWrite) != ZoStreamE::StatusOk) std::exit(1);
-    for (int i = 0; i < 4; ++i) {
-      std::unique_ptr<std::iostream> s(file.GetIOStream(("s" + std::to_string(i)).c_str(), "wb"));
-      *s << std::string(static_cast<std::size_t>(i) * 700, static_cast<char>('a' + i));
-    }
-    if (deleteOne) file.DeleteCFFile("s2");
-    if (encrypt && file.Encrypt(kPassword) != ZoStreamE::StatusOk) std::exit(1);
-    file.Close();
-  };
-  make("sound.cf", false, false);
-  make("deleted.cf", true, false);
-  make("encrypted.cf", true, true);
-  return 0;
-}
-
-#endif

@@ -18,8 +18,8 @@
 // session that ends with StatusOk leaves a file that opens again and holds
 // the stream that session wrote. fuzz/README.md lists every check.
 //
-// Built with -DTZ_FUZZ_SEEDS, the same file is a program that writes a seed
-// corpus of valid files (already prefixed with a header) and a dictionary.
+// The seeds program is CompoundFileSeeds.cpp; what both know of the input is in
+// CompoundFileInput.h.
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -38,63 +38,13 @@
 
 #include "blockstore/BlockFormat.h"
 #include "blockstore/FileServer.h"
+#include "fuzz/CompoundFileInput.h"
 #include "tesselzostream/CompoundFile.h"
+#include "testsupport/FileBytes.h"
 #include "utility/Env.h"
 #include "utility/Path.h"
 
-namespace {
-
-namespace bf = blockformat;
-
-constexpr std::size_t kHeaderSize = 8;
-
-// The password the seed corpus encrypts with.
-const char kPassword[] = "pw";
-
-std::string TempPath() {
-  const char* dir = std::getenv("TZ_FUZZ_DIR");
-  std::string base;
-  if (dir != nullptr && *dir != '\0') {
-    base = dir;
-  } else if (::access("/dev/shm", W_OK) == 0) {
-    base = "/dev/shm";  // memory-backed: the runs write the file thousands of times a second
-  } else {
-    base = "/tmp";
-  }
-  return base + "/tz-fuzz-" + std::to_string(static_cast<long>(::getpid())) + ".cf";
-}
-
-const std::string& Path() {
-  static const std::string path = TempPath();
-  return path;
-}
-
-void RemoveTemp() { std::remove(Path().c_str()); }
-
-// Opens, catching what Open is documented to throw.
-ZoStreamE::Status OpenFile(CompoundFile& file, ZoStreamE::OpenMode mode) {
-  try {
-    return file.Open(Path().c_str(), mode);
-  } catch (ZoStreamE::Status thrown) {
-    if (thrown != ZoStreamE::StatusFailed) {
-      std::fprintf(stderr, "Open threw status %d\n", static_cast<int>(thrown));
-      std::abort();
-    }
-    return thrown;
-  } catch (const boost::filesystem::filesystem_error&) {
-    return ZoStreamE::StatusFailed;
-  }
-}
-
-std::string Text(std::size_t length, char seed) {
-  std::string text(length, '\0');
-  for (std::size_t i = 0; i < length; ++i) text[i] = static_cast<char>(seed + i * 7);
-  return text;
-}
-
-}  // namespace
-
-#ifndef TZ_FUZZ_SEEDS
+using namespace tzfuzz::compoundfile;
 
 namespace {
 
@@ -133,19 +83,13 @@ struct Control {
 };
 
 // A fault: said on stderr, and the run ends (libFuzzer keeps the input).
-void Fail(const char* what) {
-  std::fprintf(stderr, "%s\n", what);
-  std::abort();
-}
+using tzfuzz::Fail;
 
 void WriteFile(const std::string& path, const std::uint8_t* data, std::size_t size) {
-  std::FILE* f = std::fopen(path.c_str(), "wb");
-  if (f == nullptr) {
+  if (!tzsupport::WriteFileBytes(path, data, size)) {
     std::perror(path.c_str());
     std::abort();
   }
-  if (size != 0 && std::fwrite(data, 1, size, f) != size) std::abort();
-  std::fclose(f);
 }
 
 // Every handle and stream of a run has gone: nobody holds the engine of the
@@ -330,8 +274,7 @@ struct Expected {
 // Numbers of the directory blocks in the file on disk, by the links from
 // block 1 (at most one walk's worth of blocks).
 std::vector<std::uint32_t> DirectoryBlocksOnDisk() {
-  std::ifstream in(Path(), std::ios::binary);
-  const std::vector<unsigned char> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  const tzsupport::FileBytes bytes = tzsupport::ReadFileBytes(Path());
   const std::size_t count = bytes.size() / bf::kBlockSize;
   std::vector<std::uint32_t> blocks;
   for (std::uint32_t n = 1; n != 0 && n <= count && blocks.size() < count;) {
@@ -534,118 +477,3 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   RemoveTemp();
   return 0;
 }
-
-#else  // TZ_FUZZ_SEEDS: write the seed corpus and the dictionary.
-
-namespace {
-
-std::vector<std::uint8_t> ReadAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::vector<std::uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-bool Put(CompoundFile& file, const std::string& name, std::size_t length) {
-  std::unique_ptr<std::iostream> out(file.GetIOStream(name.c_str(), "wb"));
-  if (!out) return false;
-  const std::string text = Text(length, static_cast<char>('a' + name.size()));
-  out->write(text.data(), static_cast<std::streamsize>(text.size()));
-  return static_cast<bool>(*out);
-}
-
-// Builds one file through the library and saves it with a header in front.
-template <typename Fill>
-void Seed(const std::string& dir, const std::string& name, const std::uint8_t header[kHeaderSize],
-          Fill fill) {
-  RemoveTemp();
-  {
-    CompoundFile file;
-    if (OpenFile(file, ZoStreamE::OpenReadWrite) != ZoStreamE::StatusOk || !fill(file)) {
-      std::fprintf(stderr, "seed %s: building failed\n", name.c_str());
-      std::exit(1);
-    }
-    if (file.Close() != ZoStreamE::StatusOk) {
-      std::fprintf(stderr, "seed %s: close failed\n", name.c_str());
-      std::exit(1);
-    }
-  }
-  std::vector<std::uint8_t> bytes(header, header + kHeaderSize);
-  const std::vector<std::uint8_t> body = ReadAll(Path());
-  bytes.insert(bytes.end(), body.begin(), body.end());
-  std::ofstream out(dir + "/" + name, std::ios::binary);
-  out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-  std::printf("%s: %zu bytes\n", name.c_str(), bytes.size());
-}
-
-// libFuzzer dictionary syntax: "\xNN" for every byte that is not plain.
-std::string Quoted(const char* bytes, std::size_t n) {
-  std::string out = "\"";
-  for (std::size_t i = 0; i < n; ++i) {
-    const unsigned char ch = static_cast<unsigned char>(bytes[i]);
-    if (ch >= 0x20 && ch < 0x7F && ch != '"' && ch != '\\') {
-      out += static_cast<char>(ch);
-    } else {
-      char hex[5];
-      std::snprintf(hex, sizeof hex, "\\x%02X", ch);
-      out += hex;
-    }
-  }
-  return out + "\"";
-}
-
-}  // namespace
-
-int main(int argc, char** argv) {
-  if (argc != 3) {
-    std::fprintf(stderr, "usage: %s CORPUS_DIR DICTIONARY_FILE\n", argv[0]);
-    return 2;
-  }
-  const std::string dir = argv[1];
-  boost::filesystem::create_directories(dir);
-  std::atexit(RemoveTemp);
-
-  const std::uint8_t everything[kHeaderSize] = {0xFF, 0x3C, 0x21, 12, 0x10, 0x02, 0xF0, 0x03};
-  const std::uint8_t readOnly[kHeaderSize] = {0x00, 0x00, 0x00, 0, 0, 0, 0, 0};
-  const std::uint8_t writes[kHeaderSize] = {0x1F, 0x18, 0x10, 30, 0xE8, 0x03, 0x00, 0x00};
-  const std::uint8_t encrypt[kHeaderSize] = {0x21, 0x00, 0x00, 0, 0, 0, 0, 0};
-
-  // An empty file: no directory at all.
-  RemoveTemp();
-  {
-    std::ofstream(dir + "/empty", std::ios::binary)
-        .write(reinterpret_cast<const char*>(writes), kHeaderSize);
-  }
-  // A directory whose only stream was deleted again.
-  Seed(dir, "deleted", writes, [](CompoundFile& f) {
-    return Put(f, "gone", 10) && f.DeleteCFFile("gone");
-  });
-  Seed(dir, "one-stream", everything, [](CompoundFile& f) { return Put(f, "readme.txt", 40); });
-  Seed(dir, "one-stream-ro", readOnly, [](CompoundFile& f) { return Put(f, "readme.txt", 40); });
-  // A stream of three blocks: the chain is walked and seeked.
-  Seed(dir, "long-stream", writes, [](CompoundFile& f) { return Put(f, "data/long", 2500); });
-  // Seven streams: three directory blocks (the saved block map is one more entry).
-  Seed(dir, "many-streams", everything, [](CompoundFile& f) {
-    for (int i = 0; i < 7; ++i) {
-      if (!Put(f, "dir/stream-" + std::to_string(i), static_cast<std::size_t>(i) * 150)) return false;
-    }
-    return true;
-  });
-  Seed(dir, "encrypted", everything, [](CompoundFile& f) {
-    return Put(f, "secret", 1200) && Put(f, "other", 30) && f.Encrypt(kPassword) == ZoStreamE::StatusOk;
-  });
-  Seed(dir, "encrypted-ro", encrypt, [](CompoundFile& f) {
-    return Put(f, "secret", 300) && f.Encrypt(kPassword) == ZoStreamE::StatusOk;
-  });
-
-  std::ofstream dict(argv[2]);
-  dict << "# Written by tz_fuzz_seeds: the fixed texts of the block format.\n";
-  dict << "block_signature=" << Quoted(bf::kSignature, bf::kSignatureSize) << "\n";
-  dict << "file_signature=" << Quoted(bf::kFileSignature, bf::kFileSignatureSize) << "\n";
-  dict << "block_map_name=" << Quoted(bf::kFreeListName, std::strlen(bf::kFreeListName) + 1) << "\n";
-  dict << "in_use_head=" << Quoted("\x01" "BlockFile", bf::kSignatureSize + 1) << "\n";
-  dict << "encrypted_flag=\"\\x01\\x00\"\n";
-  dict << "max_u32=\"\\xFF\\xFF\\xFF\\xFF\"\n";
-  dict << "payload_full=\"\\xEB\\x03\"\n";  // usedLength 1003
-  return 0;
-}
-
-#endif  // TZ_FUZZ_SEEDS

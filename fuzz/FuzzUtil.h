@@ -1,6 +1,7 @@
-// Small pieces the block-map and unpack fuzz targets share: where a run
-// keeps its files, whole-file bytes, the stop on a finding, and the quoting
-// of libFuzzer's dictionary files.
+// Small pieces the fuzz targets and their seeds programs share: where a
+// run keeps its files, whole-file bytes, the stop on a finding, and the
+// quoting of libFuzzer's dictionary files.
+// Thread safety: no state; libFuzzer runs inputs on one thread.
 #ifndef TESSELZOSTREAM_FUZZ_FUZZUTIL_H_
 #define TESSELZOSTREAM_FUZZ_FUZZUTIL_H_
 
@@ -9,10 +10,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
+
+#include "testsupport/FileBytes.h"
 
 namespace tzfuzz {
 
@@ -37,16 +38,12 @@ inline std::string ScratchPath(const std::string& stem) {
   std::abort();
 }
 
-inline std::vector<std::uint8_t> ReadBytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::vector<std::uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
+// Whole-file bytes (testsupport/FileBytes.h); a write that fails is a
+// finding, as the target cannot go on without its file.
+inline std::vector<std::uint8_t> ReadBytes(const std::string& path) { return tzsupport::ReadFileBytes(path); }
 
 inline void WriteBytes(const std::string& path, const std::uint8_t* data, std::size_t size) {
-  std::FILE* f = std::fopen(path.c_str(), "wb");
-  if (f == nullptr) Fail("cannot write " + path);
-  if (size != 0 && std::fwrite(data, 1, size, f) != size) Fail("cannot write " + path);
-  std::fclose(f);
+  if (!tzsupport::WriteFileBytes(path, data, size)) Fail("cannot write " + path);
 }
 
 // A dictionary entry: "\xNN" for every byte that is not plain.

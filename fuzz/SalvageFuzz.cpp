@@ -10,10 +10,8 @@
 // exactly the streams the report names (the saved map aside), or a stream
 // does not read back with the bytes the report says were recovered.
 //
-// Built with -DTZ_FUZZ_SEEDS, the same file is a program that writes a seed
-// corpus (a sound file, one with a stream deleted, an encrypted one, one
-// with a chain cut and one with a stream whose chain runs beyond its size)
-// into the folder given as its argument.
+// The seeds program is SalvageSeeds.cpp; what both know of the input is in
+// SalvageInput.h.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -25,15 +23,15 @@
 
 #include "blockstore/BlockFormat.h"
 #include "fuzz/FuzzUtil.h"
+#include "fuzz/SalvageInput.h"
 #include "tesselzostream/CompoundFile.h"
 #include "tesselzostream/CompoundFileCheck.h"
 #include "tesselzostream/Salvage.h"
 
+using namespace tzfuzz::salvage;
+
 namespace {
 
-const char kPassword[] = "pw";
-
-#ifndef TZ_FUZZ_SEEDS
 void CheckNewFile(const SalvageReport& r, const std::string& out, const char* password) {
   const CheckReport check = CheckCompoundFile(out.c_str(), password);
   if (!check.Sound()) {
@@ -82,11 +80,8 @@ void SalvageOnce(const std::string& path, const std::string& out, const char* pa
   if (left == nullptr) tzfuzz::Fail("salvage fuzz: no new file");
   CheckNewFile(r, out, password);
 }
-#endif
 
 }  // namespace
-
-#ifndef TZ_FUZZ_SEEDS
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const std::string path = tzfuzz::ScratchPath("tz-salvage-fuzz") + ".cf";
@@ -101,52 +96,3 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   return 0;
 }
-
-#else
-
-int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: %s CORPUS_FOLDER\n", argv[0]);
-    return 2;
-  }
-  const std::string folder = argv[1];
-  auto make = [&](const char* name, bool deleteOne, bool encrypt, bool cut, bool grow) {
-    const std::string path = folder + "/" + name;
-    std::remove(path.c_str());
-    {
-      CompoundFile file;
-      if (file.Open(path.c_str(), ZoStreamE::OpenReadWrite) != ZoStreamE::StatusOk) std::exit(1);
-      for (int i = 0; i < 4; ++i) {
-        std::unique_ptr<std::iostream> s(file.GetIOStream(("s" + std::to_string(i)).c_str(), "wb"));
-        *s << std::string(static_cast<std::size_t>(i) * 700, static_cast<char>('a' + i));
-      }
-      if (grow) {
-        std::unique_ptr<std::iostream> s(file.GetIOStream("s1", "r+b"));
-        s->seekp(3000);
-      }
-      if (deleteOne) file.DeleteCFFile("s2");
-      if (encrypt && file.Encrypt(kPassword) != ZoStreamE::StatusOk) std::exit(1);
-      file.Close();
-    }
-    if (cut) {  // the last stream's first block ends its chain
-      std::vector<std::uint8_t> bytes = tzfuzz::ReadBytes(path);
-      CompoundFile file;
-      file.Open(path.c_str(), ZoStreamE::OpenReadOnly);
-      const DirEntry* e = file.FindDirEntry("s3");
-      const std::size_t at =
-          e != nullptr ? (e->firstBlock - 1) * std::size_t{blockformat::kBlockSize} + blockformat::kOffNextBlock : 0;
-      file.Close();
-      if (at == 0 || at + 4 > bytes.size()) std::exit(1);
-      std::fill_n(bytes.begin() + static_cast<std::ptrdiff_t>(at), 4, 0);
-      tzfuzz::WriteBytes(path, bytes.data(), bytes.size());
-    }
-  };
-  make("sound.cf", false, false, false, false);
-  make("deleted.cf", true, false, false, false);
-  make("encrypted.cf", true, true, false, false);
-  make("cut.cf", false, false, true, false);
-  make("grown.cf", false, false, false, true);
-  return 0;
-}
-
-#endif

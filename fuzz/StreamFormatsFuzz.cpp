@@ -35,8 +35,8 @@
 // A seek beyond the stream's end stops the run too. The sanitizers and
 // libFuzzer's limits catch crashes, hangs and large allocations besides.
 //
-// Built with -DTZ_FUZZ_SEEDS, the same file is a program that writes a seed
-// corpus of valid items (with the header in front) and a dictionary.
+// The seeds program is StreamFormatsSeeds.cpp; what both know of the input is in
+// StreamFormatsInput.h.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -48,18 +48,13 @@
 #include <utility>
 #include <vector>
 
+#include "fuzz/StreamFormatsInput.h"
 #include "tesselzostream/OldStreamDirectory.h"
 #include "tesselzostream/StreamDirectory.h"
 #include "tesselzostream/ZStreamBase.h"
 #include "utility/Endian.h"
 
-namespace {
-
-constexpr std::size_t kHeaderSize = 4;
-
-}  // namespace
-
-#ifndef TZ_FUZZ_SEEDS
+using namespace tzfuzz::streamformats;
 
 namespace {
 
@@ -379,77 +374,3 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   CheckHeadsRoundTrip(b, p);
   return 0;
 }
-
-#else  // TZ_FUZZ_SEEDS
-
-#include <fstream>
-
-#include <boost/filesystem.hpp>
-
-namespace {
-
-void Seed(const std::string& dir, const char* name, std::uint8_t start, const std::string& stream) {
-  const char header[kHeaderSize] = {static_cast<char>(start), 0, 7, 0};
-  std::ofstream(dir + "/" + name, std::ios::binary) << std::string(header, kHeaderSize) << stream;
-}
-
-}  // namespace
-
-int main(int argc, char** argv) {
-  if (argc != 3) {
-    std::fprintf(stderr, "usage: %s CORPUS_DIR DICTIONARY_FILE\n", argv[0]);
-    return 2;
-  }
-  const std::string dir = argv[1];
-  boost::filesystem::create_directories(dir);
-  {
-    std::stringstream s;
-    OutputStreamDirectory numbered(s, 3);
-    numbered.GetOutput(7) << "abc";
-    numbered.GetOutput(2) << "defgh";
-    numbered.Close();
-    Seed(dir, "numbered", 0, s.str());
-  }
-  {
-    std::stringstream s;
-    s << "lead";  // a directory behind other data, with every slot in use
-    OutputStreamDirectory numbered(s, 80);
-    for (std::uint16_t i = 0; i < 80; ++i) numbered.GetOutput(static_cast<std::uint16_t>(80 - i)) << i;
-    numbered.Close();
-    Seed(dir, "numbered-full", 4, s.str());
-  }
-  {
-    std::stringstream s;
-    OldOutputStreamDirectory named(s);
-    named.GetOutput("abd") << "ABD";
-    named.GetOutput("abc") << "ABCDE";
-    named.Close();
-    Seed(dir, "named", 0, s.str());
-  }
-  {
-    std::stringstream s;
-    s << "lead";
-    OldOutputStreamDirectory named(s);
-    const char* names[] = {"", "elevenchars", "twelve-chars", "\xE9t\xE9", "a", "b", "a"};
-    for (const char* name : names) named.GetOutput(name) << name << '.';
-    named.Close();
-    Seed(dir, "named-mixed", 4, s.str());
-  }
-  {
-    std::stringstream s;
-    s << ZStreamBase();
-    ZStreamLight::WriteMagicStringAndVersionNumber(s, 7, "abc");
-    Seed(dir, "heads", 0, s.str());
-    Seed(dir, "light-head", 9, s.str());
-  }
-  std::ofstream dict(argv[2]);
-  dict << "# Written by tz_fuzz_streamformats_seeds: the fixed texts of the formats.\n";
-  dict << "numbered_magic=\"xA\"\n";
-  dict << "named_magic=\"\\x01Stream\\x02Dir\\x00\"\n";
-  dict << "base_head=\"\\x03\\x00\\x00\\x00ZSB\\x01\\x00\"\n";
-  dict << "capacity_80=\"\\x50\\x00\"\n";
-  dict << "max_u32=\"\\xFF\\xFF\\xFF\\xFF\"\n";
-  return 0;
-}
-
-#endif  // TZ_FUZZ_SEEDS

@@ -25,9 +25,8 @@
 //   with bytes other than the library reads from it.
 // The sanitizers catch crashes and overruns besides.
 //
-// Built with -DTZ_FUZZ_SEEDS, the same file is a program that writes a seed
-// corpus of archives whose names hold '/', "..", ".", absolute names, empty
-// components, long names and the trap names, and a dictionary.
+// The seeds program is UnpackSeeds.cpp; what both know of the input is in
+// UnpackInput.h.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -45,32 +44,12 @@
 
 #include "Commands.h"
 #include "fuzz/FuzzUtil.h"
+#include "fuzz/UnpackInput.h"
 #include "tesselzostream/CompoundFile.h"
+#include "testsupport/FileBytes.h"
 
 namespace fs = boost::filesystem;
-
-namespace {
-
-using tzfuzz::Fail;
-
-const char kPassword[] = "pw";
-
-// The traps in the target folder: name and where the link points
-// ("@outside" stands for the outside folder's absolute path).
-struct Trap {
-  const char* name;
-  const char* target;
-};
-const Trap kLinks[] = {
-    {"link-out", "../outside"},         {"abs-link", "@outside"},
-    {"file-link", "../outside/victim"}, {"dir/inner-link", "../../outside"},
-    {"loop", "loop"},
-};
-const char kHardLink[] = "hard";  // a hard link to outside/victim
-
-}  // namespace
-
-#ifndef TZ_FUZZ_SEEDS
+using namespace tzfuzz::unpack;
 
 namespace {
 
@@ -96,11 +75,7 @@ std::vector<std::string> StreamNames(CompoundFile& file) {
   return names;
 }
 
-
-std::string ReadText(const fs::path& path) {
-  std::ifstream in(path.string(), std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
+std::string ReadText(const fs::path& path) { return tzsupport::ReadFileText(path.string()); }
 
 void Lay() {
   boost::system::error_code ec;
@@ -249,55 +224,3 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   fs::remove_all(Root(), ec);
   return 0;
 }
-
-#else  // TZ_FUZZ_SEEDS: the seed corpus and the dictionary.
-
-int main(int argc, char** argv) {
-  if (argc != 3) {
-    std::fprintf(stderr, "usage: %s CORPUS_DIR DICTIONARY_FILE\n", argv[0]);
-    return 2;
-  }
-  const fs::path dir = argv[1];
-  fs::create_directories(dir);
-  const std::string work = tzfuzz::ScratchPath("tz-unpack-seeds") + ".cf";
-  auto make = [&](const char* seed, const std::vector<std::string>& names, bool encrypt) {
-    std::remove(work.c_str());
-    {
-      CompoundFile file;
-      if (file.Open(work.c_str(), ZoStreamE::OpenReadWrite) != ZoStreamE::StatusOk) Fail("cannot make an archive");
-      for (const std::string& name : names) {
-        std::unique_ptr<std::iostream> out(file.GetIOStream(name.c_str(), "wb"));
-        if (!out) Fail("the library refused the name '" + name + "'");
-        *out << "bytes of " << name.substr(0, 20) << "\n";
-      }
-      if (encrypt && file.Encrypt(kPassword) != ZoStreamE::StatusOk) Fail("cannot encrypt");
-      if (file.Close() != ZoStreamE::StatusOk) Fail("cannot close an archive");
-    }
-    const std::vector<std::uint8_t> bytes = tzfuzz::ReadBytes(work);
-    tzfuzz::WriteBytes((dir / seed).string(), bytes.data(), bytes.size());
-  };
-  const std::string longName(256, 'n');
-  const std::string longComponent = "long/" + std::string(251, 'c');
-  make("plain", {"readme.txt", "docs/guide.txt", "docs/deep/er/file"}, false);
-  make("escapes", {"../escape", "a/../../b", "/abs/name", "..", "."}, false);
-  make("empty-components", {"a//b", "trailing/", "./here", "x/./y"}, false);
-  std::vector<std::string> traps = {kHardLink, "dir", "dir/file"};
-  for (const Trap& t : kLinks) traps.insert(traps.end(), {t.name, std::string(t.name) + "/below"});
-  make("traps", traps, false);
-  make("long-names", {longName, longComponent, std::string(255, 'm')}, false);
-  make("conflicts", {"same", "SAME", "same/below", "file", "file/under"}, false);
-  make("encrypted", {"secret/one", "../two"}, true);
-  std::remove(work.c_str());
-
-  std::ofstream dict(argv[2]);
-  dict << "# Written by tz_fuzz_unpack_seeds: path pieces, trap names, block format texts.\n";
-  std::vector<std::string> words = {"/", "..", "../", "./", "//", "dir/", kHardLink};
-  for (const Trap& t : kLinks) words.push_back(std::string(t.name) + "/");
-  int k = 0;
-  for (const std::string& w : words) dict << "path_" << k++ << "=" << tzfuzz::Quoted(w) << "\n";
-  dict << "block_signature=" << tzfuzz::Quoted(std::string("BlockFile", 10)) << "\n";
-  dict << "file_signature=" << tzfuzz::Quoted(std::string("ZoCompoundFile", 15)) << "\n";
-  return 0;
-}
-
-#endif  // TZ_FUZZ_SEEDS

@@ -2,9 +2,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <iterator>
-#include <random>
 #include <sstream>
 #include <stdexcept>
 
@@ -15,30 +12,6 @@
 #include "utility/Endian.h"
 
 namespace tztest {
-
-ScratchDir::ScratchDir() {
-  namespace fs = boost::filesystem;
-  const fs::path p = fs::temp_directory_path() / fs::unique_path("tztest-%%%%-%%%%-%%%%");
-  fs::create_directories(p);
-  path_ = p.string();
-}
-
-ScratchDir::~ScratchDir() {
-  boost::system::error_code ec;
-  if (!keep_) boost::filesystem::remove_all(path_, ec);
-}
-
-std::string ScratchDir::Path(const std::string& name) const { return path_ + "/" + name; }
-
-FileBytes ReadAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return FileBytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-void WriteAll(const std::string& path, const FileBytes& bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-}
 
 bool PutStream(CompoundFile& file, const char* name, const std::string& content) {
   std::unique_ptr<std::iostream> out(file.GetIOStream(name, "wb"));
@@ -147,13 +120,6 @@ std::size_t EntryAt(const FileBytes& b, const char* name) {
 
 std::uint32_t FirstBlockOf(const FileBytes& b, const char* name) {
   return Get32(b, EntryAt(b, name) + blockformat::kOffFirstBlock);
-}
-
-std::string Pattern(std::size_t length, std::uint32_t seed) {
-  std::mt19937 rng(seed);
-  std::string s(length, '\0');
-  for (char& c : s) c = static_cast<char>(rng());
-  return s;
 }
 
 const char* FaultName(Fault kind) {

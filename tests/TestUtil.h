@@ -1,5 +1,6 @@
-// Helpers shared by the tests: scratch folders, whole-file bytes, raw block
-// fields, and a platform layer that fails chosen calls.
+// Helpers shared by the tests: compound-file shortcuts, raw block fields,
+// and a platform layer that fails chosen calls; scratch folders, whole-file
+// bytes and test data come from the support library (testsupport/).
 #ifndef TESSELZOSTREAM_TESTS_TESTUTIL_H_
 #define TESSELZOSTREAM_TESTS_TESTUTIL_H_
 
@@ -12,6 +13,9 @@
 #include <tesselzostream/tesselzostream.h>
 
 #include "blockstore/BlockFormat.h"
+#include "testsupport/FileBytes.h"
+#include "testsupport/ScratchFolder.h"
+#include "testsupport/TestData.h"
 #include "utility/Env.h"
 
 namespace tztest {
@@ -22,27 +26,15 @@ using ZoStreamE::OpenReadOnly;
 using ZoStreamE::OpenReadWrite;
 using ZoStreamE::StatusOk;
 
-// A fresh folder under the system's temporary folder, removed on
-// destruction unless kept (for a look after a failure).
-class ScratchDir {
- public:
-  ScratchDir();
-  ~ScratchDir();
-  std::string Path(const std::string& name) const;
-  const std::string& path() const { return path_; }
-  void Keep() { keep_ = true; }
-
- private:
-  std::string path_;
-  bool keep_ = false;
-};
-
-using FileBytes = std::vector<unsigned char>;
+// The scratch folders, whole-file bytes and test data of the support
+// library, under the names the tests use.
+using ScratchDir = tzsupport::ScratchFolder;
+using FileBytes = tzsupport::FileBytes;
 // Streams by name and content, in the order they were written.
 using StreamList = std::vector<std::pair<std::string, std::string>>;
 
-FileBytes ReadAll(const std::string& path);
-void WriteAll(const std::string& path, const FileBytes& bytes);
+inline FileBytes ReadAll(const std::string& path) { return tzsupport::ReadFileBytes(path); }
+inline void WriteAll(const std::string& path, const FileBytes& bytes) { tzsupport::WriteFileBytes(path, bytes); }
 
 // Writes `content` to a new stream `name` of `file` ("wb"); true when the
 // stream reported no failure.
@@ -90,7 +82,7 @@ std::size_t EntryAt(const FileBytes& b, const char* name);
 std::uint32_t FirstBlockOf(const FileBytes& b, const char* name);
 
 // Deterministic bytes for a seed.
-std::string Pattern(std::size_t length, std::uint32_t seed);
+inline std::string Pattern(std::size_t length, std::uint32_t seed) { return tzsupport::RandomBytes(length, seed); }
 
 // The platform calls a FaultyEnv can make fail. kWrite and kPartialWrite
 // count block-file writes and working-file puts; under kPartialWrite the

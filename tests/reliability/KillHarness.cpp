@@ -138,18 +138,10 @@ std::uint32_t IndexOf(const std::string& name) {
   return static_cast<std::uint32_t>(std::stoul(name.substr(name.find('-') + 1)));
 }
 
+// The bytes of a record: its own for every (stream, version), rebuilt
+// from the log after a kill.
 std::string Content(std::uint32_t index, std::uint32_t version, std::uint32_t length) {
-  std::string bytes(length, '\0');
-  std::uint64_t state = (std::uint64_t{index} << 32) ^ version ^ 0x9E3779B97F4A7C15ull;
-  for (std::uint32_t i = 0; i < length; i += 8) {
-    // splitmix64: every (index, version) gives its own bytes
-    std::uint64_t z = (state += 0x9E3779B97F4A7C15ull);
-    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
-    z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
-    z ^= z >> 31;
-    for (std::uint32_t k = 0; k < 8 && i + k < length; ++k) bytes[i + k] = static_cast<char>(z >> (8 * k));
-  }
-  return bytes;
+  return tzsupport::RecordBytes(index, version, length);
 }
 
 void ApplyWrite(Streams& streams, const Record& record) {
