@@ -89,6 +89,7 @@ bool SalvageWalk::Unlock(const bf::DirBlock& first, const char* password) {
 
 bool SalvageWalk::ReadDirectory(const char* password) {
   owner_.assign(static_cast<std::size_t>(blocks_) + 1, kNobody);
+  copied_.assign(static_cast<std::size_t>(blocks_) + 1, false);
   if (blocks_ == 0) return true;
   unsigned char raw[bf::kBlockSize];
   bf::DirBlock block;
@@ -159,6 +160,11 @@ bool SalvageWalk::Follow(std::uint32_t n, std::uint32_t id, std::uint64_t limit,
     if (owner_[n] != kNobody) {
       w->why = owner_[n] == id ? where() + " links back to block " + Num(n) + " of the same chain"
                                : "block " + Num(n) + " is held by " + HolderText(n);
+      const std::uint32_t holder = owner_[n] - kFirstEntry;
+      if (out != nullptr && owner_[n] != id && owner_[n] >= kFirstEntry && holder < entries_.size() &&
+          copied_[n] && id >= kFirstEntry && id - kFirstEntry < entries_.size()) {
+        crossings_.push_back(Crossing{holder, n, id - kFirstEntry});
+      }
       return true;
     }
     if (!Read(n, raw)) return false;
@@ -184,6 +190,7 @@ bool SalvageWalk::Follow(std::uint32_t n, std::uint32_t id, std::uint64_t limit,
     if (block.nextBlock == 0 && remaining > bf::kPayloadSize) {
       chunk = std::min<std::uint32_t>(block.usedLength, bf::kPayloadSize);
     }
+    copied_[n] = out != nullptr && chunk != 0;
     if (out != nullptr && chunk != 0) {
       if (cipher_) {
         cipher_->Decrypt(block.payload, static_cast<unsigned>(bf::CipherLength(block.usedLength)));
@@ -252,6 +259,28 @@ void SalvageWalk::ReportEntry(const Entry& e, const std::string& savedAs, const 
   r_.damaged.push_back(std::move(s));
 }
 
+// A stream reported whole whose copied chain runs through a block that a
+// later stream's chain reaches too is listed as damaged instead: one of the
+// two chains took a wrong link, and its bytes from that block on may be the
+// other stream's. Nothing more is lost by it; its bytes stay as copied.
+void SalvageWalk::ReportCrossings() {
+  for (const Crossing& c : crossings_) {
+    const Entry& holder = entries_[c.holder];
+    auto it = std::find(r_.whole.begin(), r_.whole.end(), holder.name);
+    if (it == r_.whole.end()) continue;
+    r_.whole.erase(it);
+    SalvagedStream s;
+    s.name = holder.name;
+    s.savedAs = holder.name;
+    s.firstBlock = holder.first;
+    s.recovered = holder.size;
+    s.why = "its chain runs through block " + Num(c.block) + ", which the chain of " +
+            Quoted(entries_[c.other].name) + " reaches too; its bytes from there may be that stream's";
+    r_.damaged.push_back(std::move(s));
+  }
+  crossings_.clear();
+}
+
 // Step 2 (or 4) for entries_[from...]: each stream copied up to its size,
 // then the rest of each whole chain taken.
 bool SalvageWalk::CopyEntries(std::size_t from) {
@@ -284,6 +313,7 @@ bool SalvageWalk::CopyEntries(std::size_t from) {
     if (!Copy(savedAs, e.first, id, e.size, false, &w)) return false;
     ReportEntry(e, savedAs, nameWhy, w);
   }
+  ReportCrossings();
   for (std::size_t i = from; i < entries_.size(); ++i) {
     Walked& w = walked[i - from];
     if (w.next == 0) continue;

@@ -97,6 +97,17 @@ class SalvageWalk {
   std::unique_ptr<BlowFish::Context> cipher_;
   // Which walk took each block: 0 none, 1 the directory, 2 + k entry k.
   std::vector<std::uint32_t> owner_;
+  std::vector<bool> copied_;         // taken by an entry's walk within its size
+  // Entries whose copied blocks the walk of a later entry reached within
+  // its size: (entry index, the block, the later entry's index). A link of
+  // either chain went wrong, so the first cannot be vouched for as whole.
+  struct Crossing {
+    std::size_t holder;
+    std::uint32_t block;
+    std::size_t other;
+  };
+  std::vector<Crossing> crossings_;
+  void ReportCrossings();
   std::vector<std::uint32_t> next_;  // links of heads in use (step 3)
   std::vector<bool> inUse_;          // own number, signature, in use
   std::vector<Entry> entries_;

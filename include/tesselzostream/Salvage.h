@@ -19,7 +19,11 @@
 ///     it links on to a block with a sound head that no chain holds, or
 ///     ends the stream where its size says; the damage most likely stayed
 ///     in the head, but as the payload cannot be vouched for, the stream
-///     is listed in `damaged` (with nothing lost) and not in `whole`;
+///     is listed in `damaged` (with nothing lost) and not in `whole`.
+///     Nor is a stream whose copied chain runs through a block that a later
+///     stream's chain reaches within its size: one of the two took a wrong
+///     link, and its bytes from there may be the other's (listed in
+///     `damaged` with nothing lost, the other stream named in `why`);
 ///   - the chains that no entry reaches: a block whose head says in use,
 ///     with its own number and signature, held by no chain, to which no
 ///     other such block links, starts one; it is followed as long as it

@@ -273,3 +273,21 @@ TEST_F(Salvage, RefusesWhatItMustNotWrite) {
   EXPECT_FALSE(std::filesystem::exists(fresh));
   EXPECT_FALSE(SalvageCompoundFile(path.c_str(), dir.Path("no/such/folder.cf").c_str()).opened);
 }
+
+// A link of big's flipped, within its size, to small's first block: big
+// reads to its size, its last bytes small's. It is not vouched for as
+// whole once small's chain is found to reach the same block.
+TEST_F(Salvage, AChainThatRunsIntoAnotherIsNotCalledWhole) {
+  FileBytes bytes = sound;
+  Put32(bytes, BlockAt(Nth(sound, "big", 19)) + bf::kOffNextBlock, FirstBlockOf(sound, "small"));
+  Streams got;
+  const SalvageReport r = Run(bytes, nullptr, &got);
+  ASSERT_TRUE(r.opened) << r.openError;
+  EXPECT_EQ(r.whole, (std::vector<std::string>{"empty", "exact"}));
+  ASSERT_EQ(r.damaged.size(), 2u);
+  EXPECT_EQ(r.damaged[0].name, "small");
+  EXPECT_EQ(r.damaged[1].name, "big");
+  EXPECT_EQ(r.damaged[1].lost, 0u);
+  EXPECT_NE(r.damaged[1].why.find("\"small\" reaches too"), std::string::npos) << r.damaged[1].why;
+  EXPECT_EQ(got["big"].substr(0, 20 * bf::kPayloadSize), kBig.substr(0, 20 * bf::kPayloadSize));
+}
