@@ -2,16 +2,17 @@
 // that work on blocks nothing holds.
 //
 // Compaction moves the highest held blocks into the lowest free ones, a
-// batch at a time, and cuts the file behind them. Each batch goes to the
-// file in three steps, each ended by a flush, so that a run killed at any
-// moment leaves every stream readable:
+// batch at a time, and then cuts the file behind them. Each batch goes to
+// the file in two steps, each ended by a flush, and the cut comes after the
+// last, so that a run killed at any moment leaves every stream readable:
 //   1. copies: each moved block is written to its new place with its new
 //      number and, where its successor moves in the same batch, the
 //      successor's new number. Nothing names the copies yet.
 //   2. links: the holders of the moved blocks (entries, directory blocks,
 //      data blocks that stay) are rewritten to name the copies. A holder
 //      names the old block or its copy, and both hold the same bytes.
-//   3. the cut: nothing names a block above the highest held one any more.
+//   3. the cut, once, when the run ends or stops: nothing names a block
+//      above the highest held one any more.
 // A run that stops between two steps leaves copies or old blocks that no
 // chain holds but whose heads say in use; the next open for writing finds
 // the directory out of step with the saved map and frees them, and the
@@ -37,6 +38,7 @@ namespace {
 constexpr std::uint32_t kScanRun = 1024;     // blocks read by one call of the scan
 constexpr std::uint32_t kMoveBatch = 1024;   // moves between the flushes of a batch
 constexpr std::uint32_t kMoveRun = 256;      // blocks copied by one read and one write
+
 // The heads of blocks first .. first + count - 1, read into `run`, into
 // the graph.
 void SetHeads(BlockGraph& graph, std::uint32_t first, std::uint32_t count, const unsigned char* run) {
