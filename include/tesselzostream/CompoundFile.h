@@ -172,7 +172,8 @@ class TZ_EXPORT CompoundFile {
   /// opened for writing, with no stream of it open and no batch running;
   /// otherwise they return StatusFailed and change nothing, not even the
   /// file's status (StatusNotOpen without a file, the status when it has
-  /// failed). Neither needs the password of an encrypted file: a payload's
+  /// failed; StatusPasswordNeeded is no failure here, and stays). Neither
+  /// needs the password of an encrypted file: a payload's
   /// cipher does not depend on the block it lies in, so blocks move
   /// verbatim, and the file stays encrypted. Both first walk every chain
   /// from the directory; a chain that leaves the file, loops, shares a block
@@ -213,8 +214,9 @@ class TZ_EXPORT CompoundFile {
   /// so that deleted content cannot be read back from the file; blocks
   /// that hold those bytes already are left alone. Used blocks are not
   /// touched, and every stream reads back as before. `scrubbed`, when
-  /// given, receives the number of blocks written. Returns the file's
-  /// status.
+  /// given, receives the number of free blocks overwritten (the saved block
+  /// map's old chain, cleared too and written anew, is not counted).
+  /// Returns the file's status.
   /// REQUIRES: no other call on this file runs meanwhile, on any thread.
   ZoStreamE::Status ScrubFreeBlocks(std::uint32_t* scrubbed = nullptr);
   /// @}
