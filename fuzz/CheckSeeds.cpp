@@ -19,6 +19,7 @@
 #include "tesselzostream/CompoundFileCheck.h"
 #include "tesselzostream/FormatFacts.h"
 #include "testsupport/SeedArguments.h"
+#include "fuzz/SeedFiles.h"
 
 using namespace tzfuzz::check;
 
@@ -27,17 +28,7 @@ int main(int argc, char** argv) {
   if (!tzsupport::ParseSeedArguments(argc, argv, false, &args)) return 2;
   const std::string& folder = args.corpus;
   auto make = [&](const char* name, bool deleteOne, bool encrypt) {
-    const std::string path = folder + "/" + name;
-    std::remove(path.c_str());
-    CompoundFile file;
-    if (file.Open(path.c_str(), ZoStreamE::OpenReadWrite) != ZoStreamE::StatusOk) std::exit(1);
-    for (int i = 0; i < 4; ++i) {
-      std::unique_ptr<std::iostream> s(file.GetIOStream(("s" + std::to_string(i)).c_str(), "wb"));
-      *s << std::string(static_cast<std::size_t>(i) * 700, static_cast<char>('a' + i));
-    }
-    if (deleteOne) file.DeleteCFFile("s2");
-    if (encrypt && file.Encrypt(kPassword) != ZoStreamE::StatusOk) std::exit(1);
-    file.Close();
+    tzfuzz::MakeSeedFile(folder + "/" + name, {false, deleteOne, encrypt ? kPassword : nullptr});
   };
   make("sound.cf", false, false);
   make("deleted.cf", true, false);

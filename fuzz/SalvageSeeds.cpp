@@ -14,6 +14,7 @@
 
 #include "blockstore/BlockFormat.h"
 #include "fuzz/FuzzUtil.h"
+#include "fuzz/SeedFiles.h"
 #include "fuzz/SalvageInput.h"
 #include "tesselzostream/CompoundFile.h"
 #include "tesselzostream/CompoundFileCheck.h"
@@ -28,22 +29,7 @@ int main(int argc, char** argv) {
   const std::string& folder = args.corpus;
   auto make = [&](const char* name, bool deleteOne, bool encrypt, bool cut, bool grow) {
     const std::string path = folder + "/" + name;
-    std::remove(path.c_str());
-    {
-      CompoundFile file;
-      if (file.Open(path.c_str(), ZoStreamE::OpenReadWrite) != ZoStreamE::StatusOk) std::exit(1);
-      for (int i = 0; i < 4; ++i) {
-        std::unique_ptr<std::iostream> s(file.GetIOStream(("s" + std::to_string(i)).c_str(), "wb"));
-        *s << std::string(static_cast<std::size_t>(i) * 700, static_cast<char>('a' + i));
-      }
-      if (grow) {
-        std::unique_ptr<std::iostream> s(file.GetIOStream("s1", "r+b"));
-        s->seekp(3000);
-      }
-      if (deleteOne) file.DeleteCFFile("s2");
-      if (encrypt && file.Encrypt(kPassword) != ZoStreamE::StatusOk) std::exit(1);
-      file.Close();
-    }
+    tzfuzz::MakeSeedFile(path, {grow, deleteOne, encrypt ? kPassword : nullptr});
     if (cut) {  // the last stream's first block ends its chain
       std::vector<std::uint8_t> bytes = tzfuzz::ReadBytes(path);
       CompoundFile file;
