@@ -41,19 +41,8 @@ class CompoundFiles : public System {
     clock.Start();
     CompoundFile cf;
     OpenFile(cf, store, ZoStreamE::OpenReadOnly);
-    for (std::size_t i = 0; i < c.streams; ++i) {
-      const std::string name = StreamName(i);
-      if (!c.Has(i)) {
-        if (cf.Exists(name.c_str())) tally.Unexpected();
-        continue;
-      }
-      std::unique_ptr<std::iostream> in(cf.GetIOStream(name.c_str(), "rb"));
-      if (!in) {
-        tally.Unexpected();
-        continue;
-      }
-      ReadStream(*in, i, c, buffer, tally);
-    }
+    ReadEach(c, buffer, tally, [&](const std::string& name) { return cf.Exists(name.c_str()); },
+             [&](const std::string& name) { return std::unique_ptr<std::istream>(cf.GetIOStream(name.c_str(), "rb")); });
     CloseFile(cf);
     clock.Stop();
     return tally.Finish();
@@ -106,6 +95,24 @@ class CompoundFiles : public System {
     });
     out.flush();
     if (!out.good()) Fail("write failed for " + StreamName(i));
+  }
+  // Every stream `c` holds, through `open` (null when it cannot be had);
+  // a name `c` does not hold must not `exist`.
+  template <typename Exists, typename Open>
+  static void ReadEach(const Contents& c, std::vector<char>& buffer, Tally& tally, Exists exists, Open open) {
+    for (std::size_t i = 0; i < c.streams; ++i) {
+      const std::string name = StreamName(i);
+      if (!c.Has(i)) {
+        if (exists(name)) tally.Unexpected();
+        continue;
+      }
+      std::unique_ptr<std::istream> in = open(name);
+      if (!in) {
+        tally.Unexpected();
+        continue;
+      }
+      ReadStream(*in, i, c, buffer, tally);
+    }
   }
   static void ReadStream(std::istream& in, std::size_t i, const Contents& c, std::vector<char>& buffer, Tally& tally) {
     std::uint64_t got = 0;

@@ -33,19 +33,8 @@ class PureSource : public CompoundFiles {
     clock.Start();
     PureCompoundFileStreamSource source;
     if (!source.Open(store.c_str(), true)) Fail("cannot open source on " + store.string());
-    for (std::size_t i = 0; i < c.streams; ++i) {
-      const std::string name = StreamName(i);
-      if (!c.Has(i)) {
-        if (source.StreamExists(name.c_str())) tally.Unexpected();
-        continue;
-      }
-      std::unique_ptr<std::istream> in(source.GetIStream(name.c_str()));
-      if (!in) {
-        tally.Unexpected();
-        continue;
-      }
-      ReadStream(*in, i, c, buffer, tally);
-    }
+    ReadEach(c, buffer, tally, [&](const std::string& name) { return source.StreamExists(name.c_str()); },
+             [&](const std::string& name) { return std::unique_ptr<std::istream>(source.GetIStream(name.c_str())); });
     source.Close();
     clock.Stop();
     return tally.Finish();
