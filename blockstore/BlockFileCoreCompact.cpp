@@ -270,12 +270,12 @@ void BlockFileCore::SettleAsAtClose(const BlockGraph& graph) {
   table[0] = 0;
   for (std::uint32_t n = 1; n <= count; ++n) table[n] = graph.Held(n) ? 1 : 0;
   blockMap.AdoptTable(std::move(table), static_cast<std::int32_t>(count));
-  linkSource.clear();
   savedMapTaken = false;  // the map is exact: no head needs asking
   WriteFreeList();
   ClearMark();
   FlushFile();
   if (status != ZoStreamE::StatusOk) return;
+  // What this session allocated is on the disk as a close leaves it.
   directoryDirty = false;
   blocksWritten = false;
   linkSource.clear();

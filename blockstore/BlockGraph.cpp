@@ -110,17 +110,14 @@ void BlockGraph::ApplyMoves(const std::vector<Move>& moves) {
     state_[m.to] = static_cast<std::uint8_t>((state_[m.from] & (kHeld | kDirectory)) | kUsedInHead | kSoundHead);
     next_[m.to] = destination(next_[m.from], i + 1);
     holder_[m.to] = byBlock ? destination(holder, i - 1) : holder;
+    // A holder that stays (never a source) links to the copy now.
+    if (byBlock && holder_[m.to] == holder) next_[holder] = m.to;
   }
   for (std::size_t i = 0; i < moves.size(); ++i) {
     const Move& m = moves[i];
     const std::uint32_t after = next_[m.from];
-    // A successor that stays where it is now has the copy as its holder,
-    // and a holder that stays links to the copy.
+    // A successor that stays where it is now has the copy as its holder.
     if (after != 0 && destination(after, i + 1) == after) holder_[after] = m.to;
-    const std::uint32_t holder = holder_[m.to];
-    if (holder != 0 && (holder & kEntryHolder) == 0 && destination(holder, i - 1) == holder) {
-      next_[holder] = m.to;
-    }
     // The source is left as a run that did not finish would leave it: in
     // use by its head, held by nothing.
     state_[m.from] = kUsedInHead | kSoundHead;
