@@ -200,6 +200,7 @@ Status BlockFileCore::Close() {
   cipher.reset();
   blocksWritten = false;
   linkSource.clear();
+  linkCensus = {};
   savedMapTaken = false;
   cleanAtOpen = false;
   markOnDisk = false;

@@ -29,9 +29,12 @@
 //     treat such a link as the end of the chain; reads report StatusFailed.
 //     A writer stepping on also ends the chain at a link beyond the end of
 //     the file that this session did not make (LinkLeavesFile); a read
-//     reports StatusPastEnd there. For the same reason an open for writing frees every entry whose first
-//     block lies beyond the end of the file, is free in the map, is a
-//     directory block, or is the first block of an earlier entry.
+//     reports StatusPastEnd there. Beyond the blocks its size needs, where
+//     no read has looked, a writer ends the chain at a block the file names
+//     twice (TailLinkIsSound). For the same reason an open for writing frees
+//     every entry whose first block lies beyond the end of the file, is free
+//     in the map, is a directory block, or is the first block of an earlier
+//     entry.
 // (7) A block is handed out only when no chain holds it, as far as the
 //     file's heads tell: a map taken from the saved list is checked against
 //     the head of each block it offers (AllocBlockNumber), since its digest
@@ -49,6 +52,7 @@
 #define TESSELZOSTREAM_BLOCKSTORE_BLOCKFILECORE_H_
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -194,6 +198,13 @@ class BlockFileCore {
   // True when following the link from block `from` to block `to` (read from
   // the file) stays inside the chain of `from`; see invariant (6).
   bool LinkIsSound(std::uint32_t from, std::uint32_t to) const;
+  // LinkIsSound for a writer stepping from `from`, a block beyond those its
+  // stream's size needs: in a session that trusted the saved map, also false
+  // when the file names `to` more than once (another chain's block, or a
+  // loop). The first such step of a session reads the head of every block
+  // the map calls used (BlockFileCoreLinks.cpp); a failed read fails the
+  // status.
+  bool TailLinkIsSound(std::uint32_t from, std::uint32_t to);
   // True in a file open for writing when block `to` lies beyond the end of
   // the file and this session did not allocate it: no stream's bytes can
   // lie there, so a writer ends the chain at such a link.
@@ -403,6 +414,17 @@ class BlockFileCore {
   tz::PagedArray<std::uint32_t> linkSource{kNotAllocated};
   std::vector<bool> isDirBlock;  // by block number
   bool savedMapTaken = false;    // the map came from the saved list at open
+  // By block number, how often the file named the block (capped at 2) when
+  // a writer first stepped beyond a stream's size; empty until then, and
+  // again after a close or compaction. See TailLinkIsSound.
+  std::vector<std::uint8_t> linkCensus;
+  bool TakeLinkCensus();
+  // Reads the blocks in runs of up to kScanRun, every block with `full`,
+  // else only those the map calls used, and hands each run to `take` with
+  // its first number and length. False, with the status failed, when a
+  // read fails.
+  static constexpr std::uint32_t kScanRun = 1024;
+  bool ReadHeadRuns(bool full, const std::function<void(std::uint32_t, std::uint32_t, const unsigned char*)>& take);
   // Links of every block, recorded by the scan at an open that repairs.
   std::vector<std::uint32_t> scannedLinks;
   bool recordLinks = false;

@@ -333,31 +333,3 @@ boost::shared_ptr<DirBlock> BlockFileCore::AllocDirBlock() {
   block->inUse = 1;
   return block;
 }
-
-void BlockFileCore::NoteLink(std::uint32_t from, std::uint32_t to) {
-  if (to < linkSource.size()) linkSource[to] = from;
-}
-
-bool BlockFileCore::LinkIsSound(std::uint32_t from, std::uint32_t to) const {
-  if (readOnly) return true;  // no map to ask, and the file cannot change
-  if (to < linkSource.size() && linkSource[to] != kNotAllocated) return linkSource[to] == from;
-  // A data chain never runs through the directory.
-  if (to < isDirBlock.size() && isDirBlock[to]) return false;
-  // Beyond the end, the read itself reports StatusPastEnd.
-  if (to > BlockCount()) return true;
-  return blockMap.Get(static_cast<std::int32_t>(to)) != 0;
-}
-
-bool BlockFileCore::LinksOnInFile(std::uint32_t n) {
-  if (readOnly || status != ZoStreamE::StatusOk || n == 0 || n > BlockCount()) return false;
-  std::lock_guard<std::recursive_mutex> hold(readLock);
-  unsigned char raw[bf::kBlockSize];
-  if (!file->ReadBlock(n, raw)) return false;
-  bf::BlockHead head;
-  bf::DecodeHead(raw, &head);
-  return head.nextBlock != 0;
-}
-
-bool BlockFileCore::LinkLeavesFile(std::uint32_t to) const {
-  return !readOnly && to > BlockCount() && !(to < linkSource.size() && linkSource[to] != kNotAllocated);
-}

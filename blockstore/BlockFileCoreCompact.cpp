@@ -35,7 +35,6 @@ using ZoStreamE::Status;
 namespace bf = blockformat;
 
 namespace {
-constexpr std::uint32_t kScanRun = 1024;     // blocks read by one call of the scan
 constexpr std::uint32_t kMoveBatch = 1024;   // moves between the flushes of a batch
 constexpr std::uint32_t kMoveRun = 256;      // blocks copied by one read and one write
 
@@ -85,26 +84,10 @@ Status BlockFileCore::EndMaintenance(Status before) {
 // through any other block then fails to hold, and the caller scans again
 // in full. Blocks not read count as free and unused by their heads.
 bool BlockFileCore::BuildBlockGraph(BlockGraph& graph, const DirEntry* skip, bool full) {
-  const std::uint32_t count = graph.blocks();
-  std::unique_ptr<unsigned char[]> run(new unsigned char[std::size_t{kScanRun} * bf::kBlockSize]);
-  auto used = [&](std::uint32_t b) { return full || blockMap.Get(static_cast<std::int32_t>(b)) != 0; };
-  for (std::uint32_t first = 1; first <= count;) {
-    if (!used(first)) {
-      ++first;
-      continue;
-    }
-    std::uint32_t n = 1;
-    while (n < kScanRun && first + n <= count && used(first + n)) ++n;
-    {
-      std::lock_guard<std::recursive_mutex> hold(readLock);
-      if (!file->ReadRun(first, n, run.get())) {
-        Fail();
-        return false;
-      }
-    }
-    SetHeads(graph, first, n, run.get());
-    first += n;
-  }
+  const bool read = ReadHeadRuns(full, [&](std::uint32_t first, std::uint32_t n, const unsigned char* run) {
+    SetHeads(graph, first, n, run);
+  });
+  if (!read) return false;
   if (!graph.HoldDirectory(dirBlockNumberAt)) return false;
   const std::uint32_t slots = static_cast<std::uint32_t>(dirBlocks.size()) * bf::kEntriesPerBlock;
   for (std::uint32_t slot = 0; slot < slots; ++slot) {
@@ -279,6 +262,7 @@ void BlockFileCore::SettleAsAtClose(const BlockGraph& graph) {
   directoryDirty = false;
   blocksWritten = false;
   linkSource.clear();
+  linkCensus = {};
   DirectoryReachedFile();
   StartSession(true);
 }

@@ -91,10 +91,16 @@ void ZoIOStreamDevice::NextBlock(bool mayGrow, unsigned char* payloadTo) {
   // did not make (a run that crashed after writing a link but before the
   // block it names leaves one): following it could only fail, and a seek
   // or write past the stream's end would break a sound file. A reader
-  // still meets such a link as StatusPastEnd.
+  // still meets such a link as StatusPastEnd. Beyond the blocks the size
+  // needs, where no read has looked, a writer also ends the chain at a block
+  // the file names twice (a loop, or another stream's block).
   const std::uint32_t next = d.current->nextBlock;
-  const bool sound = next != 0 && d.core->LinkIsSound(d.current->blockNumber, next) &&
+  const bool pastSize = mayGrow && d.blockIndex > d.entry->size / kPayload;
+  const bool sound = next != 0 &&
+                     (pastSize ? d.core->TailLinkIsSound(d.current->blockNumber, next)
+                               : d.core->LinkIsSound(d.current->blockNumber, next)) &&
                      !(mayGrow && d.core->LinkLeavesFile(next));
+  if (Failed()) return;  // the census could not read the file
   if (!sound) {
     // A reader at the end of its copy of the chain grows it as a writer
     // does only where that copy is older than the file's block: another

@@ -521,3 +521,61 @@ TEST_F(DamageTest, ANameThatStandsTwiceKeepsItsFirstEntry) {
   ExpectTakesAStream();
 }
 
+
+// Beyond a stream's size its chain holds the blocks a seek past the end
+// left, which no read looks at. A writer stepping there follows a link the
+// file names once, as in a sound file (no block is added), but ends the
+// chain before a block named twice: another stream's, the saved map's, or
+// one of its own (a loop, which would otherwise walk until the file fails).
+TEST_F(DamageTest, WriterBeyondTheSizeFollowsOnlyTheStreamsOwnTail) {
+  const std::string expected = Pattern(3000, 2) + std::string(57000, '\0') + "xyz";
+  auto seekAndWrite = [&](CompoundFile& f) {
+    std::unique_ptr<std::iostream> s(f.GetIOStream("beta", "rb"));
+    ASSERT_TRUE(s != nullptr);
+    s->seekg(60000);
+    s->write("xyz", 3);
+    s->flush();
+    EXPECT_TRUE(s->good());
+  };
+  {
+    SCOPED_TRACE("a tail left by a seek in an earlier session");
+    Install(good_);
+    {
+      OpenedFile f(path_, OpenReadWrite);
+      std::unique_ptr<std::iostream> s(f.GetIOStream("beta", "rb"));
+      s->seekg(60000);
+      EXPECT_TRUE(s->good());
+    }
+    const std::size_t withTail = ReadAll(path_).size();
+    {
+      OpenedFile f(path_, OpenReadWrite);
+      seekAndWrite(f);
+      EXPECT_EQ(StatusOk, f.Close());
+    }
+    EXPECT_EQ(withTail, ReadAll(path_).size());
+    EXPECT_TRUE(CheckCompoundFile(path_.c_str()).Sound());
+    OpenedFile f(path_, OpenReadOnly);
+    EXPECT_EQ(expected, GetStream(f, "beta"));
+  }
+  const std::uint32_t last = beta_.back();
+  const std::vector<std::pair<const char*, std::uint32_t>> cases = {
+      {"into another stream", FirstBlockOf(good_, "gamma")},
+      {"into another stream's second block", Chain(good_, FirstBlockOf(good_, "gamma"))[1]},
+      {"into the saved map", FirstBlockOf(good_, bf::kFreeListName)},
+      {"to itself", last},
+      {"back to its first block", beta_[0]},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.first);
+    Install(With([&](Bytes& b) { Put32(b, BlockAt(last) + bf::kOffNextBlock, c.second); }));
+    {
+      OpenedFile f(path_, OpenReadWrite);
+      seekAndWrite(f);
+      EXPECT_EQ(StatusOk, f.Close());
+    }
+    EXPECT_TRUE(CheckCompoundFile(path_.c_str()).Sound());
+    OpenedFile f(path_, OpenReadOnly);
+    EXPECT_EQ(expected, GetStream(f, "beta"));
+    ExpectStreams(f, streams_, "beta");
+  }
+}
