@@ -38,12 +38,15 @@ bool IsOpenFile(const char* name, const char* openName) {
   const fs::path path(name);
   const std::string leaf = path.filename().string();
   std::string entry;
+  // A name whose canonical form cannot be worked out may be the open file:
+  // it counts as that file, and the copy is refused.
   if (leaf.empty() || leaf == "." || leaf == "..") {
     entry = ZoGetCanonicalPath(name);
+    if (entry.empty()) return true;
   } else {
     const fs::path parent = path.has_parent_path() ? path.parent_path() : fs::path(".");
     entry = ZoGetCanonicalPath(parent.string().c_str());
-    if (entry.empty()) return false;
+    if (entry.empty()) return true;
     if (entry.back() != '/') entry += '/';
     entry += leaf;
   }

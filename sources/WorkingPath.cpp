@@ -54,14 +54,15 @@ bool IsInsideFolder(const std::string& folder, const char* name, bool* unsure) {
     if (info.kind != FileKind::kLink) continue;
     if (root.empty()) {
       root = ZoGetCanonicalPath(folder.c_str());
-      if (root.empty()) return false;
+      if (root.empty()) return cannotTell();
     }
     // A link leads out unless its fully resolved target lies inside the
     // folder; a dangling link could make a file anywhere, so it is refused.
     FileInfo target;
     if (!env->Stat(prefix, true, &target, error)) return error ? cannotTell() : false;
     const std::string resolved = ZoGetCanonicalPath(prefix.c_str());
-    if (resolved.empty() || !IsWithin(resolved, root)) return false;
+    if (resolved.empty()) return cannotTell();
+    if (!IsWithin(resolved, root)) return false;
     if (resolved == root && i + 1 == parts.size()) return false;  // the folder
   }
   return true;

@@ -8,7 +8,7 @@ namespace tzsupport {
 
 const char* FaultName(Fault kind) {
   static const char* const names[] = {"write", "partial write", "read", "flush", "open", "rename", "remove",
-                                      "stat", "list", "mkdir"};
+                                      "stat", "list", "mkdir", "canonical path"};
   static_assert(sizeof names / sizeof names[0] == sizeof kAllFaults / sizeof kAllFaults[0], "a name for each");
   return names[static_cast<int>(kind)];
 }
@@ -153,6 +153,12 @@ bool FaultyEnv::ListFolder(const std::string& path, std::vector<tz::FolderEntry>
 
 bool FaultyEnv::MakeFolder(const std::string& path, boost::system::error_code& error) {
   return Allow(Fault::kMkdir) ? tz::Env::Default()->MakeFolder(path, error) : Failed(error);
+}
+
+// A path whose canonical form cannot be worked out, as when one of its
+// folders cannot be examined.
+std::string FaultyEnv::CanonicalPath(const std::string& path) {
+  return Allow(Fault::kCanonical) ? tz::Env::Default()->CanonicalPath(path) : std::string();
 }
 
 }  // namespace tzsupport

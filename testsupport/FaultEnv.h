@@ -25,13 +25,14 @@ namespace tzsupport {
 // (a block-file write only when it grows the file). kSync is a working
 // file's flush; kOpen counts opens of block and working files alike, and
 // MakeUniqueFolder. kRemove counts Remove and RemoveAll; kStat counts Stat
-// (so Exists too); kList counts ListFolder; kMkdir counts MakeFolder.
-enum class Fault { kWrite, kPartialWrite, kRead, kSync, kOpen, kRename, kRemove, kStat, kList, kMkdir };
+// (so Exists too); kList counts ListFolder; kMkdir counts MakeFolder;
+// kCanonical counts CanonicalPath.
+enum class Fault { kWrite, kPartialWrite, kRead, kSync, kOpen, kRename, kRemove, kStat, kList, kMkdir, kCanonical };
 const char* FaultName(Fault kind);
 constexpr Fault kAllFaults[] = {Fault::kWrite,  Fault::kPartialWrite, Fault::kRead,
                                 Fault::kSync,   Fault::kOpen,         Fault::kRename,
                                 Fault::kRemove, Fault::kStat,         Fault::kList,
-                                Fault::kMkdir};
+                                Fault::kMkdir,  Fault::kCanonical};
 
 // The default Env, but failing call number `failAt` (from 1 since the last
 // Reset) of the armed kind and every later one, as a full disk or a dead
@@ -53,6 +54,7 @@ class FaultyEnv : public tz::Env {
   bool ListFolder(const std::string& path, std::vector<tz::FolderEntry>* entries,
                   boost::system::error_code& error) override;
   bool MakeFolder(const std::string& path, boost::system::error_code& error) override;
+  std::string CanonicalPath(const std::string& path) override;
   std::int64_t Now() override { return tz::Env::Default()->Now(); }
 
   void Reset(Fault kind, int failAt) { kind_ = kind; failAt_ = failAt; calls_ = 0; }

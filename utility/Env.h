@@ -134,6 +134,11 @@ class Env {
   // REQUIRES: entries != nullptr.
   virtual bool ListFolder(const std::string& path, std::vector<FolderEntry>* entries,
                           boost::system::error_code& error);
+  // The absolute form of path with "." and ".." taken out and symbolic
+  // links resolved as far as the path exists: one text for all the ways of
+  // naming one file. Empty when it cannot be worked out (an empty path, a
+  // component that cannot be examined).
+  virtual std::string CanonicalPath(const std::string& path);
   // Makes the folder at path (one level, its parent must exist). True when
   // it was made or a folder was there already; false, with the reason in
   // `error`, otherwise (a file in its place among them).

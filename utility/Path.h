@@ -7,7 +7,8 @@
 #include <string>
 
 // The absolute path with "." and ".." removed and symbolic links resolved
-// as far as the path exists. Empty for a null, empty or unusable path.
+// as far as the path exists, as the platform layer in place works it out
+// (tz::Env::CanonicalPath). Empty for a null, empty or unusable path.
 // Never throws.
 std::string ZoGetCanonicalPath(const char* path);
 

@@ -9,6 +9,8 @@
 // copy back or SaveAs, made again, saves it all; a failed compaction leaves
 // the streams whole under the file's name or the temporary name it reports;
 // a failed extraction leaves no working file with a part of its stream.
+#include <unistd.h>
+
 #include <functional>
 
 #include "tests/sources/SourceFixture.h"
@@ -251,6 +253,42 @@ TEST_F(SourceFaultTest, ExtractionLeavesWholeFilesOrNone) {
 }
 
 // A working file's stream reports a failed put or flush in its state.
+// A stream whose working file lies behind a link inside the folder is
+// copied only when the link's target can be worked out, as is the target
+// file's own name: a SaveAs that cannot tell fails and keeps the change
+// pending, rather than storing the old content as for a refused name.
+TEST_F(SourceFaultTest, AnUnresolvablePathNeverSavesStaleContent) {
+  const std::string target = dir.Path("copy.tzcf");
+  bool clean = false;
+  for (int n = 1; n <= kMaxRounds && !clean && !HasFailure(); ++n) {
+    SCOPED_TRACE("failing canonical path " + std::to_string(n));
+    fs::remove_all(work);
+    fs::remove(file);
+    fs::remove(target);
+    Store({{"sub/x", "old"}});
+    std::unique_ptr<Source> source = Opened();
+    const std::string folder = source->GetDirectoryName();
+    fs::create_directory(folder + "real");
+    ASSERT_EQ(0, ::symlink("real", (folder + "sub").c_str()));
+    ASSERT_TRUE(Fill(source->GetOStream("sub/x"), "new"));
+    Source::Error saved;
+    {
+      tztest::FaultyEnv env;
+      tztest::ScopedEnv scoped(&env);
+      env.Reset(Fault::kCanonical, n);
+      saved = source->SaveAs(target.c_str());
+      clean = !env.hit();
+    }
+    if (saved != Source::NoError) {
+      EXPECT_TRUE(source->IsDirty());
+      ASSERT_EQ(Source::NoError, source->SaveAs(target.c_str()));
+    }
+    EXPECT_EQ("new", Stored(target).at("sub/x"));
+    source->Close(Source::DiscardChanges, false);
+  }
+  EXPECT_TRUE(clean);
+}
+
 TEST_F(SourceFaultTest, WorkingStreamsShowFailuresInTheirState) {
   Store(kBefore);
   std::unique_ptr<Source> source = Opened();
