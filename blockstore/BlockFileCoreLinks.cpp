@@ -52,7 +52,12 @@ bool BlockFileCore::TakeLinkCensus() {
   for (std::uint32_t slot = 0; slot < slots; ++slot) name(EntryAt(slot)->firstBlock);
   const bool read = ReadHeadRuns(false, [&](std::uint32_t first, std::uint32_t n, const unsigned char* run) {
     for (std::uint32_t k = 0; k < n; ++k) {
-      if (isDirBlock.size() > first + k && isDirBlock[first + k]) continue;
+      const std::uint32_t b = first + k;
+      if (b < isDirBlock.size() && isDirBlock[b]) continue;
+      // A block this session allocated links only to blocks it allocated
+      // too, and until a stream writes it the file still holds the head of
+      // its earlier life, whose link is stale.
+      if (b < linkSource.size() && linkSource[b] != kNotAllocated) continue;
       bf::BlockHead head;
       bf::DecodeHead(run + std::size_t{k} * bf::kBlockSize, &head);
       name(head.nextBlock);

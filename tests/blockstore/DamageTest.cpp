@@ -521,7 +521,6 @@ TEST_F(DamageTest, ANameThatStandsTwiceKeepsItsFirstEntry) {
   ExpectTakesAStream();
 }
 
-
 // Beyond a stream's size its chain holds the blocks a seek past the end
 // left, which no read looks at. A writer stepping there follows a link the
 // file names once, as in a sound file (no block is added), but ends the
@@ -553,6 +552,36 @@ TEST_F(DamageTest, WriterBeyondTheSizeFollowsOnlyTheStreamsOwnTail) {
       EXPECT_EQ(StatusOk, f.Close());
     }
     EXPECT_EQ(withTail, ReadAll(path_).size());
+    EXPECT_TRUE(CheckCompoundFile(path_.c_str()).Sound());
+    OpenedFile f(path_, OpenReadOnly);
+    EXPECT_EQ(expected, GetStream(f, "beta"));
+  }
+  {
+    // A free block keeps the link of its earlier life, which may name a
+    // block of the tail now; it is not counted.
+    SCOPED_TRACE("a stale link in a free block");
+    Install(good_);
+    {
+      OpenedFile f(path_, OpenReadWrite);
+      std::unique_ptr<std::iostream> s(f.GetIOStream("beta", "rb"));
+      s->seekg(60000);
+      s.reset();
+      EXPECT_TRUE(f.DeleteCFFile("gamma"));
+    }
+    Bytes bytes = ReadAll(path_);
+    std::uint32_t freed = 0;
+    for (std::uint32_t n = 1; n <= BlockCount(bytes) && freed == 0; ++n) {
+      if (bytes[BlockAt(n) + bf::kOffInUse] == 0) freed = n;
+    }
+    ASSERT_NE(0u, freed);
+    Put32(bytes, BlockAt(freed) + bf::kOffNextBlock, Chain(bytes, FirstBlockOf(bytes, "beta"))[3]);
+    Install(bytes);
+    {
+      OpenedFile f(path_, OpenReadWrite);
+      seekAndWrite(f);
+      EXPECT_EQ(StatusOk, f.Close());
+    }
+    EXPECT_EQ(bytes.size(), ReadAll(path_).size());
     EXPECT_TRUE(CheckCompoundFile(path_.c_str()).Sound());
     OpenedFile f(path_, OpenReadOnly);
     EXPECT_EQ(expected, GetStream(f, "beta"));
