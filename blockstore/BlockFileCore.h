@@ -424,7 +424,8 @@ class BlockFileCore {
   // its first number and length. False, with the status failed, when a
   // read fails.
   static constexpr std::uint32_t kScanRun = 1024;
-  bool ReadHeadRuns(bool full, const std::function<void(std::uint32_t, std::uint32_t, const unsigned char*)>& take);
+  using RunTaker = std::function<void(std::uint32_t first, std::uint32_t count, const unsigned char* run)>;
+  bool ReadHeadRuns(bool full, const RunTaker& take);
   // Links of every block, recorded by the scan at an open that repairs.
   std::vector<std::uint32_t> scannedLinks;
   bool recordLinks = false;

@@ -68,8 +68,7 @@ bool BlockFileCore::TakeLinkCensus() {
   return true;
 }
 
-bool BlockFileCore::ReadHeadRuns(bool full, const std::function<void(std::uint32_t, std::uint32_t,
-                                                                     const unsigned char*)>& take) {
+bool BlockFileCore::ReadHeadRuns(bool full, const RunTaker& take) {
   const std::uint32_t count = BlockCount();
   std::unique_ptr<unsigned char[]> run(new unsigned char[std::size_t{kScanRun} * bf::kBlockSize]);
   auto used = [&](std::uint32_t b) { return full || blockMap.Get(static_cast<std::int32_t>(b)) != 0; };
