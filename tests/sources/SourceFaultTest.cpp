@@ -252,7 +252,6 @@ TEST_F(SourceFaultTest, ExtractionLeavesWholeFilesOrNone) {
              });
 }
 
-// A working file's stream reports a failed put or flush in its state.
 // A stream whose working file lies behind a link inside the folder is
 // copied only when the link's target can be worked out, as is the target
 // file's own name: a SaveAs that cannot tell fails and keeps the change
@@ -289,6 +288,7 @@ TEST_F(SourceFaultTest, AnUnresolvablePathNeverSavesStaleContent) {
   EXPECT_TRUE(clean);
 }
 
+// A working file's stream reports a failed put or flush in its state.
 TEST_F(SourceFaultTest, WorkingStreamsShowFailuresInTheirState) {
   Store(kBefore);
   std::unique_ptr<Source> source = Opened();
